@@ -1,0 +1,3 @@
+#pragma once
+
+#include "veltrano/export.h"
