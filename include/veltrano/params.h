@@ -81,6 +81,9 @@ struct VELTRANO_API claheParam : public paramBase {
     // Resets the four settings to 8, 8, 256 and 600 without reading any file.
     void loadParam();
     void saveParam();
+
+private:
+    void bindKeys();
 };
 
 // CLAHE settings of the post-processing chain. Loads "param1".."param4" (peak, histBin,
@@ -105,6 +108,9 @@ struct VELTRANO_API struClaheParam : public paramBase {
     // Resets the four settings to 8, 8, 256 and 600, then reads them if a path is set.
     void loadParam();
     void saveParam();
+
+private:
+    void bindKeys();
 };
 
 // Edge margins cut by edgeClip_*; section "clipParam".
