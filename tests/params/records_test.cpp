@@ -10,78 +10,27 @@ using params_test::ScratchFile;
 
 namespace {
 
-TEST(Records, DefaultsAreTheDocumentedOnes) {
+// Most defaults show in the saved texts below; these are the ones no test saves.
+TEST(Records, DefaultsOfFieldsThatAreNotSavedElsewhere) {
     const claheParam c;
-    EXPECT_EQ(c.widthBlockNum, 8);
-    EXPECT_EQ(c.heightBlockNum, 8);
-    EXPECT_EQ(c.histBin, 256);
-    EXPECT_EQ(c.peak, 200);
+    EXPECT_EQ(c.peak, 200);  // 600 only after a load
     EXPECT_EQ(c.binScale, 0.5f);
     EXPECT_EQ(c.outMax, 65535.0f);
     EXPECT_EQ(c.filePath, nullptr);
-
-    const struClaheParam sc;
-    EXPECT_EQ(sc.peak, 200);
-    EXPECT_EQ(sc.histBin, 256);
-    EXPECT_EQ(sc.sectionIndex, 0);
-
-    const clipParam clip;
-    EXPECT_EQ(clip.up, 20);
-    EXPECT_EQ(clip.down, 20);
-    EXPECT_EQ(clip.left, 200);
-    EXPECT_EQ(clip.right, 200);
-
-    const struAceGammaParam ace(4);
-    EXPECT_EQ(ace.param1, 20);
-    EXPECT_EQ(ace.param2, 1.0f);
-    EXPECT_EQ(ace.param3, 3.0f);
-    EXPECT_EQ(ace.param4, 0.8f);
-    EXPECT_EQ(ace.param5, 0);
-    EXPECT_EQ(ace.param6, 0);
-    EXPECT_EQ(ace.sectionIndex, 4);
-
-    const struBilatralParam bil;
-    EXPECT_EQ(bil.k_w, 5);
-    EXPECT_EQ(bil.k_h, 5);
-    EXPECT_EQ(bil.sigColor_x, 0.5f);
-    EXPECT_EQ(bil.sigSpace_y, 0.5f);
-
     const struFastNLMParam nlm;
     EXPECT_EQ(nlm.rd, 1);
     EXPECT_EQ(nlm.rD, 3);
     EXPECT_EQ(nlm.h, 3.0f);
-
     const struUSMParam usm;
     EXPECT_EQ(usm.r, 1);
     EXPECT_EQ(usm.isNeedNorm, 0);
     EXPECT_EQ(usm.lam, 0.5f);
-
-    const struWLNParam wln;
-    EXPECT_EQ(wln.wl, 0);
-    EXPECT_EQ(wln.wr, 0);
-    EXPECT_EQ(wln.specifymin, 0);
-    EXPECT_EQ(wln.specifymax, 65535);
-
-    struImageBaseParam base;
+    const struImageBaseParam base;
     EXPECT_EQ(base.offset, 0);
     EXPECT_EQ(base.gain, 1.0f);
     EXPECT_EQ(base.gamma, 1.0f);
     EXPECT_EQ(base.width, 0);
     EXPECT_EQ(base.height, 0);
-    struImageBaseParam other;
-    other.offset = 3;
-    other.gain = 2.0f;
-    other.gamma = 0.5f;
-    other.width = 640;
-    other.height = 480;
-    base = other;
-    EXPECT_EQ(base.gamma, 0.5f);
-    EXPECT_EQ(base.height, 480);
-    struImageBaseParam moved;
-    moved = std::move(other);
-    EXPECT_EQ(moved.offset, 3);
-    EXPECT_EQ(moved.gain, 2.0f);
-    EXPECT_EQ(moved.width, 640);
 }
 
 TEST(Records, MapRecordsSaveTheirSectionsExactly) {
@@ -107,58 +56,31 @@ TEST(Records, MapRecordsSaveTheirSectionsExactly) {
               "\n[WLNParam]\nspecifymax=4095\nspecifymin=0\nwr=0\nwl=0\n");
 }
 
-TEST(Records, MapRecordsRoundTripThroughTheirFile) {
+TEST(Records, MapRecordsReadBackWhatTheySaved) {
     ScratchFile file;
     {
-        clipParam clip(file.path());
-        clip.up = -3;
-        clip.down = 4;
-        clip.left = 5;
-        clip.right = 6;
-        clip.saveParam();
         struBilatralParam bil(file.path());
         bil.k_w = 9;
-        bil.k_h = 11;
         bil.sigColor_x = 0.25f;
-        bil.sigColor_y = 2.5f;
-        bil.sigSpace_x = 10.0f;
         bil.sigSpace_y = -1.5f;
         bil.saveParam();
-        struWLNParam wln(file.path());
-        wln.wl = 100;
-        wln.wr = 60000;
-        wln.specifymin = 5;
-        wln.specifymax = 4000;
-        wln.saveParam();
     }
-    const clipParam clip(file.path());
-    EXPECT_EQ(clip.up, -3);
-    EXPECT_EQ(clip.down, 4);
-    EXPECT_EQ(clip.left, 5);
-    EXPECT_EQ(clip.right, 6);
     const struBilatralParam bil(file.path());
     EXPECT_EQ(bil.k_w, 9);
-    EXPECT_EQ(bil.k_h, 11);
+    EXPECT_EQ(bil.k_h, 5);
     EXPECT_EQ(bil.sigColor_x, 0.25f);
-    EXPECT_EQ(bil.sigColor_y, 2.5f);
-    EXPECT_EQ(bil.sigSpace_x, 10.0f);
     EXPECT_EQ(bil.sigSpace_y, -1.5f);
-    const struWLNParam wln(file.path());
-    EXPECT_EQ(wln.wl, 100);
-    EXPECT_EQ(wln.wr, 60000);
-    EXPECT_EQ(wln.specifymin, 5);
-    EXPECT_EQ(wln.specifymax, 4000);
 
     // Keys missing from the file keep the current values; loadParam reads the file again.
-    ScratchFile partial("_partial");
-    partial.write("[clipParam]\nleft=1\n");
-    clipParam some(partial.path());
-    EXPECT_EQ(some.up, 20);
-    EXPECT_EQ(some.left, 1);
-    partial.write("[clipParam]\nleft=2\nup=0\n");
-    some.loadParam();
-    EXPECT_EQ(some.up, 0);
-    EXPECT_EQ(some.left, 2);
+    file.write("[clipParam]\nleft=1\n");
+    clipParam clip(file.path());
+    EXPECT_EQ(clip.up, 20);
+    EXPECT_EQ(clip.left, 1);
+    file.write("[clipParam]\nleft=2\nup=-3\n");
+    clip.loadParam();
+    EXPECT_EQ(clip.up, -3);
+    EXPECT_EQ(clip.left, 2);
+    EXPECT_EQ(clip.right, 200);
 }
 
 TEST(Records, UnsharpMaskingSharesTheNonLocalMeansSection) {
