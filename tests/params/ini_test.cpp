@@ -63,6 +63,8 @@ TEST(IniWrite, BuildsTheExpectedTextForEveryCase) {
          "[T]\nk=1\n\n[S]\nk=2\n"},
         {"a comment line is not a key", "[S]\n;k=1\n", "S", "k", "2", "[S]\nk=2\n;k=1\n"},
         {"section names are case-sensitive", "[s]\nk=1\n", "S", "k", "2", "[s]\nk=1\n\n[S]\nk=2\n"},
+        {"a bracket after a header on its line is no header", "[S] [S]\nk=1\n", "S", "k", "2",
+         "[S] k=2\n[S]\nk=1\n"},
         {"a value containing % is written as it is", "", "S", "k", "5%d%%", "[S]\nk=5%d%%\n"},
     };
     for (const Case& c : cases) {
