@@ -11,9 +11,11 @@
 namespace vstest {
 namespace {
 
+using VirtualSensorCalibration = VirtualSensorTest;
+
 Driver& D() { return TheDriver(); }
 
-TEST(VirtualSensorCalibration, WritesGainAndDefectFilesOfTheSensorsSize) {
+TEST_F(VirtualSensorCalibration, WritesGainAndDefectFilesOfTheSensorsSize) {
     struct Case {
         const char* ini;
         int frames;
@@ -63,7 +65,7 @@ TEST(VirtualSensorCalibration, WritesGainAndDefectFilesOfTheSensorsSize) {
     }
 }
 
-TEST(VirtualSensorCalibration, RefusesWhatItCannotWrite) {
+TEST_F(VirtualSensorCalibration, RefusesWhatItCannotWrite) {
     WorkDir dir;
     EXPECT_NE(D().writeCalibration(nullptr, 1), 0);
     EXPECT_NE(D().writeCalibration("", 1), 0);
@@ -85,7 +87,7 @@ TEST(VirtualSensorCalibration, RefusesWhatItCannotWrite) {
 // A flat exposure carries the fixed pattern: several percent of variation, with every defect
 // clearly wrong. Gain correction with the written flat and repair of the written defects leave
 // less than 2 %.
-TEST(VirtualSensorCalibration, FlattensAFlatExposureAndMarksEveryDefect) {
+TEST_F(VirtualSensorCalibration, FlattensAFlatExposureAndMarksEveryDefect) {
     WorkDir dir("[VirtualSensor]\nScene=flat\nExposureMs=0\nSeed=7\n");
     ASSERT_EQ(D().writeCalibration(dir.str().c_str(), 1), 0);
     const int columns = 1200, rows = 1650, cut = 251;
@@ -132,7 +134,7 @@ TEST(VirtualSensorCalibration, FlattensAFlatExposureAndMarksEveryDefect) {
 
 // With four flats the correction takes the one whose level is nearest the image's bright mean:
 // an exposure at the calibration's half dose is corrected with the half-dose flat.
-TEST(VirtualSensorCalibration, FourFlatsLetTheBrightMeanPickTheMatchingDose) {
+TEST_F(VirtualSensorCalibration, FourFlatsLetTheBrightMeanPickTheMatchingDose) {
     WorkDir dir("[VirtualSensor]\nSensorSize=1000\nScene=flat\nExposureMs=0\n");
     ASSERT_EQ(D().writeCalibration(dir.str().c_str(), 4), 0);
     const int columns = 1000, rows = 1500, cut = 211;

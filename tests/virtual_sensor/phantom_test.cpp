@@ -12,6 +12,8 @@
 namespace vstest {
 namespace {
 
+using VirtualSensorPhantom = VirtualSensorTest;
+
 double BoxCv(const std::vector<double>& v, int columns, int x0, int y0, int w, int h) {
     const double mean = BoxMean(v, columns, x0, y0, w, h);
     double squares = 0.0;
@@ -24,7 +26,7 @@ double BoxCv(const std::vector<double>& v, int columns, int x0, int y0, int w, i
     return std::sqrt(squares / (static_cast<double>(w) * h)) / mean;
 }
 
-TEST(VirtualSensorPhantom, ReadsLikeAnIntraoralRadiograph) {
+TEST_F(VirtualSensorPhantom, ReadsLikeAnIntraoralRadiograph) {
     const int columns = 1200, rows = 1650;
     WorkDir dir("[VirtualSensor]\nExposureMs=0\n");
     ASSERT_EQ(TheDriver().writeCalibration(dir.str().c_str(), 1), 0);

@@ -9,6 +9,8 @@
 namespace vstest {
 namespace {
 
+using VirtualSensorFrames = VirtualSensorTest;
+
 // Per-pixel mean and RMS of a - b over the pixels outside the corners and defects.
 void Difference(const std::vector<uint16_t>& a, const std::vector<uint16_t>& b, int columns,
                 int rows, int cut, double& mean, double& rms) {
@@ -30,7 +32,7 @@ void Difference(const std::vector<uint16_t>& a, const std::vector<uint16_t>& b, 
     rms = std::sqrt(squares / static_cast<double>(n));
 }
 
-TEST(VirtualSensorFrames, CutCornersReadZeroAndEverythingElseSeesTheDose) {
+TEST_F(VirtualSensorFrames, CutCornersReadZeroAndEverythingElseSeesTheDose) {
     struct Case {
         const char* ini;
         int columns, rows, cut, dose;
@@ -70,7 +72,7 @@ TEST(VirtualSensorFrames, CutCornersReadZeroAndEverythingElseSeesTheDose) {
     }
 }
 
-TEST(VirtualSensorFrames, TheFixedPatternStaysAndTheNoiseChanges) {
+TEST_F(VirtualSensorFrames, TheFixedPatternStaysAndTheNoiseChanges) {
     const int columns = 1200, rows = 1650, cut = 251;
     WorkDir dir("[VirtualSensor]\nScene=flat\nExposureMs=0\n");
     Sensor sensor(dir);

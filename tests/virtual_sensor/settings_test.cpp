@@ -6,9 +6,11 @@
 namespace vstest {
 namespace {
 
+using VirtualSensorIni = VirtualSensorTest;
+
 Driver& D() { return TheDriver(); }
 
-TEST(VirtualSensorIni, IsReadLikeAnIniFileForgivingCaseBlanksAndComments) {
+TEST_F(VirtualSensorIni, IsReadLikeAnIniFileForgivingCaseBlanksAndComments) {
     WorkDir dir(
         "; written by hand\r\n"
         "[Other]\r\n"
@@ -32,7 +34,7 @@ TEST(VirtualSensorIni, IsReadLikeAnIniFileForgivingCaseBlanksAndComments) {
     }
 }
 
-TEST(VirtualSensorIni, WithoutAFileTheSensorIsAHealthy1500) {
+TEST_F(VirtualSensorIni, WithoutAFileTheSensorIsAHealthy1500) {
     WorkDir empty;
     const std::string folder = empty.str();
     const std::string missing = (empty.path() / "no-such-folder").string();
@@ -48,7 +50,7 @@ TEST(VirtualSensorIni, WithoutAFileTheSensorIsAHealthy1500) {
     }
 }
 
-TEST(VirtualSensorIni, AValueThatCannotBeMeantFailsCreateAndNamesTheKey) {
+TEST_F(VirtualSensorIni, AValueThatCannotBeMeantFailsCreateAndNamesTheKey) {
     const char* lines[] = {
         "SensorSize=1234",  "SensorSize=",       "Width=0",          "Width=12abc",
         "Height=99999",     "ExposureMs=-5",     "Scene=bright",     "Dose=0",
@@ -71,7 +73,7 @@ TEST(VirtualSensorIni, AValueThatCannotBeMeantFailsCreateAndNamesTheKey) {
     }
 }
 
-TEST(VirtualSensorIni, AcceptsTheLimitsAndListsOfFaults) {
+TEST_F(VirtualSensorIni, AcceptsTheLimitsAndListsOfFaults) {
     WorkDir dir(
         "[VirtualSensor]\nWidth=16\nHeight=8192\nSeed=4294967295\nDose=65535\nExposureMs=0\n"
         "Online=-4\nNoImage=0\nNullImage=false\nHangCommand=8, 2001\nRejectCommand=3:21,2031:22\n");
