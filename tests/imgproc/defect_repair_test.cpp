@@ -1,0 +1,145 @@
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <random>
+#include <vector>
+
+#include "veltrano.h"
+
+namespace {
+
+TEST(ImgFix, ChecksArgumentsInOrderBeforeWriting) {
+    std::vector<float> src(4, 1.0f), dst(4, 9.0f), map(4, 1.0f);
+    EXPECT_EQ(ImgFix(nullptr, nullptr, nullptr, 2, 2, 1, 5, 1), -1);
+    EXPECT_EQ(ImgFix(src.data(), nullptr, nullptr, 2, 2, 1, 5, 1), -2);
+    EXPECT_EQ(ImgFix(src.data(), dst.data(), nullptr, 2, 2, 1, 5, 1), -3);
+    EXPECT_EQ(ImgFix(src.data(), dst.data(), map.data(), 2, 2, 1, 5, 1), -4);
+    EXPECT_EQ(dst, std::vector<float>(4, 9.0f));
+    // Bookkeeping for an image that cannot exist is refused before the map is read.
+    EXPECT_EQ(ImgFix(src.data(), dst.data(), map.data(), 100000, 100000, 1, 6, 1), -5);
+    EXPECT_EQ(ImgFix(src.data(), dst.data(), map.data(), 0, 2, 1, 6, 1), 1);
+    EXPECT_EQ(ImgFix(src.data(), dst.data(), map.data(), -3, -3, 1, 6, 1), 1);
+    EXPECT_EQ(dst, std::vector<float>(4, 9.0f));
+}
+
+TEST(ImgFix, ReadsTheMapAsAByteMark) {
+    // 1 x 3 image 10, 77, 30: when the middle is defective it becomes (10 + 30) / 2.
+    struct Case { float mapValue; float want; };
+    const Case cases[] = {
+        {0.0f, 77}, {0.5f, 77}, {0.999f, 77}, {-5.0f, 77}, {5e-7f, 77},
+        {1.0f, 20}, {300.0f, 20}, {2.5f, 20},
+    };
+    for (const Case& c : cases) {
+        std::vector<float> src = {10, 77, 30}, dst(3, -1);
+        std::vector<float> map = {0, c.mapValue, 0};
+        ASSERT_EQ(ImgFix(src.data(), dst.data(), map.data(), 3, 1, 1, 6, 200), 1);
+        EXPECT_EQ(dst, (std::vector<float>{10, c.want, 30})) << "map " << c.mapValue;
+    }
+}
+
+TEST(ImgFix, PeelsClustersFromTheRimOnePassAtATime) {
+    // 5 x 4 image with a 3-pixel-wide defective band in columns 1..3; column 0 holds 10, column
+    // 4 holds 50. Pass 1 fills columns 1 and 3 from their good neighbours, pass 2 column 2 from
+    // the two repaired columns.
+    const int w = 5, h = 4;
+    std::vector<float> src(w * h), map(w * h, 0);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            src[y * w + x] = x == 0 ? 10.0f : (x == 4 ? 50.0f : 999.0f);
+            if (x >= 1 && x <= 3) map[y * w + x] = 1.0f;
+        }
+    struct Case { int passes; float col1; float col2; float col3; };
+    const Case cases[] = {{1, 10, 999, 50}, {0, 10, 999, 50}, {-3, 10, 999, 50}, {2, 10, 30, 50}, {200, 10, 30, 50}};
+    for (const Case& c : cases) {
+        std::vector<float> dst(src.size());
+        ASSERT_EQ(ImgFix(src.data(), dst.data(), map.data(), w, h, 1, 6, c.passes), 1);
+        for (int y = 0; y < h; ++y) {
+            EXPECT_EQ(dst[y * w + 0], 10.0f);
+            EXPECT_EQ(dst[y * w + 1], c.col1) << "passes " << c.passes << " row " << y;
+            EXPECT_EQ(dst[y * w + 2], c.col2) << "passes " << c.passes << " row " << y;
+            EXPECT_EQ(dst[y * w + 3], c.col3) << "passes " << c.passes << " row " << y;
+            EXPECT_EQ(dst[y * w + 4], 50.0f);
+        }
+        std::vector<float> inPlace = src;
+        ASSERT_EQ(ImgFix(inPlace.data(), inPlace.data(), map.data(), w, h, 1, 6, c.passes), 1);
+        EXPECT_EQ(inPlace, dst) << "passes " << c.passes;
+    }
+}
+
+TEST(ImgFix, LeavesPixelsWithoutAPositiveNeighbourhoodAsTheyWere) {
+    // Good neighbours that sum to zero repair nothing, however many passes run.
+    std::vector<float> zeros(9, 0.0f), map(9, 0.0f);
+    zeros[4] = 7.0f;
+    map[4] = 1.0f;
+    std::vector<float> dst(9, -1);
+    ASSERT_EQ(ImgFix(zeros.data(), dst.data(), map.data(), 3, 3, 1, 6, 1000000000), 1);
+    EXPECT_EQ(dst, zeros);
+
+    // An all-defective map: every pixel has four defective neighbours in every pass.
+    std::vector<float> src = {1, 2, 3, 4, 5, 6}, all(6, 1.0f), out(6);
+    ASSERT_EQ(ImgFix(src.data(), out.data(), all.data(), 3, 2, 1, 6, 200), 1);
+    EXPECT_EQ(out, src);
+
+    // A map of all zeros copies the image.
+    std::vector<float> none(6, 0.0f);
+    ASSERT_EQ(ImgFix(src.data(), out.data(), none.data(), 3, 2, 1, 6, 200), 1);
+    EXPECT_EQ(out, src);
+}
+
+TEST(ImgFix, FillsALargeClusterFromItsRim) {
+    // A 40 x 40 defective block in a smooth 100 x 80 image is filled completely within 200
+    // passes, every filled value lying between the rim's extremes.
+    const int w = 100, h = 80;
+    std::vector<float> src(w * h), map(w * h, 0.0f);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) src[y * w + x] = 1000.0f + 3.0f * x + 2.0f * y;
+    for (int y = 20; y < 60; ++y)
+        for (int x = 30; x < 70; ++x) {
+            map[y * w + x] = 1.0f;
+            src[y * w + x] = 0.0f;
+        }
+    std::vector<float> dst(src.size());
+    ASSERT_EQ(ImgFix(src.data(), dst.data(), map.data(), w, h, 1, 6, 200), 1);
+    for (int y = 20; y < 60; ++y)
+        for (int x = 30; x < 70; ++x) {
+            EXPECT_GE(dst[y * w + x], 1000.0f + 3 * 29 + 2 * 19) << x << "," << y;
+            EXPECT_LE(dst[y * w + x], 1000.0f + 3 * 70 + 2 * 60) << x << "," << y;
+        }
+    // With too few passes the core keeps its source values.
+    ASSERT_EQ(ImgFix(src.data(), dst.data(), map.data(), w, h, 1, 6, 5), 1);
+    EXPECT_EQ(dst[40 * w + 50], 0.0f);
+    EXPECT_GT(dst[20 * w + 30], 0.0f);
+}
+
+TEST(FixBadPixel, AveragesGoodNeighboursOfTheSourceInOnePass) {
+    // 3 x 3, defective centre and corner (0,0). The centre takes the mean of its 7 good
+    // neighbours; the corner has good neighbours 2 and 4 (the centre is defective).
+    std::vector<float> src = {1, 2, 3, 4, 5, 6, 7, 8, 9};
+    std::vector<float> map = {1, 0, 0, 0, 0.01f, 0, 0, 0, 0.009f};
+    std::vector<float> dst(9);
+    ASSERT_EQ(FixBadPixel(src.data(), dst.data(), map.data(), 3, 3), 1);
+    EXPECT_EQ(dst[0], 3.0f);
+    EXPECT_EQ(dst[4], (2.0f + 3 + 4 + 6 + 7 + 8 + 9) / 7.0f);
+    EXPECT_EQ(dst[8], 9.0f);  // 0.009 is good
+
+    std::vector<float> inPlace = src;
+    ASSERT_EQ(FixBadPixel(inPlace.data(), inPlace.data(), map.data(), 3, 3), 1);
+    EXPECT_EQ(inPlace, dst);
+
+    // Only defective neighbours: 0.
+    std::vector<float> all(4, 1.0f), out(4, -1);
+    ASSERT_EQ(FixBadPixel(src.data(), out.data(), all.data(), 2, 2), 1);
+    EXPECT_EQ(out, std::vector<float>(4, 0.0f));
+}
+
+TEST(FixBadPixel, NullMapCopiesAndBadArgumentsAreReported) {
+    std::vector<float> src = {1, 2, 3, 4}, dst(4, 0);
+    ASSERT_EQ(FixBadPixel(src.data(), dst.data(), nullptr, 2, 2), 1);
+    EXPECT_EQ(dst, src);
+    EXPECT_EQ(FixBadPixel(nullptr, dst.data(), nullptr, 2, 2), -1);
+    EXPECT_EQ(FixBadPixel(src.data(), nullptr, nullptr, 2, 2), -2);
+    EXPECT_EQ(FixBadPixel(src.data(), src.data(), src.data(), 100000, 100000), -3);
+    EXPECT_EQ(src, (std::vector<float>{1, 2, 3, 4}));
+}
+
+}  // namespace
