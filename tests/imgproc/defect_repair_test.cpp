@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdio>
+#include <fstream>
 #include <random>
 #include <vector>
 
@@ -140,6 +142,63 @@ TEST(FixBadPixel, NullMapCopiesAndBadArgumentsAreReported) {
     EXPECT_EQ(FixBadPixel(src.data(), nullptr, nullptr, 2, 2), -2);
     EXPECT_EQ(FixBadPixel(src.data(), src.data(), src.data(), 100000, 100000), -3);
     EXPECT_EQ(src, (std::vector<float>{1, 2, 3, 4}));
+}
+
+}  // namespace
+
+namespace {
+
+clipParam Margins(int up, int down, int left, int right) {
+    clipParam p;
+    p.up = up;
+    p.down = down;
+    p.left = left;
+    p.right = right;
+    return p;
+}
+
+TEST(EdgeClip, CutsTheMarginsRowsBeforeColumns) {
+    const int rows = 100, cols = 300;
+    std::vector<uint16_t> src(rows * cols);
+    for (int i = 0; i < rows * cols; ++i) src[i] = static_cast<uint16_t>(i);
+    std::vector<uint16_t> dst(rows * cols, 7);
+    // Defaults (20, 20, 200, 200) leave no columns: nothing is written.
+    ASSERT_EQ(edgeClip_16U(src.data(), dst.data(), rows, cols, clipParam()), 1);
+    EXPECT_EQ(dst, std::vector<uint16_t>(rows * cols, 7));
+
+    ASSERT_EQ(edgeClip_16U(src.data(), dst.data(), rows, cols, Margins(20, 20, 10, 10)), 1);
+    for (int r = 0; r < 60; ++r)
+        for (int c = 0; c < 280; ++c)
+            ASSERT_EQ(dst[r * 280 + c], static_cast<uint16_t>((r + 20) * cols + 10 + c)) << r << "," << c;
+    EXPECT_EQ(dst[60 * 280], 7);
+
+    // A negative margin counts as 0; the three members agree.
+    std::vector<uint8_t> b = {1, 2, 3, 4, 5, 6}, ob(6, 0);  // 2 rows x 3 columns
+    ASSERT_EQ(edgeClip_8U(b.data(), ob.data(), 2, 3, Margins(-7, 0, 1, -7)), 1);
+    EXPECT_EQ(ob, (std::vector<uint8_t>{2, 3, 5, 6, 0, 0}));
+    std::vector<float> f = {1, 2, 3, 4, 5, 6}, of(6, 0);
+    ASSERT_EQ(edgeClip_32F(f.data(), of.data(), 2, 3, Margins(1, 0, 0, 1)), 1);
+    EXPECT_EQ(of, (std::vector<float>{4, 5, 0, 0, 0, 0}));
+
+    EXPECT_EQ(edgeClip_8U(nullptr, ob.data(), 2, 3, Margins(0, 0, 0, 0)), -1);
+    EXPECT_EQ(edgeClip_8U(b.data(), nullptr, 2, 3, Margins(0, 0, 0, 0)), -1);
+}
+
+TEST(EdgeClip, ValuesInTheRecordsFileWinOverThosePassed) {
+    const char* file = "edge_clip_test.ini";
+    std::remove(file);
+    {
+        std::ofstream out(file);
+        out << "[clipParam]\nup=1\ndown=0\nleft=1\nright=2\n";
+    }
+    clipParam p(file);  // loads the file; the margins passed are then changed
+    ASSERT_EQ(p.right, 2);
+    p.up = p.down = p.left = p.right = 0;
+    std::vector<uint16_t> src(3 * 5), dst(15, 0);  // 3 rows x 5 columns
+    for (int i = 0; i < 15; ++i) src[i] = static_cast<uint16_t>(i);
+    ASSERT_EQ(edgeClip_16U(src.data(), dst.data(), 3, 5, p), 1);
+    EXPECT_EQ(dst, (std::vector<uint16_t>{6, 7, 11, 12, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+    std::remove(file);
 }
 
 }  // namespace
