@@ -56,21 +56,33 @@ T QuickselectMedian(T* a, int64_t n) {
 // Median of nine by a fixed exchange network (19 compare-exchanges, no branches), the 3 x 3
 // window of radius 1 that hosts use most.
 template <class T>
-T MedianOfNine(T* p) {
-    auto sort2 = [p](int i, int j) {
-        const T lo = std::min(p[i], p[j]);
-        const T hi = std::max(p[i], p[j]);
-        p[i] = lo;
-        p[j] = hi;
+T MedianOfNine(const T* p) {
+    // Kept in locals (small integers widened to int) so that the network stays in registers
+    // and compiles to conditional moves rather than branches.
+    using W = std::conditional_t<std::is_integral_v<T> && sizeof(T) < sizeof(int), int, T>;
+    W v0 = p[0], v1 = p[1], v2 = p[2], v3 = p[3], v4 = p[4], v5 = p[5], v6 = p[6], v7 = p[7], v8 = p[8];
+    auto sort2 = [](W& a, W& b) {
+        if constexpr (std::is_same_v<W, int>) {
+            // Widened small integers cannot overflow the difference; the sign mask keeps the
+            // exchange free of branches, which the compiler would otherwise emit.
+            const int diff = b - a;
+            const int lower = diff & (diff >> 31);
+            a += lower;
+            b -= lower;
+        } else {
+            const W lo = std::min(a, b);
+            b = std::max(a, b);
+            a = lo;
+        }
     };
-    sort2(1, 2); sort2(4, 5); sort2(7, 8);
-    sort2(0, 1); sort2(3, 4); sort2(6, 7);
-    sort2(1, 2); sort2(4, 5); sort2(7, 8);
-    sort2(0, 3); sort2(5, 8); sort2(4, 7);
-    sort2(3, 6); sort2(1, 4); sort2(2, 5);
-    sort2(4, 7); sort2(4, 2); sort2(6, 4);
-    sort2(4, 2);
-    return p[4];
+    sort2(v1, v2); sort2(v4, v5); sort2(v7, v8);
+    sort2(v0, v1); sort2(v3, v4); sort2(v6, v7);
+    sort2(v1, v2); sort2(v4, v5); sort2(v7, v8);
+    sort2(v0, v3); sort2(v5, v8); sort2(v4, v7);
+    sort2(v3, v6); sort2(v1, v4); sort2(v2, v5);
+    sort2(v4, v7); sort2(v4, v2); sort2(v6, v4);
+    sort2(v4, v2);
+    return static_cast<T>(v4);
 }
 
 template <class T>
