@@ -192,7 +192,7 @@ void GetLine2D(float x1, float y1, float x2, float y2, float* a, float* b, float
     float na = 0.0f;
     float nb = 0.0f;
     float nc = 0.0f;
-    if (!(len < 1e-9f)) {
+    if (!(static_cast<double>(len) < 1e-9)) {
         const float ux = dx / len;
         const float uy = dy / len;
         na = uy;
