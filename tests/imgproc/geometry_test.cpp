@@ -64,7 +64,7 @@ TEST(AddWaterMask, BlendsNonZeroMarkPixelsOnly) {
     EXPECT_EQ(f[0], FLT_MIN);
 }
 
-TEST(AddWaterMask, ColourTypesSkipBlackAndNeverTouchTheFourthChannel) {
+TEST(AddWaterMask, ColourTypesSkipBlackAndUnservedCodesWriteNothing) {
     // Code 2: 8-bit, 4 channels. Pixel 0's mark is black in its first three channels.
     std::vector<uint8_t> img = {10, 20, 30, 40, 10, 20, 30, 40};
     std::vector<uint8_t> mark = {0, 0, 0, 99, 0, 100, 0, 99};
@@ -75,14 +75,13 @@ TEST(AddWaterMask, ColourTypesSkipBlackAndNeverTouchTheFourthChannel) {
     std::vector<uint16_t> rgb = {1000, 2000, 3000}, m16 = {3000, 0, 1000};
     ASSERT_EQ(AddWaterMask(Bytes(rgb), Bytes(rgb), Bytes(m16), 1, 1, 1, 1, 0, 0, 9, 0.5f), 1);
     EXPECT_EQ(rgb, (std::vector<uint16_t>{2000, 1000, 2000}));
-}
 
-TEST(AddWaterMask, UnservedCodesWriteNothingAtAll) {
-    std::vector<uint8_t> src(16, 1), dst(16, 5), mark(16, 9);
-    EXPECT_EQ(AddWaterMask(src.data(), dst.data(), mark.data(), 2, 2, 2, 2, 0, 0, 8, 1.0f), 1);
+    // Unserved codes write nothing at all, not even the copy of the source.
+    std::vector<uint8_t> src(16, 1), dst(16, 5), m(16, 9);
+    EXPECT_EQ(AddWaterMask(src.data(), dst.data(), m.data(), 2, 2, 2, 2, 0, 0, 8, 1.0f), 1);
     EXPECT_EQ(dst, std::vector<uint8_t>(16, 5));
-    EXPECT_EQ(AddWaterMask(nullptr, dst.data(), mark.data(), 2, 2, 2, 2, 0, 0, 4, 1.0f), -1);
-    EXPECT_EQ(AddWaterMask(src.data(), nullptr, mark.data(), 2, 2, 2, 2, 0, 0, 4, 1.0f), -2);
+    EXPECT_EQ(AddWaterMask(nullptr, dst.data(), m.data(), 2, 2, 2, 2, 0, 0, 4, 1.0f), -1);
+    EXPECT_EQ(AddWaterMask(src.data(), nullptr, m.data(), 2, 2, 2, 2, 0, 0, 4, 1.0f), -2);
     EXPECT_EQ(AddWaterMask(src.data(), dst.data(), nullptr, 2, 2, 2, 2, 0, 0, 4, 1.0f), -3);
 }
 
