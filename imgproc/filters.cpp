@@ -341,7 +341,8 @@ int MedianFilter(const T* src, T* dst, int width, int height, int radius) {
     return 1;
 }
 
-// Largest radius whose window the historic selection could index in the pixel type.
+// Largest radius whose window positions fit the pixel type, in which the selection has always
+// carried its index; hosts know these limits.
 template <class T>
 constexpr int MedianRadiusLimit() {
     if constexpr (std::is_same_v<T, uint8_t>) return 7;

@@ -1,12 +1,13 @@
 // Selection of the median (the element of rank n/2) of a scratch window.
 //
-// QuickselectMedian is the library's historic selection: partition about the first element,
+// QuickselectMedian is the library's long-standing selection: partition about the first element,
 // narrow towards the target rank. Its cost grows with the square of the window on flat windows
 // (every partition then peels off a single element), which the flat background of an X-ray
 // frame produces all the time. SelectMedian therefore uses an exchange network for the 3 x 3
 // window and the standard library's selection for larger ones. Both yield the same value
 // whenever the window has no NaN (the element of a given rank of a multiset is unique); windows
-// holding a NaN go to the historic selection, whose outcome depends on its order of comparisons.
+// holding a NaN go to the long-standing selection, whose outcome depends on its order of
+// comparisons.
 #pragma once
 
 #include <algorithm>
@@ -34,7 +35,7 @@ int64_t PartitionFirstPivot(T* a, int64_t lo, int64_t hi) {
     return i;
 }
 
-// The historic code carried the pivot index in the pixel type; within the radii that
+// The selection has always carried the pivot index in the pixel type; within the radii that
 // Median_Blur accepts every index is exact in that type, so a plain index serves.
 template <class T>
 T QuickselectMedian(T* a, int64_t n) {

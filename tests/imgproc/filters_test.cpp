@@ -314,10 +314,10 @@ TEST(MedianBlur, RefusesRadiiItCannotIndexAndUnservedTypes) {
     EXPECT_EQ(Median_Blur(img.data(), img.data(), 100000, 100000, 1, 4), -3);
 }
 
-// The fast selection must pick the same element as the historic quickselect, its oracle, on
+// The fast selection must pick the same element as the long-standing quickselect, its oracle, on
 // windows of every size Median_Blur uses: random, few-valued and flat. The 3 x 3 window has an
 // exchange network of its own and gets many more windows.
-TEST(MedianBlur, FastSelectionAgreesWithTheHistoricQuickselect) {
+TEST(MedianBlur, FastSelectionAgreesWithTheLongStandingQuickselect) {
     std::mt19937 gen(77);
     auto check = [&gen](int n, int levels) {
         std::uniform_int_distribution<int> dist(0, levels - 1);
