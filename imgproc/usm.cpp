@@ -142,20 +142,20 @@ int USM_BOX(uint16_t* src, uint16_t* dst, int32_t width, int32_t height, int32_t
     const size_t count = static_cast<size_t>(width) * static_cast<size_t>(height);
 
     std::vector<float> image = veltrano::Widen(src, count);
-    std::vector<float> sums(count);
-    veltrano::RunningBoxSum(image.data(), sums.data(), width, height, r);
+    // Holds the box sums first; each is replaced by its pixel's sharpened value.
+    std::vector<float> sharpened(count);
+    veltrano::RunningBoxSum(image.data(), sharpened.data(), width, height, r);
 
     const int side = 2 * r + 1;
     const float gain = static_cast<float>(side * side) * amount + 1.0f;
-    std::vector<float>& result = sums;  // each sum is read once, just before its result replaces it
-    for (size_t i = 0; i < count; ++i) result[i] = image[i] * gain - sums[i] * amount;
+    for (size_t i = 0; i < count; ++i) sharpened[i] = image[i] * gain - sharpened[i] * amount;
 
     // normalize_32F writes into the widened source; when it exits early without writing, that
     // buffer still holds the source, which then goes to the destination unsharpened.
-    const std::vector<float>& stored = normalise ? image : result;
     if (normalise)
-        normalize_32F(result.data(), image.data(), static_cast<uint32_t>(width),
+        normalize_32F(sharpened.data(), image.data(), static_cast<uint32_t>(width),
                       static_cast<uint32_t>(height), 0.0f, 65535.0f);
+    const std::vector<float>& stored = normalise ? image : sharpened;
     for (size_t i = 0; i < count; ++i) dst[i] = veltrano::StoreClamped(stored[i]);
     return 1;
 }
