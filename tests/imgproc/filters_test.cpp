@@ -190,6 +190,10 @@ TEST(BoxFilter, RoundsOnlyTheFirstRow) {
     ASSERT_EQ(Box_Filter(src.data(), dst.data(), w, h, 4, 1), 1);
     EXPECT_EQ(dst[2], 11);
     EXPECT_EQ(dst[5 * w + 2], 10);
+    // The half goes in before truncation toward zero for signed pixels too: -10 + 0.5 -> -9.
+    std::vector<int16_t> neg(w * h, -10);
+    ASSERT_EQ(Box_Filter(neg.data(), neg.data(), w, h, 5, 1), 1);
+    EXPECT_EQ(neg, std::vector<int16_t>(w * h, -9));
 }
 
 TEST(BoxFilter, MatchesTheDirectMeanAtEveryRadius) {
