@@ -400,7 +400,7 @@ BENCHMARK(BM_gaussFilter_8U)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_gaussFilter_32F)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Box_Filter_16U)->Arg(1)->Arg(5)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Box_Filter_32F)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Median_Blur_16U)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Median_Blur_16U)->Arg(1)->Arg(2)->Arg(3)->Arg(4)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Median_Blur_8U)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Median_Blur_32F)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_ImgFix)->Unit(benchmark::kMillisecond);

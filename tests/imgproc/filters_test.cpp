@@ -190,6 +190,10 @@ TEST(BoxFilter, RoundsOnlyTheFirstRow) {
     ASSERT_EQ(Box_Filter(src.data(), dst.data(), w, h, 4, 1), 1);
     EXPECT_EQ(dst[2], 11);
     EXPECT_EQ(dst[5 * w + 2], 10);
+    // The half goes in before truncation toward zero for signed pixels too: -10 + 0.5 -> -9.
+    std::vector<int16_t> neg(w * h, -10);
+    ASSERT_EQ(Box_Filter(neg.data(), neg.data(), w, h, 5, 1), 1);
+    EXPECT_EQ(neg, std::vector<int16_t>(w * h, -9));
 }
 
 TEST(BoxFilter, MatchesTheDirectMeanAtEveryRadius) {
@@ -315,8 +319,8 @@ TEST(MedianBlur, RefusesRadiiItCannotIndexAndUnservedTypes) {
 }
 
 // The fast selection must pick the same element as the long-standing quickselect, its oracle, on
-// windows of every size Median_Blur uses: random, few-valued and flat. The 3 x 3 window has an
-// exchange network of its own and gets many more windows.
+// windows of every size Median_Blur uses: random, few-valued and flat. The 3 x 3, 5 x 5 and
+// 7 x 7 windows have exchange networks of their own and get many more windows.
 TEST(MedianBlur, FastSelectionAgreesWithTheLongStandingQuickselect) {
     std::mt19937 gen(77);
     auto check = [&gen](int n, int levels) {
@@ -324,14 +328,19 @@ TEST(MedianBlur, FastSelectionAgreesWithTheLongStandingQuickselect) {
         std::vector<uint16_t> a(n);
         for (auto& v : a) v = static_cast<uint16_t>(dist(gen) * (65535 / (levels - 1)));
         std::vector<uint16_t> b = a;
+        std::vector<int16_t> sa(n);
+        for (int i = 0; i < n; ++i) sa[i] = static_cast<int16_t>(a[i] - 32768);
+        std::vector<int16_t> sb = sa;
         std::vector<float> fa(a.begin(), a.end()), fb(fa);
         EXPECT_EQ(veltrano::SelectMedian(a.data(), n), veltrano::QuickselectMedian(b.data(), n)) << n << " " << levels;
+        EXPECT_EQ(veltrano::SelectMedian(sa.data(), n), veltrano::QuickselectMedian(sb.data(), n)) << n << " " << levels;
         EXPECT_EQ(veltrano::SelectMedian(fa.data(), n), veltrano::QuickselectMedian(fb.data(), n)) << n << " " << levels;
     };
     for (int side = 1; side <= 41; side += 2)
         for (int levels : {2, 5, 65536}) check(side * side, levels);
-    for (int trial = 0; trial < 5000; ++trial)
-        for (int levels : {2, 5, 65536}) check(9, levels);
+    for (int n : {9, 25, 49})
+        for (int trial = 0; trial < 3000; ++trial)
+            for (int levels : {2, 5, 65536}) check(n, levels);
 }
 
 }  // namespace
