@@ -1,3 +1,71 @@
+// Neighbourhood filters: general correlation with a caller's kernel, the Gaussian kernel and
+// filter, the box (mean) filter and the median filter.
+//
+// Borders: the image is extended by mirroring about the edge pixel without repeating it
+// (a b c d e -> c b | a b c d e | d c), the extension limited to the image's own size on each
+// axis. A window that reaches past that limited extension (a kernel or radius larger than the
+// image) reads 0 there in the linear filters, which adds nothing to their sums; the median
+// filter repeats the nearest pixel of the extension instead, since a 0 would shift its ranks.
+//
+// A width or height of zero or below is an empty image: nothing is read or written and the
+// result is 1 (after the pointer checks). Scratch buffers are sized in 64 bits; images or
+// kernels of more than 2^31 - 1 elements, or buffers that cannot be allocated, give the
+// function's "too large" code and leave the destination untouched.
 #pragma once
 
+#include <cstdint>
+
 #include "veltrano/export.h"
+
+// Correlation (the kernel is not flipped): out(x, y) = sum kernel(i, j) * src(x + j - kw/2,
+// y + i - kh/2). Kernel element (i, j) is kernel[i * kw + j]. The order of the two kernel sizes
+// differs between the members on purpose: filter2D_16U takes rows then columns, filter2D_8U and
+// filter2D_32F columns then rows. The rows are split over OpenMP threads; the result does not
+// depend on the thread count.
+//
+// Results: 1 done; -1 null source or destination; -3 null kernel; -4 a kernel size below 1;
+// -5 too large. filter2D_16U stores the result clamped to 0..65535 and truncated (NaN gives 0).
+// filter2D_8U computes the correlation but leaves the destination's previous bytes as they
+// are; hosts depend on that.
+VELTRANO_API int filter2D_16U(uint16_t* src, uint16_t* dst, int width, int height, float* kernel,
+                              int kh, int kw);
+VELTRANO_API int filter2D_8U(uint8_t* src, uint8_t* dst, int width, int height, float* kernel,
+                             int kw, int kh);
+VELTRANO_API int filter2D_32F(float* src, float* dst, int width, int height, float* kernel,
+                              int kw, int kh);
+
+// Normalised Gaussian kernel of kh rows by kw columns, exp(-(dx^2 + dy^2) / (2 sigmaX sigmaY))
+// with the centre at (kw/2, kh/2); a sigma of 0 or below counts as 1. Results: 1 done; -1 null
+// kernel; -2 both sizes below 1 (one size below 1 writes nothing and returns 1).
+VELTRANO_API int getGaussker_32F(float* kernel, int kw, int kh, double sigmaX, double sigmaY);
+VELTRANO_API int getGaussker_64F(double* kernel, int kw, int kh, double sigmaX, double sigmaY);
+
+// Gaussian filter: a ksize1 x ksize1 kernel passed to the member's filter2D with the sizes
+// (ksize1, ksize2) as its sixth and seventh arguments; callers pass ksize1 == ksize2. When
+// ksize2 > ksize1 the correlation reads kernel elements that were never generated: they are 0.
+// Results: the kernel generator's code when it is not 1 (-2 for ksize1 below 1), -5 when the
+// kernel is too large, else filter2D's code. gaussFilter_8U therefore leaves its destination
+// unchanged.
+VELTRANO_API int gaussFilter_8U(uint8_t* src, uint8_t* dst, int width, int height, int ksize1,
+                                int ksize2, double sigmaX, double sigmaY);
+VELTRANO_API int gaussFilter_16U(uint16_t* src, uint16_t* dst, int width, int height, int ksize1,
+                                 int ksize2, double sigmaX, double sigmaY);
+VELTRANO_API int gaussFilter_32F(float* src, float* dst, int width, int height, int ksize1,
+                                 int ksize2, double sigmaX, double sigmaY);
+
+// Mean over the (2r+1) x (2r+1) window by running sums, r = max(radius, 1), for codes 3, 4, 5,
+// 6 and 11. Integer images get the mean rounded half up in row 0 and truncated in every other
+// row; float images are clamped below to the smallest positive normal number. Both are kept on
+// purpose. Results: 1 done; -1 null source; -2 null destination; -3 code not served; -4 too
+// large. Safe in place.
+VELTRANO_API int Box_Filter(void* src, void* dst, int width, int height, int pixelType,
+                            int radius);
+
+// Median of the (2r+1) x (2r+1) window for codes 3, 4, 5 and 6 (radius before the code, unlike
+// Box_Filter). Radius 0 copies the image. The selection indexes the window in the pixel type
+// itself, so radii whose windows it cannot index are refused: up to 7 for code 3, 90 for code 5,
+// 127 for code 4 and 2047 for code 6. Results: 1 done; -1 null source; -2 null destination;
+// -3 code not served or scratch not allocated; -4 radius below 0 or above the type's limit.
+// Safe in place.
+VELTRANO_API int Median_Blur(void* src, void* dst, int width, int height, int radius,
+                             int pixelType);
