@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
+#include <cstdint>
 #include <vector>
 
 #include "imgproc/window_helpers.h"
@@ -157,6 +158,20 @@ int USM_BOX(uint16_t* src, uint16_t* dst, int32_t width, int32_t height, int32_t
                       static_cast<uint32_t>(height), 0.0f, 65535.0f);
     for (size_t i = 0; i < count; ++i) dst[i] = veltrano::StoreClamped(stored[i]);
     return 1;
+}
+
+int USM_EX(uint16_t* src, void* dst, uint32_t width, uint32_t height, int32_t pixelType,
+           struUSMParam* param, const char* iniPath) {
+    if (src == nullptr) return -1;
+    if (dst == nullptr) return -2;
+    if (pixelType != veltrano::kPix16U) return -3;
+    if (param == nullptr) return -4;
+    if (iniPath != nullptr && iniPath[0] != '\0') *param = struUSMParam(iniPath);
+    // Sizes beyond the int range would turn negative, which USM_BOX treats as empty.
+    const int32_t w = width > INT32_MAX ? 0 : static_cast<int32_t>(width);
+    const int32_t h = height > INT32_MAX ? 0 : static_cast<int32_t>(height);
+    return USM_BOX(src, static_cast<uint16_t*>(dst), w, h, param->r, param->lam,
+                   param->isNeedNorm != 0);
 }
 
 int USM_Gaussian(uint16_t* src, uint16_t* dst, int32_t width, int32_t height, int32_t radius,

@@ -8,6 +8,7 @@
 #include <cstdint>
 
 #include "veltrano/export.h"
+#include "veltrano/params.h"
 
 // Correlation (the kernel is not flipped) of a float image with a kernel of kh rows of kw
 // weights, borders mirrored about the edge pixel; kernels wider than the image are allowed
@@ -29,6 +30,15 @@ VELTRANO_API int ImageConv(const float* src, float* dst, const float* kernel, in
 // destination; -4 radius above 1024.
 VELTRANO_API int USM_BOX(uint16_t* src, uint16_t* dst, int32_t width, int32_t height,
                          int32_t radius, float amount, bool normalise);
+
+// USM_BOX with the settings of a struUSMParam: radius r, amount lam, normalise when isNeedNorm is
+// non-zero. When the INI path is a non-empty string the record is first replaced by
+// struUSMParam(iniPath), which reads the section "struFastNLMParam" of that file. Serves unsigned
+// 16-bit data only; sizes above 2^31 - 1 leave nothing to do.
+// Results: -1 null source; -2 null destination; -3 a pixel-type code other than 4; -4 null
+// record; otherwise the result of USM_BOX.
+VELTRANO_API int USM_EX(uint16_t* src, void* dst, uint32_t width, uint32_t height,
+                        int32_t pixelType, struUSMParam* param, const char* iniPath);
 
 // Gaussian unsharp mask: K[i][j] = exp(((j-r)^2 + (i-r)^2) * -1 / (2 sigma^2)), not normalised;
 // result src * (S amount + 1) - (amount K correlated with src), clamped to 0..65535 (a NaN gives

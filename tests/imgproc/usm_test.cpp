@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
 #include <vector>
 
 #include "advanced_reference.h"
@@ -230,6 +231,39 @@ TEST(UsmBox, InPlaceAndBadArguments) {
     // A radius wider than a small image is served from the mirrored pixels.
     ASSERT_EQ(USM_BOX(s4.data(), dst.data(), 2, 2, 6, 0.5f, false), 1);
     EXPECT_EQ(dst, s4);
+}
+
+TEST(UsmEx, RunsTheBoxMaskWithTheRecordOrTheIniFileSettings) {
+    std::vector<uint16_t> src = RandomImage<uint16_t>(12, 10, 0, 50000, 45);
+    std::vector<uint16_t> viaRecord(src.size()), direct(src.size());
+    struUSMParam p;
+    p.r = 2;
+    p.lam = 1.25f;
+    p.isNeedNorm = 1;
+    ASSERT_EQ(USM_EX(src.data(), viaRecord.data(), 12, 10, 4, &p, nullptr), 1);
+    ASSERT_EQ(USM_BOX(src.data(), direct.data(), 12, 10, 2, 1.25f, true), 1);
+    EXPECT_EQ(viaRecord, direct);
+
+    // The settings live in the non-local-means section of the file.
+    const char* ini = "usm_test_settings.ini";
+    ASSERT_EQ(WriteInt_INI("struFastNLMParam", "r", 3, ini), 1);
+    ASSERT_EQ(WriteFloat_INI("struFastNLMParam", "lam", 0.75f, ini), 1);
+    ASSERT_EQ(WriteInt_INI("struFastNLMParam", "isNeedNorm", 0, ini), 1);
+    ASSERT_EQ(USM_EX(src.data(), viaRecord.data(), 12, 10, 4, &p, ini), 1);
+    ASSERT_EQ(USM_BOX(src.data(), direct.data(), 12, 10, 3, 0.75f, false), 1);
+    EXPECT_EQ(viaRecord, direct);
+    EXPECT_EQ(p.r, 3);
+    EXPECT_EQ(p.lam, 0.75f);
+    EXPECT_EQ(p.isNeedNorm, 0);
+    std::remove(ini);
+
+    std::vector<uint16_t> dst(4, 3), s4(4, 100);
+    EXPECT_EQ(USM_EX(nullptr, dst.data(), 2, 2, 4, &p, nullptr), -1);
+    EXPECT_EQ(USM_EX(s4.data(), nullptr, 2, 2, 4, &p, nullptr), -2);
+    for (int code : {3, 5, 6, 11, 0})
+        EXPECT_EQ(USM_EX(s4.data(), dst.data(), 2, 2, code, &p, nullptr), -3) << code;
+    EXPECT_EQ(USM_EX(s4.data(), dst.data(), 2, 2, 4, nullptr, nullptr), -4);
+    EXPECT_EQ(dst, std::vector<uint16_t>(4, 3));
 }
 
 std::vector<float> GaussianKernel(int r, float sigma) {
