@@ -13,6 +13,7 @@
 #include "veltrano/filters.h"
 #include "veltrano/params.h"
 #include "veltrano/point_ops.h"
+#include "veltrano/usm.h"
 
 namespace veltrano::chain {
 namespace {
@@ -43,6 +44,15 @@ int RunClahe(const Block& b, const Image& im) {
     param.heightBlockNum = IntParam(b, 3);
     param.widthBlockNum = IntParam(b, 4);
     return clahe_16U(im.pixels, im.pixels, im.width, im.height, &param, "");
+}
+
+int RunUsm(const Block& b, const Image& im) {
+    struUSMParam param;
+    param.r = IntParam(b, 1);
+    param.lam = FloatParam(b, 2);
+    param.isNeedNorm = IntParam(b, 3);
+    return USM_EX(im.pixels, im.pixels, static_cast<uint32_t>(im.width),
+                  static_cast<uint32_t>(im.height), kPixelType16U, &param, "");
 }
 
 int RunBrightnessContrast(const Block& b, const Image& im) {
@@ -96,6 +106,7 @@ int RunInverse(const Block&, const Image& im) {
 // In the order in which a block's name is tested.
 constexpr Step kSteps[] = {
     {"CLAHE", 5, RunClahe},
+    {"USM", 4, RunUsm},
     {"BC", 3, RunBrightnessContrast},
     {"Smooth_Med", 2, RunMedian},
     {"Smooth_Box", 2, RunBox},

@@ -205,6 +205,12 @@ TEST(PostProcessChain, EachStepMatchesADirectCall) {
              p.peak = 40; p.histBin = 128; p.heightBlockNum = 2; p.widthBlockNum = 3;
              EXPECT_EQ(clahe_16U(im.data(), im.data(), kW, kH, &p, ""), 1);
          }},
+        {"[USM]\nr=2;\nlam=0.7;\nnorm=0;\nend\n",
+         [](std::vector<uint16_t>& im) {
+             struUSMParam p;
+             p.r = 2; p.lam = 0.7f; p.isNeedNorm = 0;
+             EXPECT_EQ(USM_EX(im.data(), im.data(), kW, kH, 4, &p, ""), 1);
+         }},
         {"[Smooth_Med]\nk=1;\nend\n",
          [](std::vector<uint16_t>& im) {
              EXPECT_EQ(Median_Blur(im.data(), im.data(), kW, kH, 1, 4), 1);
