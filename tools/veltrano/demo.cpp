@@ -110,6 +110,10 @@ int RunDemo(int argc, char** argv) {
                                           std::to_string(code) + ")");
     }
     std::printf("  %-28s %6.2f s\n", "exposure acquired", acquireSeconds);
+    if (code != 0) {
+        std::fprintf(stderr, "veltrano: warning: %s (code %d); the image was taken\n",
+                     DescribeAcquisitionCode(code).c_str(), code);
+    }
     watch.Lap();
 
     const Image16 corrected = ToImage16(frame);
