@@ -9,6 +9,7 @@
 
 #include "chain/chain_file.h"
 #include "veltrano/clahe.h"
+#include "veltrano/contrast.h"
 #include "veltrano/fastnlm.h"
 #include "veltrano/filters.h"
 #include "veltrano/params.h"
@@ -36,6 +37,18 @@ struct Step {
     int (*run)(const Block& block, const Image& image);
 };
 
+int RunAce(const Block& b, const Image& im) {
+    struAceGammaParam param;
+    param.param1 = IntParam(b, 1);
+    param.param2 = FloatParam(b, 2);
+    param.param3 = FloatParam(b, 3);
+    param.param4 = FloatParam(b, 4);
+    param.param5 = IntParam(b, 5);
+    param.param6 = IntParam(b, 6);
+    return Ace_Gamma(im.pixels, im.pixels, im.width, static_cast<uint32_t>(im.height),
+                     kPixelType16U, &param, "");
+}
+
 int RunClahe(const Block& b, const Image& im) {
     claheParam param;
     // The lines run from peak to the tile columns, the reverse of the record's own key order.
@@ -44,6 +57,16 @@ int RunClahe(const Block& b, const Image& im) {
     param.heightBlockNum = IntParam(b, 3);
     param.widthBlockNum = IntParam(b, 4);
     return clahe_16U(im.pixels, im.pixels, im.width, im.height, &param, "");
+}
+
+int RunWln(const Block& b, const Image& im) {
+    struWLNParam param;
+    param.wl = IntParam(b, 1);
+    param.wr = IntParam(b, 2);
+    param.specifymin = IntParam(b, 3);
+    param.specifymax = IntParam(b, 4);
+    return WLN(im.pixels, im.pixels, static_cast<uint32_t>(im.width),
+               static_cast<uint32_t>(im.height), &param);
 }
 
 int RunUsm(const Block& b, const Image& im) {
@@ -105,7 +128,9 @@ int RunInverse(const Block&, const Image& im) {
 
 // In the order in which a block's name is tested.
 constexpr Step kSteps[] = {
+    {"ACE", 7, RunAce},
     {"CLAHE", 5, RunClahe},
+    {"WLN", 5, RunWln},
     {"USM", 4, RunUsm},
     {"BC", 3, RunBrightnessContrast},
     {"Smooth_Med", 2, RunMedian},

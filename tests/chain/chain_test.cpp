@@ -198,12 +198,25 @@ TEST(PostProcessChain, EachStepMatchesADirectCall) {
         Direct direct;
     };
     const Case cases[] = {
+        {"[ACE]\nr=2;\na=1.5;\ng=3;\ngamma=0.8;\nexact=1;\nequ=0;\nend\n",
+         [](std::vector<uint16_t>& im) {
+             struAceGammaParam p;
+             p.param1 = 2; p.param2 = 1.5f; p.param3 = 3.0f; p.param4 = 0.8f;
+             p.param5 = 1; p.param6 = 0;
+             EXPECT_EQ(Ace_Gamma(im.data(), im.data(), kW, kH, 4, &p, ""), 1);
+         }},
         // Lines run peak, bins, tile rows, tile columns.
         {"[CLAHE]\npeak=40;\nbins=128;\nrows=2;\ncols=3;\nend\n",
          [](std::vector<uint16_t>& im) {
              claheParam p;
              p.peak = 40; p.histBin = 128; p.heightBlockNum = 2; p.widthBlockNum = 3;
              EXPECT_EQ(clahe_16U(im.data(), im.data(), kW, kH, &p, ""), 1);
+         }},
+        {"[WLN]\nwl=8000;\nwr=30000;\nmin=1000;\nmax=60000;\nend\n",
+         [](std::vector<uint16_t>& im) {
+             struWLNParam p;
+             p.wl = 8000; p.wr = 30000; p.specifymin = 1000; p.specifymax = 60000;
+             EXPECT_EQ(WLN(im.data(), im.data(), kW, kH, &p), 1);
          }},
         {"[USM]\nr=2;\nlam=0.7;\nnorm=0;\nend\n",
          [](std::vector<uint16_t>& im) {

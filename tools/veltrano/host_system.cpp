@@ -58,7 +58,7 @@ StdoutToFile::~StdoutToFile() {
 
 int WriteVirtualSensorCalibration(const std::string& workDir, int frames, std::string& error) {
     // The ordinary search order looks in the executable's folder first, where the build puts
-    // the driver library.
+    // the driver library. It stays loaded: the library opens the same driver right after.
     HMODULE module = LoadLibraryW(L"FpdSys");
     if (module == nullptr) {
         error = "the driver library FpdSys.dll cannot be loaded";
@@ -71,9 +71,7 @@ int WriteVirtualSensorCalibration(const std::string& workDir, int frames, std::s
         error = "the driver library is not the virtual sensor (no VirtualSensor_WriteCalibration)";
         return -1000;
     }
-    const int result = fn(workDir.c_str(), frames);
-    FreeLibrary(module);
-    return result;
+    return fn(workDir.c_str(), frames);
 }
 
 #else
@@ -115,7 +113,10 @@ StdoutToFile::~StdoutToFile() {
 
 int WriteVirtualSensorCalibration(const std::string& workDir, int frames, std::string& error) {
     // The library finds libFpdSys.so beside itself; the build puts the program there too, so
-    // look beside the executable first and then the ordinary way.
+    // look beside the executable first and then the ordinary way. The driver stays loaded: the
+    // library opens it by name right after, and then finds this very copy among the loaded
+    // libraries, whatever its own search would have found (under AddressSanitizer, for one,
+    // the library's run path is not searched).
     void* module = dlopen((ExecutableDir() + "libFpdSys.so").c_str(), RTLD_NOW | RTLD_LOCAL);
     if (module == nullptr) {
         module = dlopen("libFpdSys.so", RTLD_NOW | RTLD_LOCAL);
@@ -130,9 +131,7 @@ int WriteVirtualSensorCalibration(const std::string& workDir, int frames, std::s
         error = "the driver library is not the virtual sensor (no VirtualSensor_WriteCalibration)";
         return -1000;
     }
-    const int result = fn(workDir.c_str(), frames);
-    dlclose(module);
-    return result;
+    return fn(workDir.c_str(), frames);
 }
 
 #endif
