@@ -43,7 +43,9 @@ protected:
         if (!fs::exists(program_)) {
             GTEST_SKIP() << "the veltrano program is not part of this build";
         }
-        dir_ = fs::absolute("cli_test_files");
+        // One folder per test: CTest runs the tests of this file side by side.
+        dir_ = fs::absolute(std::string("cli_test_") +
+                            testing::UnitTest::GetInstance()->current_test_info()->name());
         fs::remove_all(dir_);
         fs::create_directories(dir_);
 #endif
@@ -173,6 +175,59 @@ TEST_F(VeltranoCli, RefusesImagesOfTheWrongDepth) {
               std::string::npos)
         << outcome.err;
     EXPECT_EQ(ReadAll(File("out.png")), "previous output");
+}
+
+// Width, height, bit depth and colour type from a PNG file's header.
+struct PngHeader {
+    uint32_t width = 0;
+    uint32_t height = 0;
+    int depth = 0;
+    int colour = -1;
+};
+
+PngHeader ReadPngHeader(const fs::path& path) {
+    const std::string bytes = ReadAll(path);
+    PngHeader header;
+    if (bytes.size() < 26 || bytes.compare(1, 3, "PNG") != 0) {
+        return header;
+    }
+    auto be32 = [&](size_t at) {
+        uint32_t v = 0;
+        for (size_t k = 0; k < 4; ++k) {
+            v = (v << 8) | static_cast<uint8_t>(bytes[at + k]);
+        }
+        return v;
+    };
+    header.width = be32(16);
+    header.height = be32(20);
+    header.depth = static_cast<uint8_t>(bytes[24]);
+    header.colour = static_cast<uint8_t>(bytes[25]);
+    return header;
+}
+
+TEST_F(VeltranoCli, DemoTakesAnExposureAndWritesThreeImages) {
+    const Outcome outcome = Veltrano("demo --out out");
+    ASSERT_EQ(outcome.exitCode, 0) << outcome.err;
+    // Standard error is a file here, so the progress comes as plain lines, up to the hand-over.
+    EXPECT_NE(outcome.err.find("acquire:  6 armed"), std::string::npos) << outcome.err;
+    EXPECT_NE(outcome.err.find("acquire: 11 handed over"), std::string::npos) << outcome.err;
+
+    const PngHeader corrected = ReadPngHeader(File("out/corrected.png"));
+    const PngHeader processed = ReadPngHeader(File("out/processed.png"));
+    const PngHeader preview = ReadPngHeader(File("out/preview.png"));
+    EXPECT_EQ(corrected.width, 1300u);
+    EXPECT_EQ(corrected.height, 1800u);
+    EXPECT_EQ(corrected.depth, 16);
+    EXPECT_EQ(corrected.colour, 0);  // grayscale
+    EXPECT_EQ(processed.width, 1300u);
+    EXPECT_EQ(processed.depth, 16);
+    EXPECT_EQ(preview.height, 900u);  // half size, the two halves side by side
+    EXPECT_GT(preview.width, 1300u);
+    EXPECT_EQ(preview.depth, 8);
+    EXPECT_NE(ReadAll(File("out/corrected.png")), ReadAll(File("out/processed.png")));
+    // The calibration and the library's log stay in the output folder.
+    EXPECT_TRUE(fs::exists(File("out/sensor/Correct/Default")));
+    EXPECT_NE(ReadAll(File("out/veltrano.log")).find("Get an image!"), std::string::npos);
 }
 
 TEST_F(VeltranoCli, UsageErrorsExitWithTwoAndHelpWithZero) {

@@ -196,7 +196,11 @@ int RunInfo(int argc, char** argv) {
         size = detector.GetSensorSize();
         CloseDetector(detector);
     }
-    std::printf("state:           %d\n", state);
+    const char* stateName = state == Enm_Online_Offline   ? "offline"
+                            : state == Enm_Online_Online  ? "online"
+                            : state == Enm_Online_Standby ? "standby"
+                                                          : "unknown";
+    std::printf("state:           %d (%s)\n", state, stateName);
     std::printf("serial number:   %s\n", serial.c_str());
     std::printf("USB information: %s\n", usb.c_str());
     switch (size) {
