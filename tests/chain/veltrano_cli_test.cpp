@@ -177,6 +177,20 @@ TEST_F(VeltranoCli, RefusesImagesOfTheWrongDepth) {
     EXPECT_EQ(ReadAll(File("out.png")), "previous output");
 }
 
+TEST_F(VeltranoCli, AcquireRefusesABadChainBeforeTheExposure) {
+    WriteAll(File("malformed.chain"), "[BC]\nb=100;\nc=half;\nend\n");
+    fs::create_directories(File("sensor"));
+    WriteAll(File("out.png"), "previous output");
+    const Outcome outcome =
+        Veltrano("acquire --workdir sensor --chain malformed.chain --out out.png");
+    EXPECT_EQ(outcome.exitCode, 1);
+    EXPECT_NE(outcome.err.find("malformed.chain: has a malformed number"), std::string::npos)
+        << outcome.err;
+    // The detector was never opened: nothing was logged in the work folder.
+    EXPECT_FALSE(fs::exists(File("sensor/veltrano.log")));
+    EXPECT_EQ(ReadAll(File("out.png")), "previous output");
+}
+
 // Width, height, bit depth and colour type from a PNG file's header.
 struct PngHeader {
     uint32_t width = 0;

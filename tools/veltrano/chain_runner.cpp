@@ -56,6 +56,18 @@ bool RunChain(const std::string& chainPath, const Image16& in, Image16& out, std
     }
 }
 
+bool CheckChain(const std::string& chainPath, std::string& error) {
+    Image16 probe;
+    probe.width = 32;
+    probe.height = 32;
+    probe.pixels.resize(32 * 32);
+    for (size_t i = 0; i < probe.pixels.size(); ++i) {
+        probe.pixels[i] = static_cast<uint16_t>(1000 + 53 * i);
+    }
+    Image16 ignored;
+    return RunChain(chainPath, probe, ignored, error);
+}
+
 int Fail(const std::string& subject, const std::string& problem) {
     std::fprintf(stderr, "veltrano: %s: %s\n", subject.c_str(), problem.c_str());
     return kExitFailure;

@@ -93,14 +93,14 @@ int RunAcquire(int argc, char** argv) {
     if (!CheckWorkDir(workDir)) {
         return Fail(workDir, "is not a folder");
     }
-    if (!chain.empty() && !std::ifstream(chain).good()) {
-        return Fail(chain, "cannot be opened");
+    std::string error;
+    if (!chain.empty() && !CheckChain(chain, error)) {
+        return Fail(chain, error);
     }
 
     imgmat frame;
     bool delivered = false;
     int code = 0;
-    std::string error;
     {
         // The library's console lines go to a log in the work folder unless asked for.
         std::unique_ptr<StdoutToFile> log;

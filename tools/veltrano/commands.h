@@ -27,6 +27,10 @@ int Fail(const std::string& subject, const std::string& problem);
 // wrong with the chain file (the caller names the file).
 bool RunChain(const std::string& chainPath, const Image16& in, Image16& out, std::string& error);
 
+// Runs the chain once on a small test picture, so that a chain file with a malformed number
+// is refused before an exposure is spent on it. Same errors as RunChain.
+bool CheckChain(const std::string& chainPath, std::string& error);
+
 // The null device, for silencing the library's own console lines where the program reports
 // the same failure in its own words.
 const char* NullDevice();

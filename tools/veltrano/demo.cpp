@@ -50,8 +50,9 @@ int RunDemo(int argc, char** argv) {
     }
     const fs::path outDir = options.Text("out", "demo-out");
     const std::string chain = options.Text("chain", DefaultChainPath());
-    if (!std::ifstream(chain).good()) {
-        return Fail(chain, "cannot be opened");
+    std::string error;
+    if (!CheckChain(chain, error)) {
+        return Fail(chain, error);
     }
     const fs::path workDir = outDir / "sensor";
     std::error_code ec;
@@ -72,7 +73,6 @@ int RunDemo(int argc, char** argv) {
             return Fail((workDir / "VirtualSensor.ini").string(), "cannot be written");
         }
     }
-    std::string error;
     int result = 0;
     {
         StdoutToFile log(logPath);
