@@ -123,7 +123,10 @@ Location Find(const std::string& t, const char* section, const char* key) {
             }
             line = end < n ? end + 1 : n;
         }
-        pos = line;  // the next header, or the end of the text
+        // The body ended at the next header or the end of the text. A body can begin in the
+        // middle of its header's line ("[S] [T]"); a "[" there is no header.
+        pos = line;
+        if (pos < n && pos > 0 && !IsLineBreak(t[pos - 1])) pos = NextLine(t, pos);
     }
     return loc;
 }

@@ -5,7 +5,8 @@
 // text up to the next "]"; a key is the text of a body line up to its first "=", compared
 // exactly (case-sensitive, no trimming, so "key = v" defines the key "key " with the value " v").
 // Lines beginning with ";" are comments; "#" has no special meaning. The text ends at the end
-// of the file, at a byte 0xFF, or after 4 MiB less one character, whichever comes first.
+// of the file, at a byte 0xFF or NUL, or after 4 MiB less one character, whichever comes first;
+// a writer writes back only that text (cut again at the limit if it grew past it).
 //
 // Results: 1 found or written, 0 not found or not written, -1 bad arguments.
 #pragma once
@@ -32,6 +33,8 @@ VELTRANO_API double ReadDouble_INI(const char* section, const char* key, const c
 
 // Sets key in section to value, creating the file, section or key as needed. A new key becomes
 // the first line of the (last) section of that name; a new section is appended at the end.
+// When a key is inserted, every "%%" in the text behind it becomes "%" (that text has always
+// passed through the formatter); other "%" sequences are kept as they are.
 // Returns 1 when written, 0 when the file could not be written, -1 for a null or empty section
 // or key, or a null fileName or value.
 VELTRANO_API int WriteString_INI(const char* section, const char* key, const char* value,

@@ -60,12 +60,20 @@ std::string Driver::errorText(int code) {
     return info.text;
 }
 
-Driver& TheDriver() {
-    static Driver driver;
-    static const bool loaded = driver.load();
-    EXPECT_TRUE(loaded) << "cannot load " << veltrano::platform::DynamicLibrary::fileNameFor("FpdSys");
-    return driver;
+namespace {
+struct LoadedDriver {
+    Driver driver;
+    bool loaded = driver.load();
+};
+LoadedDriver& Loaded() {
+    static LoadedDriver instance;
+    return instance;
 }
+}  // namespace
+
+Driver& TheDriver() { return Loaded().driver; }
+
+bool DriverLoaded() { return Loaded().loaded; }
 
 EventLog& EventLog::instance() {
     static EventLog log;

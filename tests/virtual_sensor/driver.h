@@ -13,6 +13,8 @@
 #include <thread>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "detector/fpdsys_api.h"
 #include "platform/dynamic_library.h"
 
@@ -41,8 +43,19 @@ struct Driver {
     std::string errorText(int code);
 };
 
-// The process's one loaded driver (loaded on first use; the tests assert it loaded).
+// The process's one loaded driver, loaded on first use.
 Driver& TheDriver();
+bool DriverLoaded();
+
+// Base of every test here: stops a test at once when the driver could not be loaded, instead of
+// calling through null entry points.
+class VirtualSensorTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(DriverLoaded()) << "cannot load "
+                                    << veltrano::platform::DynamicLibrary::fileNameFor("FpdSys");
+    }
+};
 
 struct Event {
     int detector = 0;

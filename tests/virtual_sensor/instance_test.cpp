@@ -10,12 +10,14 @@
 namespace vstest {
 namespace {
 
+using VirtualSensor = VirtualSensorTest;
+
 constexpr char kSmallFlat[] =
     "[VirtualSensor]\nWidth=64\nHeight=48\nScene=flat\nExposureMs=60\n";
 
 Driver& D() { return TheDriver(); }
 
-TEST(VirtualSensor, CommandsCompleteOnTheSensorsOwnThread) {
+TEST_F(VirtualSensor, CommandsCompleteOnTheSensorsOwnThread) {
     WorkDir dir(kSmallFlat);
     Sensor sensor(dir);
     ASSERT_EQ(sensor.createResult(), 0);
@@ -50,7 +52,7 @@ TEST(VirtualSensor, CommandsCompleteOnTheSensorsOwnThread) {
     EXPECT_EQ(EventLog::instance().events(sensor.handle()).size(), done);
 }
 
-TEST(VirtualSensor, RefusedCallsReturnAtOnceWithoutACallback) {
+TEST_F(VirtualSensor, RefusedCallsReturnAtOnceWithoutACallback) {
     WorkDir dir(kSmallFlat);
     Sensor sensor(dir);
     ASSERT_EQ(sensor.createResult(), 0);
@@ -76,7 +78,7 @@ TEST(VirtualSensor, RefusedCallsReturnAtOnceWithoutACallback) {
     EXPECT_TRUE(EventLog::instance().events(h).empty());
 }
 
-TEST(VirtualSensor, ExposureSendsAcquiringThenTheImageAfterTheExposureTime) {
+TEST_F(VirtualSensor, ExposureSendsAcquiringThenTheImageAfterTheExposureTime) {
     WorkDir dir(kSmallFlat);
     Sensor sensor(dir);
     ASSERT_EQ(sensor.createResult(), 0);
@@ -98,7 +100,7 @@ TEST(VirtualSensor, ExposureSendsAcquiringThenTheImageAfterTheExposureTime) {
     EXPECT_NEAR(image.pixels[24 * 64 + 20], 20000, 20000 * 0.5);
 }
 
-TEST(VirtualSensor, AttributesReportTheSensorAndReadBackWhatWasWritten) {
+TEST_F(VirtualSensor, AttributesReportTheSensorAndReadBackWhatWasWritten) {
     struct Size {
         const char* ini;
         int columns;
@@ -156,7 +158,7 @@ TEST(VirtualSensor, AttributesReportTheSensorAndReadBackWhatWasWritten) {
     EXPECT_NE(D().getAttr(h + 1000, fpdsys::kAttrImageWidth, &value), 0);
 }
 
-TEST(VirtualSensor, ConfiguredFaultsShowExactlyAsDescribed) {
+TEST_F(VirtualSensor, ConfiguredFaultsShowExactlyAsDescribed) {
     WorkDir dir(
         "[VirtualSensor]\nWidth=64\nHeight=48\nExposureMs=30\n"
         "FailCommand=6:17, 1002:19\nRejectCommand=2031:33\nHangCommand=2\nFailSetAttr=2510:44\n");
@@ -191,7 +193,7 @@ TEST(VirtualSensor, ConfiguredFaultsShowExactlyAsDescribed) {
     EXPECT_EQ(D().setInt(h, fpdsys::kAttrTriggerThreshold, 5), 0);
 }
 
-TEST(VirtualSensor, ImageFaultsWithholdOrEmptyTheImage) {
+TEST_F(VirtualSensor, ImageFaultsWithholdOrEmptyTheImage) {
     {
         WorkDir dir("[VirtualSensor]\nWidth=64\nHeight=48\nExposureMs=20\nNoImage=1\n");
         Sensor sensor(dir);
@@ -214,7 +216,7 @@ TEST(VirtualSensor, ImageFaultsWithholdOrEmptyTheImage) {
     }
 }
 
-TEST(VirtualSensor, AbortAndRearmingCancelThePendingExposure) {
+TEST_F(VirtualSensor, AbortAndRearmingCancelThePendingExposure) {
     WorkDir dir("[VirtualSensor]\nWidth=64\nHeight=48\nScene=flat\nExposureMs=150\n");
     Sensor sensor(dir);
     ASSERT_EQ(sensor.createResult(), 0);
@@ -237,7 +239,7 @@ TEST(VirtualSensor, AbortAndRearmingCancelThePendingExposure) {
     EXPECT_GE(log.events(sensor.handle()).front().when - second, 150ms);
 }
 
-TEST(VirtualSensor, TwoInstancesWorkSideBySide) {
+TEST_F(VirtualSensor, TwoInstancesWorkSideBySide) {
     WorkDir dir(kSmallFlat);
     Sensor first(dir);
     Sensor second(dir);
@@ -270,7 +272,7 @@ TEST(VirtualSensor, TwoInstancesWorkSideBySide) {
     EXPECT_TRUE(EventLog::instance().waitFor(second.handle(), fpdsys::kEvtCommandDone, 2, 2s));
 }
 
-TEST(VirtualSensor, DestroyReturnsPromptlyAndSilencesAHangingSensor) {
+TEST_F(VirtualSensor, DestroyReturnsPromptlyAndSilencesAHangingSensor) {
     WorkDir dir("[VirtualSensor]\nWidth=64\nHeight=48\nExposureMs=200\nHangCommand=2\n");
     Sensor sensor(dir);
     ASSERT_EQ(sensor.createResult(), 0);
@@ -292,7 +294,7 @@ TEST(VirtualSensor, DestroyReturnsPromptlyAndSilencesAHangingSensor) {
     EXPECT_NE(D().destroy(h), 0);
 }
 
-TEST(VirtualSensor, ACallbackMayDestroyItsOwnSensor) {
+TEST_F(VirtualSensor, ACallbackMayDestroyItsOwnSensor) {
     WorkDir dir(kSmallFlat);
     int handle = 0;
     ASSERT_EQ(D().create(dir.str().c_str(), &EventLog::Callback, &handle), 0);
@@ -312,7 +314,7 @@ TEST(VirtualSensor, ACallbackMayDestroyItsOwnSensor) {
     EXPECT_NE(D().invoke(handle, 2, nullptr, 0), 1);
 }
 
-TEST(VirtualSensor, EveryCodeHasAText) {
+TEST_F(VirtualSensor, EveryCodeHasAText) {
     for (int code : {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 20, 22, 33, -1, 9999, INT_MIN, INT_MAX}) {
         SCOPED_TRACE(code);
         EXPECT_FALSE(D().errorText(code).empty());
