@@ -191,12 +191,13 @@ int Clahe(T* src, T* dst, int32_t width, int32_t height, claheParam* param, cons
     if (bins < 2) bins = 1;
     param->histBin = bins;
 
-    // nx * ny <= width * height, but times the bins that can still exceed what size_t holds.
-    const size_t tiles = static_cast<size_t>(nx) * static_cast<size_t>(ny);
+    // nx * ny (up to 2^62) times the bins can exceed what size_t holds, on 32-bit builds by far.
+    const uint64_t tiles = static_cast<uint64_t>(nx) * static_cast<uint64_t>(ny);
     if (tiles > SIZE_MAX / sizeof(float) / static_cast<size_t>(bins)) return -2;
-    FloatTable hists = AllocateTable(tiles * bins);
+    const size_t entries = static_cast<size_t>(tiles) * static_cast<size_t>(bins);
+    FloatTable hists = AllocateTable(entries);
     if (!hists) return -2;
-    FloatTable maps = AllocateTable(tiles * bins);
+    FloatTable maps = AllocateTable(entries);
     if (!maps) return -2;
 
     const size_t count = static_cast<size_t>(width) * static_cast<size_t>(height);
