@@ -1,0 +1,92 @@
+// Small seeded random sources for the sensor model: a counter-based integer hash, a sequential
+// generator with Gaussian samples, and smooth two-dimensional value noise.
+//
+// Everything is computed with our own integer arithmetic so that a given seed yields the same
+// fixed pattern, scene and noise on every platform and standard library.
+#pragma once
+
+#include <cmath>
+#include <cstdint>
+
+namespace virtual_sensor {
+
+// SplitMix64 finaliser: a well-mixed 64-bit value from any 64-bit input.
+inline uint64_t Mix64(uint64_t z) {
+    z += 0x9E3779B97F4A7C15ull;
+    z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
+    z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
+    return z ^ (z >> 31);
+}
+
+// Hash of a seed and two lattice coordinates.
+inline uint64_t Hash3(uint64_t seed, int64_t a, int64_t b) {
+    return Mix64(seed ^ Mix64(static_cast<uint64_t>(a) * 0x632BE59BD9B4E019ull ^
+                              Mix64(static_cast<uint64_t>(b))));
+}
+
+// Uniform in [0, 1) from the upper 53 bits of a hash.
+inline double UnitFromBits(uint64_t bits) {
+    return static_cast<double>(bits >> 11) * (1.0 / 9007199254740992.0);
+}
+
+class Random {
+public:
+    explicit Random(uint64_t seed) : state_(seed) {}
+
+    uint64_t next() {
+        state_ += 0x9E3779B97F4A7C15ull;
+        return Mix64(state_);
+    }
+    // Uniform in [0, 1).
+    double uniform() { return UnitFromBits(next()); }
+    // Uniform in [lo, hi).
+    double uniform(double lo, double hi) { return lo + (hi - lo) * uniform(); }
+    // Uniform integer in [lo, hi]; hi >= lo.
+    int integer(int lo, int hi) {
+        const uint64_t span = static_cast<uint64_t>(static_cast<int64_t>(hi) - lo) + 1;
+        return static_cast<int>(lo + static_cast<int64_t>(next() % span));
+    }
+    // Standard normal sample (Box-Muller; the second value of each pair is kept for the next call).
+    double gaussian() {
+        if (haveSpare_) {
+            haveSpare_ = false;
+            return spare_;
+        }
+        double u1 = uniform();
+        const double u2 = uniform();
+        if (u1 < 1e-300) {
+            u1 = 1e-300;
+        }
+        const double radius = std::sqrt(-2.0 * std::log(u1));
+        const double angle = 6.283185307179586 * u2;
+        spare_ = radius * std::sin(angle);
+        haveSpare_ = true;
+        return radius * std::cos(angle);
+    }
+
+private:
+    uint64_t state_;
+    double spare_ = 0.0;
+    bool haveSpare_ = false;
+};
+
+// Smooth value noise in [0, 1]: random values on the integer lattice, blended with a smoothstep.
+inline double ValueNoise(uint64_t seed, double x, double y) {
+    const double fx = std::floor(x);
+    const double fy = std::floor(y);
+    const auto ix = static_cast<int64_t>(fx);
+    const auto iy = static_cast<int64_t>(fy);
+    double tx = x - fx;
+    double ty = y - fy;
+    tx = tx * tx * (3.0 - 2.0 * tx);
+    ty = ty * ty * (3.0 - 2.0 * ty);
+    const double v00 = UnitFromBits(Hash3(seed, ix, iy));
+    const double v10 = UnitFromBits(Hash3(seed, ix + 1, iy));
+    const double v01 = UnitFromBits(Hash3(seed, ix, iy + 1));
+    const double v11 = UnitFromBits(Hash3(seed, ix + 1, iy + 1));
+    const double top = v00 + (v10 - v00) * tx;
+    const double bottom = v01 + (v11 - v01) * tx;
+    return top + (bottom - top) * ty;
+}
+
+}  // namespace virtual_sensor

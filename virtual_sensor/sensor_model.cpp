@@ -1,0 +1,286 @@
+#include "sensor_model.h"
+
+#include <algorithm>
+#include <cmath>
+
+#include "phantom.h"
+#include "random.h"
+
+namespace virtual_sensor {
+namespace {
+
+// Relative RMS of the per-pixel gain non-uniformity.
+constexpr double kGainSpread = 0.08;
+// Dark offset: mean and spread in raw units.
+constexpr double kDarkMean = 60.0;
+constexpr double kDarkSpread = 8.0;
+// Signal-dependent noise: variance = kNoiseGain * signal + kReadNoise^2 (raw units), about 1 %
+// at the default dose.
+constexpr double kNoiseGain = 2.0;
+constexpr double kReadNoise = 6.0;
+// Pixels counted from the top of the histogram for the bright mean.
+constexpr uint64_t kBrightCount = 5000;
+
+// Separate random streams for the parts of the fixed pattern, so that changing one part's
+// generator does not reshuffle the others.
+enum Stream : uint64_t { kGainShading = 1, kGainColumns, kGainPixels, kDark, kDefects, kNoise };
+
+uint64_t StreamSeed(uint32_t seed, Stream stream) {
+    return Mix64((static_cast<uint64_t>(seed) << 8) ^ stream);
+}
+
+uint16_t ToRaw(double value) {
+    if (!(value > 0.0)) {
+        return 0;
+    }
+    if (value >= 65535.0) {
+        return 65535;
+    }
+    return static_cast<uint16_t>(value + 0.5);
+}
+
+// Rescales values (over the pixels flagged in use) to zero mean and unit RMS.
+void Standardise(std::vector<double>& values, const std::vector<uint8_t>& use) {
+    double sum = 0.0;
+    double count = 0.0;
+    for (size_t i = 0; i < values.size(); ++i) {
+        if (use[i]) {
+            sum += values[i];
+            count += 1.0;
+        }
+    }
+    if (count == 0.0) {
+        return;
+    }
+    const double mean = sum / count;
+    double squares = 0.0;
+    for (size_t i = 0; i < values.size(); ++i) {
+        values[i] -= mean;
+        if (use[i]) {
+            squares += values[i] * values[i];
+        }
+    }
+    const double rms = std::sqrt(squares / count);
+    if (rms > 0.0) {
+        for (double& v : values) {
+            v /= rms;
+        }
+    }
+}
+
+}  // namespace
+
+SensorModel::SensorModel(const Settings& settings)
+    : settings_(settings), columns_(settings.columns()), rows_(settings.rows()) {
+    const size_t count = static_cast<size_t>(columns_) * static_cast<size_t>(rows_);
+    gain_.assign(count, 1.0f);
+    darkOffset_.assign(count, 0.0f);
+    defects_.assign(count, 0);
+    stuck_.assign(count, -1);
+    buildGainMap();
+    buildDarkOffsets();
+    placeDefects();
+}
+
+void SensorModel::buildGainMap() {
+    const size_t count = gain_.size();
+    std::vector<uint8_t> active(count, 0);
+    for (int y = 0; y < rows_; ++y) {
+        for (int x = 0; x < columns_; ++x) {
+            active[static_cast<size_t>(y) * columns_ + x] = settings_.inCutCorner(x, y) ? 0 : 1;
+        }
+    }
+
+    // Three parts, as seen on real sensors: a smooth shading over the area, a faint per-column
+    // pattern from the read-out, and independent pixel-to-pixel differences.
+    const uint64_t shadingSeed = StreamSeed(settings_.seed, kGainShading);
+    const double coarse = std::max(4.0, columns_ / 4.0);
+    const double fine = std::max(2.0, columns_ / 14.0);
+    std::vector<double> shading(count);
+    std::vector<double> columnPart(count);
+    std::vector<double> pixelPart(count);
+    Random columnRandom(StreamSeed(settings_.seed, kGainColumns));
+    std::vector<double> columnGain(static_cast<size_t>(columns_));
+    for (double& g : columnGain) {
+        g = columnRandom.gaussian();
+    }
+    Random pixelRandom(StreamSeed(settings_.seed, kGainPixels));
+    for (int y = 0; y < rows_; ++y) {
+        for (int x = 0; x < columns_; ++x) {
+            const size_t i = static_cast<size_t>(y) * columns_ + x;
+            shading[i] = ValueNoise(shadingSeed, x / coarse, y / coarse) +
+                         0.5 * ValueNoise(shadingSeed + 1, x / fine, y / fine);
+            columnPart[i] = columnGain[static_cast<size_t>(x)];
+            pixelPart[i] = pixelRandom.gaussian();
+        }
+    }
+    Standardise(shading, active);
+    Standardise(columnPart, active);
+    Standardise(pixelPart, active);
+    std::vector<double> mixed(count);
+    for (size_t i = 0; i < count; ++i) {
+        mixed[i] = 0.70 * shading[i] + 0.20 * columnPart[i] + 0.68 * pixelPart[i];
+    }
+    Standardise(mixed, active);
+    for (size_t i = 0; i < count; ++i) {
+        gain_[i] = static_cast<float>(std::clamp(1.0 + kGainSpread * mixed[i], 0.6, 1.4));
+    }
+}
+
+void SensorModel::buildDarkOffsets() {
+    Random random(StreamSeed(settings_.seed, kDark));
+    for (float& offset : darkOffset_) {
+        offset = static_cast<float>(std::max(0.0, kDarkMean + kDarkSpread * random.gaussian()));
+    }
+}
+
+bool SensorModel::canHoldDefect(int x, int y) const {
+    return x >= 0 && y >= 0 && x < columns_ && y < rows_ && !settings_.inCutCorner(x, y);
+}
+
+void SensorModel::markDefect(int x, int y, int value) {
+    if (!canHoldDefect(x, y)) {
+        return;
+    }
+    const size_t i = static_cast<size_t>(y) * columns_ + x;
+    defects_[i] = 1;
+    stuck_[i] = value;
+}
+
+void SensorModel::placeDefects() {
+    Random random(StreamSeed(settings_.seed, kDefects));
+    const int margin = 2;
+    if (columns_ <= 2 * margin || rows_ <= 2 * margin) {
+        return;
+    }
+    const int64_t area = static_cast<int64_t>(columns_) * rows_;
+
+    // The defective column: stuck dark from top to bottom, away from the edges.
+    const int column = random.integer(columns_ * 3 / 10, columns_ * 7 / 10);
+    for (int y = 0; y < rows_; ++y) {
+        markDefect(column, y, random.integer(20, 60));
+    }
+
+    // A few clusters: small irregular blobs of dead pixels.
+    const int clusters = area >= 200000 ? 4 : 1;
+    for (int c = 0; c < clusters; ++c) {
+        const int edge = std::min({12, columns_ / 4, rows_ / 4});
+        int cx = 0, cy = 0;
+        for (int attempt = 0; attempt < 100; ++attempt) {
+            cx = random.integer(edge, columns_ - 1 - edge);
+            cy = random.integer(edge, rows_ - 1 - edge);
+            if (canHoldDefect(cx, cy)) {
+                break;
+            }
+        }
+        const double rx = random.uniform(1.5, 5.0);
+        const double ry = random.uniform(1.5, 5.0);
+        for (int dy = -5; dy <= 5; ++dy) {
+            for (int dx = -5; dx <= 5; ++dx) {
+                const double q = (dx * dx) / (rx * rx) + (dy * dy) / (ry * ry);
+                if (q <= 1.0) {
+                    markDefect(cx + dx, cy + dy, random.integer(0, 40));
+                }
+            }
+        }
+    }
+
+    // Isolated pixels, half of them hot and half dead, each with good neighbours all round.
+    const int64_t isolated = std::max<int64_t>(4, area / 5000);
+    for (int64_t n = 0; n < isolated; ++n) {
+        for (int attempt = 0; attempt < 20; ++attempt) {
+            const int x = random.integer(margin, columns_ - 1 - margin);
+            const int y = random.integer(margin, rows_ - 1 - margin);
+            bool free = true;
+            for (int dy = -1; dy <= 1 && free; ++dy) {
+                for (int dx = -1; dx <= 1 && free; ++dx) {
+                    free = canHoldDefect(x + dx, y + dy) &&
+                           defects_[static_cast<size_t>(y + dy) * columns_ + (x + dx)] == 0;
+                }
+            }
+            if (free) {
+                const bool hot = (n % 2) == 0;
+                markDefect(x, y, hot ? random.integer(56000, 65535) : random.integer(0, 40));
+                break;
+            }
+        }
+    }
+}
+
+double SensorModel::expected(size_t index, double signal) const {
+    return gain_[index] * signal + darkOffset_[index];
+}
+
+void SensorModel::expose(uint64_t frameIndex, std::vector<uint16_t>& frame) {
+    const size_t count = gain_.size();
+    if (settings_.scene == Scene::Phantom && scene_.empty()) {
+        scene_ = RenderPhantom(columns_, rows_, settings_.seed);
+    }
+    frame.assign(count, 0);
+    Random noise(Mix64(StreamSeed(settings_.seed, kNoise) ^ Mix64(frameIndex)));
+    const double dose = settings_.dose;
+    for (int y = 0; y < rows_; ++y) {
+        for (int x = 0; x < columns_; ++x) {
+            const size_t i = static_cast<size_t>(y) * columns_ + x;
+            if (settings_.inCutCorner(x, y)) {
+                continue;  // no pixel there: reads 0
+            }
+            if (stuck_[i] >= 0) {
+                frame[i] = static_cast<uint16_t>(stuck_[i]);
+                continue;
+            }
+            const double signal = gain_[i] * dose * (scene_.empty() ? 1.0 : scene_[i]);
+            const double sigma = std::sqrt(kNoiseGain * signal + kReadNoise * kReadNoise);
+            frame[i] = ToRaw(signal + darkOffset_[i] + sigma * noise.gaussian());
+        }
+    }
+}
+
+std::vector<uint16_t> SensorModel::calibrationFlat(double dose) const {
+    std::vector<uint16_t> flat(gain_.size(), 0);
+    for (int y = 0; y < rows_; ++y) {
+        for (int x = 0; x < columns_; ++x) {
+            const size_t i = static_cast<size_t>(y) * columns_ + x;
+            if (!settings_.inCutCorner(x, y)) {
+                flat[i] = ToRaw(expected(i, dose));
+            }
+        }
+    }
+    // The first pixel lies in a cut corner and would read 0; it carries the frame's level.
+    if (!flat.empty()) {
+        flat[0] = static_cast<uint16_t>(std::clamp(gainLevel(dose), 0, 65535));
+    }
+    return flat;
+}
+
+int SensorModel::gainLevel(double dose) const {
+    std::vector<uint16_t> exposure(gain_.size(), 0);
+    for (int y = 0; y < rows_; ++y) {
+        for (int x = 0; x < columns_; ++x) {
+            const size_t i = static_cast<size_t>(y) * columns_ + x;
+            if (settings_.inCutCorner(x, y)) {
+                continue;
+            }
+            exposure[i] = stuck_[i] >= 0 ? static_cast<uint16_t>(stuck_[i])
+                                         : ToRaw(expected(i, dose));
+        }
+    }
+    const double level = BrightMean(exposure);
+    return level > 0.0 ? static_cast<int>(level + 0.5) : static_cast<int>(dose + 0.5);
+}
+
+double BrightMean(const std::vector<uint16_t>& frame) {
+    std::vector<uint64_t> histogram(65536, 0);
+    for (uint16_t v : frame) {
+        ++histogram[v];
+    }
+    double sum = 0.0;
+    uint64_t counted = 0;
+    for (int bin = 65535; bin >= 0 && counted < kBrightCount; --bin) {
+        sum += static_cast<double>(histogram[static_cast<size_t>(bin)]) * bin;
+        counted += histogram[static_cast<size_t>(bin)];
+    }
+    return counted > 0 ? sum / static_cast<double>(counted) : 0.0;
+}
+
+}  // namespace virtual_sensor

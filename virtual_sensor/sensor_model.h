@@ -1,0 +1,67 @@
+// The sensor as a physical model: what each pixel reads for a given exposure.
+//
+// A pixel at (x, y) reads  gain(x, y) * dose * scene(x, y) + darkOffset(x, y) + noise,  rounded
+// and clipped to 16 bits, except where the sensor has no pixel (the two cut upper corners, which
+// read 0) and where the pixel is defective (stuck at a value of its own, dark or hot, whatever the
+// exposure). The gain map, dark offsets and defects form the sensor's fixed pattern: they depend
+// only on the seed and the frame size, so the calibration written for a seed matches every
+// frame that a sensor with that seed delivers. The noise is drawn afresh for every frame.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "settings.h"
+
+namespace virtual_sensor {
+
+class SensorModel {
+public:
+    // Builds the fixed pattern; the scene is rendered on first use.
+    explicit SensorModel(const Settings& settings);
+
+    int columns() const { return columns_; }
+    int rows() const { return rows_; }
+
+    // One raw frame of the configured scene and dose. frameIndex selects the noise, so successive
+    // frames differ and a given sequence repeats for the same seed.
+    void expose(uint64_t frameIndex, std::vector<uint16_t>& frame);
+
+    // A calibration flat of the given dose: the noise-free mean of many flat exposures, with the
+    // defective pixels holding what a good pixel there would read (the defect file flags them)
+    // and the first pixel holding the frame's gain level (see gainLevel).
+    std::vector<uint16_t> calibrationFlat(double dose) const;
+
+    // The level that the system compares with an image's bright mean when it picks one of
+    // several gain frames: the bright mean of a noise-free flat exposure of this dose.
+    int gainLevel(double dose) const;
+
+    // 1 at every defective pixel, 0 elsewhere (the cut corners are not defects).
+    const std::vector<uint8_t>& defectMap() const { return defects_; }
+    // Value a defective pixel is stuck at, or -1 for a good pixel.
+    int stuckValue(int index) const { return stuck_[static_cast<size_t>(index)]; }
+
+private:
+    void buildGainMap();
+    void buildDarkOffsets();
+    void placeDefects();
+    void markDefect(int x, int y, int value);
+    bool canHoldDefect(int x, int y) const;
+    // Noise-free raw value of a good pixel for an incident signal of dose * scene.
+    double expected(size_t index, double signal) const;
+
+    Settings settings_;
+    int columns_;
+    int rows_;
+    std::vector<float> gain_;
+    std::vector<float> darkOffset_;
+    std::vector<uint8_t> defects_;
+    std::vector<int32_t> stuck_;
+    std::vector<float> scene_;  // transmitted fraction of the dose; empty until first needed
+};
+
+// The bright mean of a frame as the gain correction computes it: the mean of the brightest
+// pixels, taken by whole histogram bins from the top until at least 5000 pixels are counted.
+double BrightMean(const std::vector<uint16_t>& frame);
+
+}  // namespace virtual_sensor

@@ -1,0 +1,64 @@
+// The virtual sensor's configuration: the section [VirtualSensor] of "VirtualSensor.ini" in the
+// working directory handed to Create. Every key is optional; a missing file means a healthy
+// 1500-size sensor with the default scene. A key with a value that cannot be meant (a sensor
+// size that does not exist, a fault without its code) is an error rather than a silent default,
+// so that a test set-up never runs with a configuration other than the one it wrote.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace virtual_sensor {
+
+enum class Scene { Phantom, Flat };
+
+// One configured fault: a command or attribute ID and the code it yields.
+struct Fault {
+    int id = 0;
+    int code = 0;
+};
+
+struct Settings {
+    int sensorSize = 1500;   // 1000, 1500 or 2000
+    int width = 0;           // 0: the width of the sensor size
+    int height = 0;          // 0: the height of the sensor size
+    int exposureMs = 300;
+    Scene scene = Scene::Phantom;
+    int dose = 20000;
+    uint32_t seed = 1;
+    int online = 1;
+    std::vector<Fault> failCommands;
+    std::vector<Fault> rejectCommands;
+    std::vector<int> hangCommands;
+    std::vector<Fault> failSetAttrs;
+    bool noImage = false;
+    bool nullImage = false;
+
+    // Frame size as reported by attributes 5007 / 5008 and delivered with each image.
+    int columns() const;
+    int rows() const;
+    // Size of the two dark triangles cut from the upper corners of every frame.
+    int cornerCut() const;
+    // The corner cut: a pixel is dark by geometry when r + c <= k or c - r >= columns - k.
+    bool inCutCorner(int column, int row) const;
+
+    // Fault lookups; each returns false when the ID has no such fault.
+    bool failCommand(int command, int& code) const;
+    bool rejectCommand(int command, int& code) const;
+    bool hangCommand(int command) const;
+    bool failSetAttr(int attribute, int& code) const;
+};
+
+// Width, height and corner cut of a sensor size; false for a size that does not exist.
+bool SensorGeometry(int sensorSize, int& width, int& height, int& cornerCut);
+
+// Reads workDir/VirtualSensor.ini into settings (left at its defaults for keys that are absent,
+// and entirely when there is no such file or workDir is null or empty). Returns false and a
+// description of the offending line in problem when a value is not acceptable.
+bool LoadSettings(const char* workDir, Settings& settings, std::string& problem);
+
+// The same from the text of an INI file.
+bool ParseSettings(const std::string& text, Settings& settings, std::string& problem);
+
+}  // namespace virtual_sensor
