@@ -13,10 +13,9 @@ namespace {
 
 using u64 = unsigned long long;
 
-// Storage is sized in 32 bits: a request of count x 4 bytes that does not fit is refused.
-// (The 32-bit build asks its allocator for the all-bits-set size there, which always fails;
-// refusing it directly does the same on every platform and never hands out a buffer shorter
-// than the count.)
+// Storage sizes are 32-bit quantities: a request whose count x 4 bytes does not fit in 32 bits
+// is refused on every platform, as a 32-bit allocator would refuse it, rather than wrapped
+// round to a buffer shorter than the count.
 constexpr u64 kMaxBytes = 0xFFFFFFFFull;
 
 bool MultiplyFits(u64 a, u64 b, u64& product) {

@@ -1,7 +1,8 @@
 // DynamicLibrary: a shared library loaded at run time by its base name.
 //
 // open("FpdSys") searches the ordinary way for FpdSys.dll on Windows (LoadLibraryW) and for
-// libFpdSys.so elsewhere (dlopen); symbol() looks up an entry point, close() unloads it.
+// libFpdSys.so elsewhere (dlopen, then beside our own module); symbol() looks up an entry
+// point, close() unloads it.
 #pragma once
 
 #include <string>

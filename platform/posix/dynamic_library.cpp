@@ -4,6 +4,22 @@
 
 namespace veltrano::platform {
 
+namespace {
+
+// The folder of the module (shared library or program) that holds this code, with a trailing
+// '/'; empty when it cannot be told.
+std::string OwnFolder() {
+    Dl_info info;
+    if (::dladdr(reinterpret_cast<void*>(&OwnFolder), &info) == 0 || info.dli_fname == nullptr) {
+        return {};
+    }
+    const std::string path = info.dli_fname;
+    const std::string::size_type slash = path.rfind('/');
+    return slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
+}
+
+}  // namespace
+
 DynamicLibrary::~DynamicLibrary() { close(); }
 
 std::string DynamicLibrary::fileNameFor(const std::string& baseName) {
@@ -12,10 +28,20 @@ std::string DynamicLibrary::fileNameFor(const std::string& baseName) {
 
 bool DynamicLibrary::open(const std::string& baseName) {
     close();
-    // A bare file name makes dlopen search the usual places: the calling module's run path
-    // (the library's own folder), LD_LIBRARY_PATH and the system folders. RTLD_NOW so that a
+    const std::string fileName = fileNameFor(baseName);
+    // A bare file name makes dlopen search the usual places: LD_LIBRARY_PATH, the calling
+    // module's run path (our library's own folder), the system folders. RTLD_NOW so that a
     // library with unresolved references fails here instead of at its first call.
-    handle_ = ::dlopen(fileNameFor(baseName).c_str(), RTLD_NOW | RTLD_LOCAL);
+    handle_ = ::dlopen(fileName.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (handle_ == nullptr) {
+        // The run path belongs to whoever calls dlopen, and a sanitizer runtime that
+        // intercepts dlopen becomes that caller. Looking beside our own module explicitly
+        // keeps the search the same with or without one.
+        const std::string folder = OwnFolder();
+        if (!folder.empty()) {
+            handle_ = ::dlopen((folder + fileName).c_str(), RTLD_NOW | RTLD_LOCAL);
+        }
+    }
     return handle_ != nullptr;
 }
 

@@ -6,7 +6,6 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -15,36 +14,30 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// A fresh folder below the system's temporary folder, removed again at the end of the test.
-class TempTree {
-public:
-    TempTree() {
-        std::random_device seed;
-        const auto stamp = std::chrono::steady_clock::now().time_since_epoch().count();
-        root_ = fs::temp_directory_path() /
-                ("veltrano_dir_" + std::to_string(seed()) + "_" + std::to_string(stamp));
-        fs::create_directories(root_);
+std::string FreshFolderName() {
+    const auto stamp = std::chrono::steady_clock::now().time_since_epoch().count();
+    return (fs::temp_directory_path() / ("veltrano_dir_" + std::to_string(stamp)))
+        .generic_string();
+}
+
+// A fresh folder below the temporary folder with the given files, removed at the end.
+struct TempTree {
+    const std::string root = FreshFolderName();
+
+    explicit TempTree(std::initializer_list<const char*> files) {
+        fs::create_directories(root);
+        for (const char* file : files) {
+            fs::create_directories(fs::path(root + "/" + file).parent_path());
+            std::ofstream(root + "/" + file) << "x";
+        }
     }
     ~TempTree() {
         std::error_code ignored;
-        fs::remove_all(root_, ignored);
+        fs::remove_all(root, ignored);
     }
-    // The root with forward slashes, as the library's callers build their folder names.
-    std::string root() const { return root_.generic_string(); }
-
-    void addFile(const std::string& relative) {
-        const fs::path path = root_ / relative;
-        fs::create_directories(path.parent_path());
-        std::ofstream(path, std::ios::binary) << "x";
-    }
-    void addFolder(const std::string& relative) { fs::create_directories(root_ / relative); }
-
-private:
-    fs::path root_;
 };
 
-// The expected listing: files in the order the directory is enumerated, each sub-folder's
-// files in place where the sub-folder is met.
+// Files in the order the folder is enumerated, each sub-folder's files where it is met.
 void ExpectedInto(const std::string& folder, std::vector<std::string>& files) {
     for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
         const std::string path = folder + "/" + entry.path().filename().string();
@@ -57,58 +50,31 @@ void ExpectedInto(const std::string& folder, std::vector<std::string>& files) {
 }
 
 TEST(Directory, ListsFilesOfAllSubFoldersInEnumerationOrder) {
-    TempTree tree;
-    tree.addFile("top.gn");
-    tree.addFile("a/first.dft");
-    tree.addFile("a/second.txt");
-    tree.addFile("a/deeper/third.gn");
-    tree.addFile("b/fourth");
-    tree.addFile(".hidden");
-    tree.addFolder("empty");
-    tree.addFolder("a/empty_too");
+    TempTree tree({"top.gn", "a/first.dft", "a/second.txt", "a/deeper/third.gn", "b/fourth",
+                   ".hidden"});
+    fs::create_directories(tree.root + "/empty");
+    const std::vector<std::string> files = ListFilesRecursive(tree.root);
 
-    const std::vector<std::string> files = ListFilesRecursive(tree.root());
+    std::vector<std::string> expected;
+    ExpectedInto(tree.root, expected);
+    EXPECT_EQ(files, expected);
+    std::sort(expected.begin(), expected.end());
+    const std::string& r = tree.root;
+    EXPECT_EQ(expected, (std::vector<std::string>{r + "/.hidden", r + "/a/deeper/third.gn",
+                                                  r + "/a/first.dft", r + "/a/second.txt",
+                                                  r + "/b/fourth", r + "/top.gn"}));
 
-    std::vector<std::string> sorted = files;
-    std::sort(sorted.begin(), sorted.end());
-    const std::string r = tree.root();
-    const std::vector<std::string> want = {r + "/.hidden",           r + "/a/deeper/third.gn",
-                                           r + "/a/first.dft",       r + "/a/second.txt",
-                                           r + "/b/fourth",          r + "/top.gn"};
-    EXPECT_EQ(sorted, want);
-
-    std::vector<std::string> expectedOrder;
-    ExpectedInto(r, expectedOrder);
-    EXPECT_EQ(files, expectedOrder);
-
-    // No "." or ".." entry and no folder appears as a file.
-    for (const std::string& file : files) {
-        const std::string name = file.substr(file.rfind('/') + 1);
-        EXPECT_NE(name, ".");
-        EXPECT_NE(name, "..");
-        EXPECT_FALSE(fs::is_directory(file)) << file;
-    }
-}
-
-TEST(Directory, FolderThatCannotBeOpenedGivesNothing) {
-    TempTree tree;
-    tree.addFile("plain.gn");
-    EXPECT_TRUE(ListFilesRecursive(tree.root() + "/missing").empty());
-    // A file given as the folder is no folder.
-    EXPECT_TRUE(ListFilesRecursive(tree.root() + "/plain.gn").empty());
-
-    tree.addFolder("empty");
-    EXPECT_TRUE(ListFilesRecursive(tree.root() + "/empty").empty());
+    EXPECT_TRUE(ListFilesRecursive(r + "/missing").empty());
+    EXPECT_TRUE(ListFilesRecursive(r + "/top.gn").empty());
+    EXPECT_TRUE(ListFilesRecursive(r + "/empty").empty());
 }
 
 #if !defined(_WIN32)
 TEST(Directory, SymbolicLinksToFilesAreListedButLinkedFoldersAreNotEntered) {
-    TempTree tree;
-    tree.addFile("real/data.gn");
-    const std::string r = tree.root();
+    TempTree tree({"real/data.gn"});
+    const std::string& r = tree.root;
     fs::create_symlink(r + "/real/data.gn", r + "/link.gn");
-    // A link back to the root would recurse forever if it were followed.
-    fs::create_directory_symlink(r, r + "/real/loop");
+    fs::create_directory_symlink(r, r + "/real/loop");  // would recurse forever if followed
     fs::create_symlink(r + "/nowhere", r + "/dangling");
 
     std::vector<std::string> files = ListFilesRecursive(r);
