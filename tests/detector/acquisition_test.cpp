@@ -45,6 +45,34 @@ void Prepare(CVeltrano& detector, const WorkDir& dir, int frames = 1) {
     ASSERT_EQ(detector.Connect(), 0);
 }
 
+// Runs an acquisition on a host thread of its own; the thread is always stopped and joined, even
+// when a check fails half-way.
+class HostThread {
+public:
+    explicit HostThread(CVeltrano& detector)
+        : detector_(detector), thread_([this] {
+              outcome_ = Acquire(detector_);
+              returned_ = std::chrono::steady_clock::now();
+          }) {}
+    ~HostThread() {
+        if (thread_.joinable()) {
+            detector_.StopAcq();
+            thread_.join();
+        }
+    }
+    const Outcome& join() {
+        thread_.join();
+        return outcome_;
+    }
+    std::chrono::steady_clock::time_point returned() const { return returned_; }
+
+private:
+    CVeltrano& detector_;
+    Outcome outcome_;
+    std::chrono::steady_clock::time_point returned_;
+    std::thread thread_;
+};
+
 bool WaitForProgress(CVeltrano& detector, int progress) {
     const auto start = std::chrono::steady_clock::now();
     while (detector.GetProgressBar() != progress) {
@@ -309,20 +337,16 @@ TEST(Acquisition, StopAcqEndsAPendingWaitAtOnce) {
     CVeltrano detector(dir.str().c_str());
     Prepare(detector, dir);
 
-    Outcome outcome;
-    std::chrono::steady_clock::time_point stoppedAt;
-    std::atomic<long long> returnedAfterStop{-1};
-    std::thread host([&] {
-        outcome = Acquire(detector);
-        returnedAfterStop = MillisecondsSince(stoppedAt);
-    });
+    HostThread host(detector);
     ASSERT_TRUE(WaitForProgress(detector, 6));
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    stoppedAt = std::chrono::steady_clock::now();
+    const auto stoppedAt = std::chrono::steady_clock::now();
     detector.StopAcq();
-    host.join();
+    const Outcome outcome = host.join();
+    const auto returnedAfterStop =
+        std::chrono::duration_cast<std::chrono::milliseconds>(host.returned() - stoppedAt);
 
-    EXPECT_LT(returnedAfterStop.load(), 500);
+    EXPECT_LT(returnedAfterStop.count(), 500);
     EXPECT_EQ(outcome.code, -9);
     EXPECT_EQ(outcome.endSign, 2);
     EXPECT_EQ(outcome.progress, 6);
@@ -351,11 +375,10 @@ TEST(Acquisition, StopBeforeTheImageArrivesAndThenACleanExposure) {
     WorkDir dir("SensorSize = 1000\nExposureMs = 400");
     CVeltrano detector(dir.str().c_str());
     Prepare(detector, dir);
-    Outcome outcome;
-    std::thread host([&] { outcome = Acquire(detector); });
+    HostThread host(detector);
     ASSERT_TRUE(WaitForProgress(detector, 6));
     detector.StopAcq();
-    host.join();
+    const Outcome outcome = host.join();
     EXPECT_EQ(outcome.code, -9);
     EXPECT_EQ(outcome.image.data, nullptr);
 
@@ -372,11 +395,10 @@ TEST(Acquisition, ACopysDeinitEndsAPendingWaitWithMinus8) {
     CVeltrano detector(dir.str().c_str());
     Prepare(detector, dir);
     CVeltrano copy(detector);
-    Outcome outcome;
-    std::thread host([&] { outcome = Acquire(detector); });
+    HostThread host(detector);
     ASSERT_TRUE(WaitForProgress(detector, 6));
     copy.Deinit();
-    host.join();
+    const Outcome outcome = host.join();
     EXPECT_EQ(outcome.code, -8);
     EXPECT_EQ(outcome.endSign, 2);
 }
