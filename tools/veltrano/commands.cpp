@@ -10,6 +10,7 @@
 #include "acquisition.h"
 #include "host_system.h"
 #include "options.h"
+#include "png_io.h"
 #include "usage.h"
 #include "veltrano/detector.h"
 #include "veltrano/imgmat.h"
@@ -57,6 +58,9 @@ int RunProcess(int argc, char** argv) {
     if (!std::ifstream(chain).good()) {
         return Fail(chain, "cannot be opened");
     }
+    if (IsPngPath(out) && !PngSupported()) {
+        return Fail(out, kNoPngSupport);
+    }
     Image16 image;
     std::string error;
     const bool read = raw ? ReadRawImage(in, layout, image, error) : ReadPngImage(in, image, error);
@@ -96,6 +100,9 @@ int RunAcquire(int argc, char** argv) {
     std::string error;
     if (!chain.empty() && !CheckChain(chain, error)) {
         return Fail(chain, error);
+    }
+    if (IsPngPath(out) && !PngSupported()) {
+        return Fail(out, kNoPngSupport);  // before the exposure, not after it
     }
 
     imgmat frame;

@@ -10,6 +10,7 @@
 #include "commands.h"
 #include "host_system.h"
 #include "options.h"
+#include "png_io.h"
 #include "preview.h"
 #include "usage.h"
 
@@ -50,6 +51,9 @@ int RunDemo(int argc, char** argv) {
     }
     const fs::path outDir = options.Text("out", "demo-out");
     const std::string chain = options.Text("chain", DefaultChainPath());
+    if (!PngSupported()) {
+        return Fail((outDir / "corrected.png").string(), kNoPngSupport);
+    }
     std::string error;
     if (!CheckChain(chain, error)) {
         return Fail(chain, error);

@@ -9,6 +9,11 @@
 
 namespace vcli {
 
+// False in a build without libpng; every function below then fails with an explanation.
+bool PngSupported();
+// The explanation that a build without libpng gives.
+extern const char kNoPngSupport[];
+
 // Reads a 16-bit grayscale PNG. Any other kind (8-bit, colour, palette, alpha) is refused.
 // On failure returns false and sets error to a short description of the problem.
 bool ReadPng16(const std::string& path, uint32_t& width, uint32_t& height,

@@ -99,6 +99,10 @@ bool WriteGray(const std::string& path, uint32_t width, uint32_t height,
 
 }  // namespace
 
+const char kNoPngSupport[] = "PNG support is not built into this program (libpng was not found)";
+
+bool PngSupported() { return true; }
+
 bool ReadPng16(const std::string& path, uint32_t& width, uint32_t& height,
                std::vector<uint16_t>& pixels, std::string& error) {
     FILE* file = OpenFile(path, "rb");

@@ -2,25 +2,26 @@
 #include "png_io.h"
 
 namespace vcli {
-namespace {
-const char kNoPng[] = "PNG support is not built into this program (libpng was not found)";
-}
+
+const char kNoPngSupport[] = "PNG support is not built into this program (libpng was not found)";
+
+bool PngSupported() { return false; }
 
 bool ReadPng16(const std::string&, uint32_t&, uint32_t&, std::vector<uint16_t>&,
                std::string& error) {
-    error = kNoPng;
+    error = kNoPngSupport;
     return false;
 }
 
 bool WritePng16(const std::string&, uint32_t, uint32_t, const std::vector<uint16_t>&,
                 std::string& error) {
-    error = kNoPng;
+    error = kNoPngSupport;
     return false;
 }
 
 bool WritePng8(const std::string&, uint32_t, uint32_t, const std::vector<uint8_t>&,
                std::string& error) {
-    error = kNoPng;
+    error = kNoPngSupport;
     return false;
 }
 
