@@ -11,9 +11,11 @@
 namespace vcli {
 namespace {
 
-volatile std::sig_atomic_t g_interrupted = 0;
+// Set by the Ctrl-C handler, read by the polling thread: a lock-free atomic is safe for both.
+std::atomic<bool> g_interrupted{false};
+static_assert(std::atomic<bool>::is_always_lock_free, "the signal handler needs a lock-free flag");
 
-void OnInterrupt(int) { g_interrupted = 1; }
+void OnInterrupt(int) { g_interrupted.store(true); }
 
 const char* StageName(int progress) {
     switch (progress) {
@@ -101,7 +103,7 @@ int TakeExposure(CVeltrano& detector, const ExposureSettings& settings, imgmat& 
     detector.SetProgressBar(0);
     detector.ResetUserStop();
 
-    g_interrupted = 0;
+    g_interrupted.store(false);
     void (*previous)(int) = std::signal(SIGINT, OnInterrupt);
     std::atomic<bool> done{false};
     const auto start = std::chrono::steady_clock::now();
@@ -116,7 +118,7 @@ int TakeExposure(CVeltrano& detector, const ExposureSettings& settings, imgmat& 
             if (last) {
                 break;
             }
-            if (g_interrupted && !stopSent) {
+            if (g_interrupted.load() && !stopSent) {
                 detector.StopAcq();
                 stopSent = true;
             }
