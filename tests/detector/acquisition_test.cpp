@@ -321,18 +321,6 @@ TEST(Acquisition, DriverFaultsGiveTheirCodes) {
     }
 }
 
-TEST(Acquisition, AHangingUserRamWriteCostsItsOneSecondTimeOut) {
-    WorkDir dir("SensorSize = 1000\nHangCommand = 2031");
-    CVeltrano detector(dir.str().c_str());
-    Prepare(detector, dir);
-    const auto start = std::chrono::steady_clock::now();
-    Outcome outcome = Acquire(detector);
-    EXPECT_GE(MillisecondsSince(start), 1000);
-    EXPECT_EQ(outcome.code, -7);
-    EXPECT_TRUE(Contains(outcome.log, "Write User RAM Result:"));
-    EXPECT_NE(outcome.image.data, nullptr);
-}
-
 TEST(Acquisition, StopAcqEndsAPendingWaitAtOnce) {
     WorkDir dir("SensorSize = 1000\nNoImage = 1");
     CVeltrano detector(dir.str().c_str());
