@@ -77,7 +77,7 @@ private:
 bool WaitForProgress(CVeltrano& detector, int progress) {
     const auto start = std::chrono::steady_clock::now();
     while (detector.GetProgressBar() != progress) {
-        if (MillisecondsSince(start) > 5000) {
+        if (MillisecondsSince(start) > 20000) {
             return false;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
