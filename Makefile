@@ -1,5 +1,5 @@
 # Thin wrapper over the CMake presets (CMakePresets.json holds the real configuration).
-.PHONY: all build test bench clean
+.PHONY: all build test demo bench clean
 
 all: build
 
@@ -9,6 +9,10 @@ build:
 
 test: build
 	ctest --preset release
+
+# One exposure on the virtual sensor, processed by chains/default.chain, written to demo-out/.
+demo: build
+	./build/release/bin/veltrano demo
 
 bench:
 	cmake --preset bench

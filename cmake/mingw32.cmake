@@ -13,3 +13,10 @@ set(CMAKE_C_FLAGS_INIT "-msse2 -mfpmath=sse")
 set(CMAKE_CXX_FLAGS_INIT "-msse2 -mfpmath=sse")
 set(CMAKE_EXE_LINKER_FLAGS_INIT "-static")
 set(CMAKE_SHARED_LINKER_FLAGS_INIT "-static")
+# Link the OpenMP runtime statically as well (FindOpenMP would pick the import library), so the
+# DLL needs nothing beside it.
+file(GLOB _veltrano_gomp /usr/lib/gcc/i686-w64-mingw32/*-posix/libgomp.a)
+if(_veltrano_gomp)
+  list(GET _veltrano_gomp 0 _veltrano_gomp)
+  set(OpenMP_gomp_LIBRARY ${_veltrano_gomp} CACHE FILEPATH "static OpenMP runtime")
+endif()

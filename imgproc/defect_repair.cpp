@@ -118,6 +118,26 @@ private:
     std::vector<PixelPos> repaired_;
 };
 
+template <class T>
+int EdgeClip(const T* src, T* dst, int rows, int cols, clipParam& param) {
+    // The record's file, when it names one, is the authority on the margins.
+    if (param.filePath != nullptr && param.filePath[0] != '\0') {
+        const clipParam fromFile(param.filePath);
+        param = fromFile;
+    }
+    if (src == nullptr || dst == nullptr) return -1;
+    const int64_t top = std::max(param.up, 0);
+    const int64_t bottom = std::max(param.down, 0);
+    const int64_t left = std::max(param.left, 0);
+    const int64_t right = std::max(param.right, 0);
+    const int64_t outRows = static_cast<int64_t>(rows) - top - bottom;
+    const int64_t outCols = static_cast<int64_t>(cols) - left - right;
+    if (outRows <= 0 || outCols <= 0) return 1;
+    for (int64_t r = 0; r < outRows; ++r)
+        std::memmove(dst + r * outCols, src + (r + top) * cols + left, static_cast<size_t>(outCols) * sizeof(T));
+    return 1;
+}
+
 }  // namespace
 }  // namespace veltrano
 
@@ -178,4 +198,16 @@ int FixBadPixel(float* src, float* dst, float* defectMap, int width, int height)
     }
     if (!temp.empty()) std::memcpy(dst, temp.data(), static_cast<size_t>(count) * sizeof(float));
     return 1;
+}
+
+int edgeClip_8U(uint8_t* src, uint8_t* dst, int rows, int cols, clipParam param) {
+    return EdgeClip(src, dst, rows, cols, param);
+}
+
+int edgeClip_16U(uint16_t* src, uint16_t* dst, int rows, int cols, clipParam param) {
+    return EdgeClip(src, dst, rows, cols, param);
+}
+
+int edgeClip_32F(float* src, float* dst, int rows, int cols, clipParam param) {
+    return EdgeClip(src, dst, rows, cols, param);
 }

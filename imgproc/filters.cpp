@@ -10,6 +10,7 @@
 #include <memory>
 #include <vector>
 
+#include "imgproc/median_select.h"
 #include "imgproc/pixel_helpers.h"
 #include "imgproc/scratch_buffers.h"
 
@@ -289,43 +290,6 @@ int BoxFilter(const T* src, T* dst, int width, int height, int radius) {
 // ---------------------------------------------------------------------------------------------
 // Median filter
 
-// Partition of a[lo..hi] about its first element: from the right move a smaller element into
-// the hole on the left, from the left a greater one into the hole on the right, until the scans
-// meet; the pivot goes there.
-template <class T>
-int64_t Partition(T* a, int64_t lo, int64_t hi) {
-    const T pivot = a[lo];
-    int64_t i = lo;
-    int64_t j = hi;
-    while (i < j) {
-        while (i < j && !(a[j] < pivot)) --j;
-        a[i] = a[j];
-        while (i < j && !(a[i] > pivot)) ++i;
-        a[j] = a[i];
-    }
-    a[i] = pivot;
-    return i;
-}
-
-// Element of rank n/2. The historic code carried the pivot index in the pixel type; within the
-// radii accepted by Median_Blur every index is exact in that type, so a plain index serves.
-template <class T>
-T SelectMedian(T* a, int64_t n) {
-    const int64_t target = n / 2;
-    int64_t lo = 0;
-    int64_t hi = n - 1;
-    int64_t p = Partition(a, lo, hi);
-    while (p != target) {
-        if (p >= target) {
-            hi = p - 1;
-        } else {
-            lo = p + 1;
-        }
-        p = Partition(a, lo, hi);
-    }
-    return a[p];
-}
-
 template <class T>
 int MedianFilter(const T* src, T* dst, int width, int height, int radius) {
     const uint64_t count = PixelCount(width, height);
@@ -377,7 +341,8 @@ int MedianFilter(const T* src, T* dst, int width, int height, int radius) {
     return 1;
 }
 
-// Largest radius whose window the historic selection could index in the pixel type.
+// Largest radius whose window positions fit the pixel type, in which the selection has always
+// carried its index; hosts know these limits.
 template <class T>
 constexpr int MedianRadiusLimit() {
     if constexpr (std::is_same_v<T, uint8_t>) return 7;

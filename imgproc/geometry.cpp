@@ -117,8 +117,8 @@ int DiagonalCopy(uint8_t* src, uint8_t* dst, int width, int height, int pixelTyp
             for (int64_t j = start; j < s; ++j) square.copyElement(i, j, j, i);
         }
     } else {
-        // The anti-diagonal's column is rounded up and only limited from above, as in the
-        // historic code; hosts compare frames made with it.
+        // The anti-diagonal's column is rounded up and only limited from above, unlike the main
+        // diagonal's; hosts compare frames made this way, so both stay as they are.
         GetLine2D(last, 0.0f, 0.0f, last, &a, &b, &c);
         for (int64_t i = 0; i < s; ++i) {
             const float at = -(c / a) - static_cast<float>(i) * (b / a);
@@ -192,7 +192,7 @@ void GetLine2D(float x1, float y1, float x2, float y2, float* a, float* b, float
     float na = 0.0f;
     float nb = 0.0f;
     float nc = 0.0f;
-    if (!(len < 1e-9f)) {
+    if (!(static_cast<double>(len) < 1e-9)) {
         const float ux = dx / len;
         const float uy = dy / len;
         na = uy;

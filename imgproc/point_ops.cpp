@@ -40,14 +40,26 @@ int GammaWorker(const T* src, T* dst, uint64_t count, float gamma) {
             dst[i] = v;
         }
     } else {
+        // Each output depends only on the pixel's value, so a frame larger than the type's value
+        // count is mapped through a table built with the very same arithmetic.
         const float fHigh = static_cast<float>(high);
-        for (uint64_t i = 0; i < count; ++i) {
-            const float b = static_cast<float>(src[i]) / fHigh;
+        auto curve = [&](T value) {
+            const float b = static_cast<float>(value) / fHigh;
             const float p = static_cast<float>(std::pow(static_cast<double>(b), static_cast<double>(gamma)));
             double v = static_cast<double>(p * fHigh + RoundingOffset<T>());
             if (v > high) v = high;
             if (v < low) v = low;
-            dst[i] = StoreClamped<T>(v);
+            return StoreClamped<T>(v);
+        };
+        constexpr size_t values = size_t(1) << (8 * sizeof(T));
+        if (count > values) {
+            // Entry k holds the value low + k (low is negative for signed pixels).
+            const int64_t first = static_cast<int64_t>(low);
+            std::vector<T> table(values);
+            for (size_t k = 0; k < values; ++k) table[k] = curve(static_cast<T>(first + static_cast<int64_t>(k)));
+            for (uint64_t i = 0; i < count; ++i) dst[i] = table[static_cast<size_t>(src[i] - first)];
+        } else {
+            for (uint64_t i = 0; i < count; ++i) dst[i] = curve(src[i]);
         }
     }
     return 1;

@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "veltrano/export.h"
+#include "veltrano/params.h"
 
 // Fills every pixel that the defect map marks (map value >= 1.0; values below 1, negative ones
 // included, mark a good pixel) with the mean of the good pixels of the (2r+1) x (2r+1) window
@@ -25,3 +26,14 @@ VELTRANO_API int ImgFix(float* src, float* dst, float* defectMap, int width, int
 // Results: 1 done; -1 null source; -2 null destination; -3 the temporary buffer of an in-place
 // call cannot be allocated. An image with a width or height of zero or below is empty: 1.
 VELTRANO_API int FixBadPixel(float* src, float* dst, float* defectMap, int width, int height);
+
+// Cuts param.up rows off the top, param.down off the bottom, param.left columns off the left and
+// param.right off the right (negative margins count as 0), writing the remaining
+// (rows - up - down) x (cols - left - right) pixels densely into dst. Note the row count comes
+// before the column count. When the record names an INI file, the values in that file win over
+// the ones passed. Margins that leave no row or column write nothing. The destination must hold
+// the clipped image; the caller knows its size by the same arithmetic.
+// Results: 1 done; -1 null source or destination.
+VELTRANO_API int edgeClip_8U(uint8_t* src, uint8_t* dst, int rows, int cols, clipParam param);
+VELTRANO_API int edgeClip_16U(uint16_t* src, uint16_t* dst, int rows, int cols, clipParam param);
+VELTRANO_API int edgeClip_32F(float* src, float* dst, int rows, int cols, clipParam param);

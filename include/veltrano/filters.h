@@ -8,7 +8,7 @@
 // filter repeats the nearest pixel of the extension instead, since a 0 would shift its ranks.
 //
 // A width or height of zero or below is an empty image: nothing is read or written and the
-// result is 1 (after the pointer checks). Scratch buffers are sized in 64 bits; images or
+// result is 1 (after the argument checks). Scratch buffers are sized in 64 bits; images or
 // kernels of more than 2^31 - 1 elements, or buffers that cannot be allocated, give the
 // function's "too large" code and leave the destination untouched.
 #pragma once
@@ -56,8 +56,9 @@ VELTRANO_API int gaussFilter_32F(float* src, float* dst, int width, int height, 
 // Mean over the (2r+1) x (2r+1) window by running sums, r = max(radius, 1), for codes 3, 4, 5,
 // 6 and 11. Integer images get the mean rounded half up in row 0 and truncated in every other
 // row; float images are clamped below to the smallest positive normal number. Both are kept on
-// purpose. Results: 1 done; -1 null source; -2 null destination; -3 code not served; -4 too
-// large. Safe in place.
+// purpose. The half is added before truncation toward zero for signed images too, so a negative
+// mean moves one step up (a flat -10 becomes -9). Results: 1 done; -1 null source; -2 null
+// destination; -3 code not served; -4 too large. Safe in place.
 VELTRANO_API int Box_Filter(void* src, void* dst, int width, int height, int pixelType,
                             int radius);
 

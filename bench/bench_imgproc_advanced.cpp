@@ -1,0 +1,210 @@
+// Time per full sensor frame (one iteration is one frame) (1300 x 1800) of CLAHE, contrast enhancement and window levelling,
+// the bilateral filter, non-local means and unsharp masking, with the default parameter records.
+#include <benchmark/benchmark.h>
+
+#include <cmath>
+#include <cstdint>
+#include <random>
+#include <vector>
+
+#include "veltrano.h"
+
+namespace {
+
+constexpr int kWidth = 1300;
+constexpr int kHeight = 1800;
+constexpr size_t kPixels = static_cast<size_t>(kWidth) * kHeight;
+
+// A frame with what an intraoral image holds: a smooth exposure gradient, sharp-edged bright
+// structures (crowns, a filling) and sensor noise.
+const std::vector<uint16_t>& Frame16() {
+    static const std::vector<uint16_t> frame = [] {
+        std::vector<uint16_t> f(kPixels);
+        std::mt19937 gen(2024);
+        std::normal_distribution<float> noise(0.0f, 180.0f);
+        for (int y = 0; y < kHeight; ++y) {
+            for (int x = 0; x < kWidth; ++x) {
+                float v = 8000.0f + 14000.0f * x / kWidth + 9000.0f * y / kHeight;
+                const float dx = x - 650.0f, dy = y - 700.0f;
+                if (dx * dx / (300.0f * 300.0f) + dy * dy / (420.0f * 420.0f) < 1.0f) v += 18000.0f;
+                if (x > 900 && x < 1100 && y > 1200 && y < 1500) v = 62000.0f;
+                if ((x / 160 + y / 160) % 7 == 0) v -= 5000.0f;
+                v += noise(gen);
+                f[static_cast<size_t>(y) * kWidth + x] =
+                    static_cast<uint16_t>(std::fmin(std::fmax(v, 0.0f), 65535.0f));
+            }
+        }
+        return f;
+    }();
+    return frame;
+}
+
+template <class T>
+std::vector<T> Converted(double scale) {
+    const std::vector<uint16_t>& f = Frame16();
+    std::vector<T> out(kPixels);
+    for (size_t i = 0; i < kPixels; ++i) out[i] = static_cast<T>(f[i] * scale);
+    return out;
+}
+
+const std::vector<uint8_t>& Frame8() {
+    static const std::vector<uint8_t> frame = Converted<uint8_t>(255.0 / 65535.0);
+    return frame;
+}
+
+template <class T, class Run>
+void ClaheCase(benchmark::State& state, Run run, double scale) {
+    std::vector<T> src = Converted<T>(scale);
+    std::vector<T> dst(kPixels);
+    for (auto _ : state) {
+        claheParam param;
+        benchmark::DoNotOptimize(run(src.data(), dst.data(), &param));
+    }
+}
+
+void BM_clahe_8U(benchmark::State& s) {
+    ClaheCase<uint8_t>(s, [](uint8_t* a, uint8_t* b, claheParam* p) { return clahe_8U(a, b, kWidth, kHeight, p, nullptr); }, 255.0 / 65535.0);
+}
+void BM_clahe_16U(benchmark::State& s) {
+    ClaheCase<uint16_t>(s, [](uint16_t* a, uint16_t* b, claheParam* p) { return clahe_16U(a, b, kWidth, kHeight, p, nullptr); }, 1.0);
+}
+void BM_clahe_32F(benchmark::State& s) {
+    ClaheCase<float>(s, [](float* a, float* b, claheParam* p) { return clahe_32F(a, b, kWidth, kHeight, p, nullptr); }, 1.0);
+}
+void BM_clahe_64F(benchmark::State& s) {
+    ClaheCase<double>(s, [](double* a, double* b, claheParam* p) { return clahe_64F(a, b, kWidth, kHeight, p, nullptr); }, 1.0);
+}
+
+// The _Manual forms with the record's defaults (8, 8, 256, 200).
+template <class T, class Run>
+void ClaheManualCase(benchmark::State& state, Run run, double scale) {
+    std::vector<T> src = Converted<T>(scale);
+    std::vector<T> dst(kPixels);
+    for (auto _ : state) benchmark::DoNotOptimize(run(src.data(), dst.data()));
+}
+
+void BM_clahe_8U_Manual(benchmark::State& s) {
+    ClaheManualCase<uint8_t>(s, [](uint8_t* a, uint8_t* b) { return clahe_8U_Manual(a, b, kWidth, kHeight, 8, 8, 256, 200, nullptr); }, 255.0 / 65535.0);
+}
+void BM_clahe_16U_Manual(benchmark::State& s) {
+    ClaheManualCase<uint16_t>(s, [](uint16_t* a, uint16_t* b) { return clahe_16U_Manual(a, b, kWidth, kHeight, 8, 8, 256, 200, nullptr); }, 1.0);
+}
+void BM_clahe_32F_Manual(benchmark::State& s) {
+    ClaheManualCase<float>(s, [](float* a, float* b) { return clahe_32F_Manual(a, b, kWidth, kHeight, 8, 8, 256, 200, nullptr); }, 1.0);
+}
+void BM_clahe_64F_Manual(benchmark::State& s) {
+    ClaheManualCase<double>(s, [](double* a, double* b) { return clahe_64F_Manual(a, b, kWidth, kHeight, 8, 8, 256, 200, nullptr); }, 1.0);
+}
+
+// Contrast enhancement with the Ace_Gamma record's defaults: radius 20, alpha 1, maxGain 3.
+void BM_AdaptiveContrastEnhancement(benchmark::State& state) {
+    std::vector<uint16_t> src = Frame16(), dst(kPixels);
+    const struAceGammaParam p;
+    for (auto _ : state)
+        benchmark::DoNotOptimize(AdaptiveContrastEnhancement(src.data(), dst.data(), kWidth, kHeight, 4,
+                                                             p.param1, p.param2, p.param3));
+}
+
+void BM_AdaptiveContrastEnhancementQuick(benchmark::State& state) {
+    std::vector<uint16_t> src = Frame16(), dst(kPixels);
+    const struAceGammaParam p;
+    for (auto _ : state)
+        benchmark::DoNotOptimize(AdaptiveContrastEnhancementQuick(src.data(), dst.data(), kWidth, kHeight,
+                                                                  4, p.param1, p.param2, p.param3));
+}
+
+void BM_Ace_Gamma(benchmark::State& state) {
+    std::vector<uint16_t> src = Frame16(), dst(kPixels);
+    struAceGammaParam p;
+    for (auto _ : state) benchmark::DoNotOptimize(Ace_Gamma(src.data(), dst.data(), kWidth, kHeight, 4, &p, nullptr));
+}
+
+// The default record's window is 0..0, which clips everything to 0; the second case uses a
+// window inside the frame's range.
+void BM_WLN(benchmark::State& state) {
+    std::vector<uint16_t> src = Frame16(), dst(kPixels);
+    struWLNParam p;
+    if (state.range(0) != 0) {
+        p.wl = 10000;
+        p.wr = 50000;
+    }
+    for (auto _ : state) benchmark::DoNotOptimize(WLN(src.data(), dst.data(), kWidth, kHeight, &p));
+}
+
+void BM_bilateralFilter_32F(benchmark::State& state) {
+    std::vector<float> src = Converted<float>(1.0 / 65535.0), dst(kPixels);
+    struBilatralParam p;
+    for (auto _ : state) benchmark::DoNotOptimize(bilateralFilter_32F(src.data(), dst.data(), kWidth, kHeight, &p));
+}
+
+void BM_bilateralFilter_16U(benchmark::State& state) {
+    std::vector<uint16_t> src = Frame16(), dst(kPixels);
+    struBilatralParam p;
+    for (auto _ : state) benchmark::DoNotOptimize(bilateralFilter_16U(src.data(), dst.data(), kWidth, kHeight, &p));
+}
+
+// The record's settings (patch radius 1, search radius 3, h 3); the second case widens the
+// patch to radius 4, which should cost about the same.
+void BM_FastNLM(benchmark::State& state) {
+    std::vector<uint8_t> src = Frame8(), dst(kPixels);
+    struFastNLMParam p;
+    p.rd = static_cast<int>(state.range(0));
+    for (auto _ : state) benchmark::DoNotOptimize(FastNLM(src.data(), dst.data(), kWidth, kHeight, p.h, p.rd, p.rD));
+}
+
+// A 5 x 5 Gaussian (split into two passes) and a 5 x 5 kernel that is not separable.
+void BM_ImageConv(benchmark::State& state) {
+    std::vector<float> src = Converted<float>(1.0), dst(kPixels);
+    std::vector<float> kernel(25);
+    for (int i = 0; i < 5; ++i)
+        for (int j = 0; j < 5; ++j)
+            kernel[i * 5 + j] = state.range(0) == 0 ? std::exp(-((i - 2) * (i - 2) + (j - 2) * (j - 2)) / 2.0f)
+                                                    : static_cast<float>((i * 7 + j * 3) % 5) - 1.5f;
+    for (auto _ : state)
+        benchmark::DoNotOptimize(ImageConv(src.data(), dst.data(), kernel.data(), kWidth, kHeight, 5, 5, nullptr));
+}
+
+void BM_USM_BOX(benchmark::State& state) {
+    std::vector<uint16_t> src = Frame16(), dst(kPixels);
+    const struUSMParam p;
+    for (auto _ : state)
+        benchmark::DoNotOptimize(USM_BOX(src.data(), dst.data(), kWidth, kHeight, p.r, p.lam, p.isNeedNorm != 0));
+}
+
+void BM_USM_EX(benchmark::State& state) {
+    std::vector<uint16_t> src = Frame16(), dst(kPixels);
+    struUSMParam p;
+    for (auto _ : state) benchmark::DoNotOptimize(USM_EX(src.data(), dst.data(), kWidth, kHeight, 4, &p, nullptr));
+}
+
+// Radius 2 (a 5 x 5 Gaussian), sigma 1, the box record's amount, with and without the mask.
+void BM_USM_Gaussian(benchmark::State& state) {
+    std::vector<uint16_t> src = Frame16(), dst(kPixels);
+    std::vector<uint8_t> mask(kPixels);
+    const struUSMParam p;
+    uint8_t* m = state.range(0) != 0 ? mask.data() : nullptr;
+    for (auto _ : state)
+        benchmark::DoNotOptimize(USM_Gaussian(src.data(), dst.data(), kWidth, kHeight, 2, p.lam, 500, 1.0f, m));
+}
+
+}  // namespace
+
+BENCHMARK(BM_clahe_8U)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_clahe_16U)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_clahe_32F)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_clahe_64F)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_clahe_8U_Manual)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_clahe_16U_Manual)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_clahe_32F_Manual)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_clahe_64F_Manual)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_AdaptiveContrastEnhancement)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_AdaptiveContrastEnhancementQuick)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Ace_Gamma)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_WLN)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_bilateralFilter_32F)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_bilateralFilter_16U)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_FastNLM)->Arg(1)->Arg(4)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ImageConv)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_USM_BOX)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_USM_EX)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_USM_Gaussian)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);

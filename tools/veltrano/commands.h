@@ -1,0 +1,42 @@
+// The subcommands of the veltrano program. Each returns the process exit code: 0 done,
+// 1 failure (after a one-line message on standard error), 2 usage error.
+#pragma once
+
+#include <string>
+
+#include "image_files.h"
+
+namespace vcli {
+
+constexpr int kExitDone = 0;
+constexpr int kExitFailure = 1;
+constexpr int kExitUsage = 2;
+
+int RunDemo(int argc, char** argv);
+int RunAcquire(int argc, char** argv);
+int RunProcess(int argc, char** argv);
+int RunCalibrate(int argc, char** argv);
+int RunInfo(int argc, char** argv);
+
+// Shared by the subcommands.
+
+// "veltrano: <subject>: <problem>" on standard error; returns kExitFailure.
+int Fail(const std::string& subject, const std::string& problem);
+
+// Runs the chain file on `in` into `out`. On failure sets error to a description of what is
+// wrong with the chain file (the caller names the file).
+bool RunChain(const std::string& chainPath, const Image16& in, Image16& out, std::string& error);
+
+// Runs the chain once on a small test picture, so that a chain file with a malformed number
+// is refused before an exposure is spent on it. Same errors as RunChain.
+bool CheckChain(const std::string& chainPath, std::string& error);
+
+// The null device, for silencing the library's own console lines where the program reports
+// the same failure in its own words.
+const char* NullDevice();
+
+// The chain file shipped with the program: bin/chains/default.chain beside the executable,
+// else chains/default.chain under the current folder.
+std::string DefaultChainPath();
+
+}  // namespace vcli

@@ -1,0 +1,37 @@
+// The few operating-system services the program needs beyond the standard library: where the
+// executable lies, whether standard error is a terminal, sending standard output to a log file
+// for a while, and calling into the driver library by name. POSIX and Windows live in
+// host_system.cpp side by side.
+#pragma once
+
+#include <string>
+
+namespace vcli {
+
+// Folder of the running executable (with a trailing separator), or empty if unknown.
+std::string ExecutableDir();
+
+// True when standard error is an interactive terminal (progress is then drawn in place).
+bool StderrIsTerminal();
+
+// Sends everything written to standard output (by this program or by the library, through
+// printf or std::cout) to a file until the object is destroyed. If the file cannot be opened
+// standard output is left as it is.
+class StdoutToFile {
+public:
+    explicit StdoutToFile(const std::string& path);
+    ~StdoutToFile();
+    StdoutToFile(const StdoutToFile&) = delete;
+    StdoutToFile& operator=(const StdoutToFile&) = delete;
+
+private:
+    int saved_ = -1;
+};
+
+// Calls VirtualSensor_WriteCalibration(workDir, frames) in the driver library that the Veltrano
+// library loads ("FpdSys", searched beside the executable first). Returns its result, or sets
+// error and returns -1000 when the library or the entry point is missing (a real sensor's
+// driver does not have it).
+int WriteVirtualSensorCalibration(const std::string& workDir, int frames, std::string& error);
+
+}  // namespace vcli
