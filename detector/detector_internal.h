@@ -24,6 +24,8 @@ struct SensorSizeRow {
 
 // Null when the code is not in the table.
 const SensorSizeRow* FindSensorRow(int code);
+// The first row, in table order, with these two image dimensions; null when there is none.
+const SensorSizeRow* MatchSensorRow(int width, int height);
 // The calibration image dimensions for a code: its row's, or 1300 x 1800 when it has none.
 void CalibrationSize(int code, unsigned long long& width, unsigned long long& height);
 

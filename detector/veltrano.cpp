@@ -37,6 +37,15 @@ const SensorSizeRow* FindSensorRow(int code) {
     return nullptr;
 }
 
+const SensorSizeRow* MatchSensorRow(int width, int height) {
+    for (const SensorSizeRow& row : kSensorSizes) {
+        if (row.width == width && row.height == height) {
+            return &row;
+        }
+    }
+    return nullptr;
+}
+
 void CalibrationSize(int code, unsigned long long& width, unsigned long long& height) {
     const SensorSizeRow* row = FindSensorRow(code);
     width = row != nullptr ? static_cast<unsigned long long>(row->width) : 1300u;
@@ -330,9 +339,7 @@ int CVeltrano::UpdateFirmWare(const char* path) {
     if (CurrentBinding() != nullptr) {
         return -1;
     }
-    // With no binding the command cannot be started: it fails as with an unloaded library,
-    // which has no error text to print.
-    LogLine("");
+    // Without a binding there is no driver to start the update on; nothing is printed.
     return -1;
 }
 
@@ -377,12 +384,8 @@ int CVeltrano::JudgeSensorSize() {
     if (binding != nullptr) {
         const int width = binding->ReadIntAttribute(fpdsys::kAttrImageWidth);
         const int height = binding->ReadIntAttribute(fpdsys::kAttrImageHeight);
-        for (int code : {1000, 1500, 2000}) {
-            const auto* row = veltrano::detail::FindSensorRow(code);
-            if (row->width == width && row->height == height) {
-                size = row->code;
-                break;
-            }
+        if (const auto* row = veltrano::detail::MatchSensorRow(width, height)) {
+            size = row->code;
         }
     }
     m_sensorSize = size;

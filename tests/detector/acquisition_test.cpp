@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -76,7 +77,7 @@ private:
 bool WaitForProgress(CVeltrano& detector, int progress) {
     const auto start = std::chrono::steady_clock::now();
     while (detector.GetProgressBar() != progress) {
-        if (MillisecondsSince(start) > 5000) {
+        if (MillisecondsSince(start) > 20000) {
             return false;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -320,18 +321,6 @@ TEST(Acquisition, DriverFaultsGiveTheirCodes) {
     }
 }
 
-TEST(Acquisition, AHangingUserRamWriteCostsItsOneSecondTimeOut) {
-    WorkDir dir("SensorSize = 1000\nHangCommand = 2031");
-    CVeltrano detector(dir.str().c_str());
-    Prepare(detector, dir);
-    const auto start = std::chrono::steady_clock::now();
-    Outcome outcome = Acquire(detector);
-    EXPECT_GE(MillisecondsSince(start), 1000);
-    EXPECT_EQ(outcome.code, -7);
-    EXPECT_TRUE(Contains(outcome.log, "Write User RAM Result:"));
-    EXPECT_NE(outcome.image.data, nullptr);
-}
-
 TEST(Acquisition, StopAcqEndsAPendingWaitAtOnce) {
     WorkDir dir("SensorSize = 1000\nNoImage = 1");
     CVeltrano detector(dir.str().c_str());
@@ -369,27 +358,25 @@ TEST(Acquisition, StopAcqEndsAPendingWaitAtOnce) {
     EXPECT_FALSE(detector.GetUserStop());
 }
 
-TEST(Acquisition, StopBeforeTheImageArrivesAndThenACleanExposure) {
-    // A stop that comes while the sensor is armed but before its (slow) image: -9; after the
-    // reset the same object takes a normal exposure of its own.
+TEST(Acquisition, StopBeforeASlowImageAndTeardownWhileItIsDue) {
+    // A stop that comes while the sensor is armed but before its image: -9 and no image. The
+    // object is then torn down while the driver still owes that image; the late image must not
+    // reach it (AddressSanitizer would see a use after free).
     WorkDir dir("SensorSize = 1000\nExposureMs = 400");
-    CVeltrano detector(dir.str().c_str());
-    Prepare(detector, dir);
-    HostThread host(detector);
-    ASSERT_TRUE(WaitForProgress(detector, 6));
-    detector.StopAcq();
-    const Outcome outcome = host.join();
+    auto detector = std::make_unique<CVeltrano>(dir.str().c_str());
+    Prepare(*detector, dir);
+    Outcome outcome;
+    {
+        HostThread host(*detector);
+        ASSERT_TRUE(WaitForProgress(*detector, 6));
+        detector->StopAcq();
+        outcome = host.join();
+    }
     EXPECT_EQ(outcome.code, -9);
     EXPECT_EQ(outcome.image.data, nullptr);
-    // The stopped exposure's image still comes, into nobody's wait.
-    std::this_thread::sleep_for(std::chrono::milliseconds(600));
-
-    detector.ResetUserStop();
-    detector.SetEndSign(0);
-    detector.SetProgressBar(0);
-    Outcome next = Acquire(detector);
-    EXPECT_EQ(next.code, 0);
-    EXPECT_NE(next.image.data, nullptr);
+    EXPECT_EQ(outcome.endSign, 2);
+    detector.reset();
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
 }
 
 TEST(Acquisition, ACopysDeinitEndsAPendingWaitWithMinus8) {

@@ -59,11 +59,6 @@ inline int WriteCalibration(const std::string& workDir, int frames) {
     return write != nullptr ? write(workDir.c_str(), frames) : -1;
 }
 
-inline bool DriverAvailable() {
-    veltrano::platform::DynamicLibrary driver;
-    return driver.open("FpdSys");
-}
-
 // Opens the protected steps of the detector to the tests.
 class TestDetector : public CVeltrano {
 public:
