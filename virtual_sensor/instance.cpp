@@ -229,7 +229,9 @@ void Instance::run() {
         auto next = std::min_element(jobs_.begin(), jobs_.end(),
                                      [](const Job& a, const Job& b) { return a.due < b.due; });
         if (Clock::now() < next->due) {
-            wake_.wait_until(lock, next->due);
+            // The job list may grow (and move) while we wait, so wait on a copy of the time.
+            const auto due = next->due;
+            wake_.wait_until(lock, due);
             continue;
         }
         const Job job = *next;
