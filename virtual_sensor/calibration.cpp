@@ -4,6 +4,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -21,7 +22,14 @@ constexpr uint32_t kKindDefects = 2;
 // Doses of a four-frame gain file, relative to the configured dose.
 constexpr double kFourFrameDoses[4] = {0.25, 0.5, 1.0, 1.5};
 
-enum Result { kWritten = 0, kBadArguments = 1, kBadSettings = 2, kNoFolder = 3, kWriteFailed = 4 };
+enum Result {
+    kWritten = 0,
+    kBadArguments = 1,
+    kBadSettings = 2,
+    kNoFolder = 3,
+    kWriteFailed = 4,
+    kOutOfMemory = 5,
+};
 
 void PutU32(std::vector<uint8_t>& bytes, size_t offset, uint32_t value) {
     for (int i = 0; i < 4; ++i) {
@@ -119,5 +127,11 @@ int WriteCalibration(const char* workDir, int frames) {
 }  // namespace virtual_sensor
 
 extern "C" VIRTUAL_SENSOR_API int VirtualSensor_WriteCalibration(const char* workDir, int frames) {
-    return virtual_sensor::WriteCalibration(workDir, frames);
+    // A frame too large for the memory left is refused; an exception must not cross into the
+    // caller, which may not even be C++.
+    try {
+        return virtual_sensor::WriteCalibration(workDir, frames);
+    } catch (const std::bad_alloc&) {
+        return virtual_sensor::kOutOfMemory;
+    }
 }

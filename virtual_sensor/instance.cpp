@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <string>
 
 #include "error_codes.h"
@@ -273,11 +274,20 @@ void Instance::deliverImage(uint64_t exposure) {
         return;
     }
     notify(fpdsys::kEvtStatus, fpdsys::kStatusAcquiring, 0, "Acquiring image", nullptr);
+    bool exposed = true;
     if (!settings_.nullImage) {
-        if (!model_) {
-            model_ = std::make_unique<SensorModel>(settings_);
+        // A frame too large for the memory left fails the exposure; an exception escaping this
+        // thread would end the host's process.
+        try {
+            if (!model_) {
+                model_ = std::make_unique<SensorModel>(settings_);
+            }
+            model_->expose(framesTaken_++, frame_);
+        } catch (const std::bad_alloc&) {
+            model_.reset();
+            std::vector<uint16_t>().swap(frame_);
+            exposed = false;
         }
-        model_->expose(framesTaken_++, frame_);
     }
     {
         // An Abort or a new arming while the frame was read out cancels this one.
@@ -286,6 +296,10 @@ void Instance::deliverImage(uint64_t exposure) {
             return;
         }
         armedExposure_ = 0;
+    }
+    if (!exposed) {
+        notify(fpdsys::kEvtCommandFailed, fpdsys::kCmdWaitExposure, kOutOfResources, "Out of memory", nullptr);
+        return;
     }
     fpdsys::ImageRecord record{};
     record.columns = settings_.columns();

@@ -134,8 +134,21 @@ void SensorModel::buildDarkOffsets() {
     }
 }
 
+// The repair fills a defect from the good pixels around it, and the defect file counts the cut
+// corners as good although they read 0 (after gain correction too): a defect beside a corner
+// would be filled too dark. So no defect lies within one pixel of a cut corner.
 bool SensorModel::canHoldDefect(int x, int y) const {
-    return x >= 0 && y >= 0 && x < columns_ && y < rows_ && !settings_.inCutCorner(x, y);
+    if (x < 0 || y < 0 || x >= columns_ || y >= rows_) {
+        return false;
+    }
+    for (int dy = -1; dy <= 1; ++dy) {
+        for (int dx = -1; dx <= 1; ++dx) {
+            if (settings_.inCutCorner(x + dx, y + dy)) {
+                return false;
+            }
+        }
+    }
+    return true;
 }
 
 void SensorModel::markDefect(int x, int y, int value) {

@@ -20,6 +20,7 @@
 //   NullImage = 1                        event 1001 carries a null data pointer
 // The fault keys take a comma-separated list ("FailCommand = 6:17, 2031:18"). A value that
 // cannot be meant makes Create fail with code 10, whose text names the offending line.
+// An exposure whose frame does not fit in the memory left fails through event 5 with code 11.
 #pragma once
 
 #if defined(_WIN32)
@@ -43,7 +44,7 @@ extern "C" {
 // "VirtualSensor.dft" holds a 1040-byte header and columns x rows bytes, 1 at every defective
 // pixel. Returns 0 on success; 1 for a null or empty workDir or a frame count other than 1 or 4,
 // 2 for a configuration that Create would reject, 3 when the folder cannot be made, 4 when a
-// file cannot be written.
+// file cannot be written, 5 when the frame does not fit in the memory left.
 VIRTUAL_SENSOR_API int VirtualSensor_WriteCalibration(const char* workDir, int frames);
 
 #ifdef __cplusplus
