@@ -198,7 +198,8 @@ TEST(IniRead, NumericReadersConvertOrFallBackToTheDefault) {
     ScratchFile file;
     file.write(
         "[N]\ni=42abc\nneg= -7\nword=x\nhuge=99999999999\ntiny=-99999999999\n"
-        "f=0.25\nfbig=1e300\nd=0.1234567890123\ndbig=1e400\n");
+        "f=0.25\nfbig=1e300\nd=0.1234567890123\ndbig=1e400\n"
+        "fmax=3.4028235e38\ndmax=1.7976931348623158e308\n");
     const char* p = file.path();
     EXPECT_EQ(ReadInt_INI("N", "i", p, -1), 42);
     EXPECT_EQ(ReadInt_INI("N", "neg", p, -1), -7);
@@ -209,6 +210,9 @@ TEST(IniRead, NumericReadersConvertOrFallBackToTheDefault) {
     EXPECT_EQ(ReadFloat_INI("N", "f", p, -1.0f), 0.25f);
     EXPECT_EQ(ReadFloat_INI("N", "word", p, -1.0f), 0.0f);
     EXPECT_EQ(ReadFloat_INI("N", "fbig", p, -1.0f), HUGE_VALF);
+    // Texts just above the largest value that round to it are not overflows.
+    EXPECT_EQ(ReadFloat_INI("N", "fmax", p, -1.0f), FLT_MAX);
+    EXPECT_EQ(ReadDouble_INI("N", "dmax", p, -1.0), DBL_MAX);
     EXPECT_EQ(ReadFloat_INI("N", "none", p, 1.5f), 1.5f);
     EXPECT_DOUBLE_EQ(ReadDouble_INI("N", "d", p, -1.0), 0.1234567890123);
     EXPECT_EQ(ReadDouble_INI("N", "dbig", p, -1.0), HUGE_VAL);
