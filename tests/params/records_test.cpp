@@ -90,8 +90,8 @@ TEST(Records, StruClaheParamLoadsChainKeysAndSavesFieldKeys) {
 TEST(Records, AceGammaUsesTheSectionOfItsIndex) {
     ScratchFile file;
     file.write(
-        "[Post_Process_Param_2]\nparam1=1\n"
-        "[Post_Process_Param_3]\nparam1=7\nparam2=1.5\nparam3=2.25\nparam4=0.5\nparam5=1\nparam6=2\n");
+        "[Post_Process_Param_2]\nparam1=1\n[Post_Process_Param_3]\nparam1=7\nparam2=1.5\n"
+        "param3=2.25\nparam4=0.5\nparam5=1\nparam6=2\n");
     struAceGammaParam ace(file.path(), 3);
     EXPECT_EQ(Values(ace.param1, ace.param2, ace.param3, ace.param4, ace.param5, ace.param6),
               Values(7, 1.5f, 2.25f, 0.5f, 1, 2));
@@ -114,7 +114,8 @@ TEST(Records, CopiesActOnTheSourceAndAssignmentCopiesValuesAndPath) {
     EXPECT_EQ(copy.filePath, source->filePath);  // the path text is shared
     file.write("[WLNParam]\nwl=9\n");
     copy.loadParam();
-    EXPECT_EQ(Values(source->wl, copy.wl), Values(9, 1));  // loading through the copy fills the source
+    // Loading through the copy fills the source.
+    EXPECT_EQ(Values(source->wl, copy.wl), Values(9, 1));
     source.reset();
     copy.loadParam();  // the source is gone: nothing happens, the path text stays
     EXPECT_STREQ(copy.filePath, file.path());
