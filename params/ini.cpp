@@ -4,12 +4,11 @@
 #include "veltrano/ini.h"
 
 #include <cctype>
-#include <cfloat>
 #include <climits>
-#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <memory>
 #include <new>
 #include <string>
@@ -181,8 +180,10 @@ int WriteValue(const char* section, const char* key, const char* value, const ch
     }
 }
 
-// Conversions as atoi, atof and strtold, except that a number outside the result type's range
-// gives its nearest limit (infinity for the floating types) instead of undefined behaviour.
+// Conversions as atoi, atof and strtold. An integer outside int's range gives its nearest
+// limit instead of undefined behaviour. The floating conversions need no such care: with IEEE
+// types, narrowing rounds to the nearest value and overflows to infinity, so a text just above
+// the largest float that rounds to it (3.4028235e38) still reads as that largest float.
 int ToInt(const char* text) {
     const long long v = std::strtoll(text, nullptr, 10);
     if (v > INT_MAX) return INT_MAX;
@@ -190,19 +191,12 @@ int ToInt(const char* text) {
     return static_cast<int>(v);
 }
 
-float ToFloat(const char* text) {
-    const double v = std::strtod(text, nullptr);
-    if (v > FLT_MAX) return HUGE_VALF;
-    if (v < -FLT_MAX) return -HUGE_VALF;
-    return static_cast<float>(v);
-}
+static_assert(std::numeric_limits<float>::is_iec559 && std::numeric_limits<double>::is_iec559,
+              "narrowing must round to nearest and overflow to infinity");
 
-double ToDouble(const char* text) {
-    const long double v = std::strtold(text, nullptr);
-    if (v > DBL_MAX) return HUGE_VAL;
-    if (v < -DBL_MAX) return -HUGE_VAL;
-    return static_cast<double>(v);
-}
+float ToFloat(const char* text) { return static_cast<float>(std::strtod(text, nullptr)); }
+
+double ToDouble(const char* text) { return static_cast<double>(std::strtold(text, nullptr)); }
 
 bool WriteArgumentsValid(const char* section, const char* key, const char* fileName) {
     return IsName(section) && IsName(key) && fileName != nullptr;

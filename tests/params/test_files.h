@@ -6,9 +6,18 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <fstream>
+#include <iterator>
 #include <string>
+#include <vector>
 
 namespace params_test {
+
+// Int and float fields of a record, compared in one go.
+template <class... T>
+std::vector<double> Values(T... values) {
+    return {static_cast<double>(values)...};
+}
 
 class ScratchFile {
 public:
@@ -18,28 +27,13 @@ public:
         std::remove(name_.c_str());
     }
     ~ScratchFile() { std::remove(name_.c_str()); }
-    ScratchFile(const ScratchFile&) = delete;
-    ScratchFile& operator=(const ScratchFile&) = delete;
 
     const char* path() const { return name_.c_str(); }
-
-    void write(const std::string& text) const {
-        std::FILE* f = std::fopen(name_.c_str(), "w");
-        ASSERT_NE(f, nullptr) << name_;
-        ASSERT_EQ(std::fwrite(text.data(), 1, text.size(), f), text.size());
-        ASSERT_EQ(std::fclose(f), 0);
-    }
-
+    void write(const std::string& text) const { std::ofstream(name_) << text; }
     // The whole text, or "<missing>" when the file does not exist.
     std::string read() const {
-        std::FILE* f = std::fopen(name_.c_str(), "r");
-        if (f == nullptr) return "<missing>";
-        std::string text;
-        char chunk[65536];
-        size_t got;
-        while ((got = std::fread(chunk, 1, sizeof chunk, f)) > 0) text.append(chunk, got);
-        std::fclose(f);
-        return text;
+        std::ifstream in(name_);
+        return in ? std::string(std::istreambuf_iterator<char>(in), {}) : "<missing>";
     }
 
 private:
