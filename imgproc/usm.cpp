@@ -179,7 +179,9 @@ int USM_Gaussian(uint16_t* src, uint16_t* dst, int32_t width, int32_t height, in
     if (src == nullptr) return -1;
     if (dst == nullptr) return -2;
     if (width < 1 || height < 1 || radius <= 0 || radius > veltrano::kMaxWindowRadius) return -4;
-    if (!(sigma > 0.0f)) sigma = 1.0f;
+    // Sigma enters squared, so a negative sigma acts as its magnitude; 0 (or NaN) has no curve
+    // at all and falls back to 1.
+    if (sigma == 0.0f || sigma != sigma) sigma = 1.0f;
 
     const int side = 2 * radius + 1;
     const float c = -1.0f / (2.0f * sigma * sigma);
