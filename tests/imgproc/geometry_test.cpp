@@ -35,77 +35,36 @@ TEST(CopyRoiTo, ClipsOnTheRightAndReadsTheBlockAtTheClippedStride) {
     EXPECT_EQ(out, img);
 }
 
-TEST(AddWaterMask, BlendsNonZeroMarkPixelsOnly) {
-    std::vector<uint16_t> src(4 * 3, 100), dst(12, 0);
-    std::vector<uint16_t> mark = {200, 0, 60000, 8};  // 2 x 2
-    ASSERT_EQ(AddWaterMask(Bytes(src), Bytes(dst), Bytes(mark), 4, 3, 2, 2, 1, 1, 4, 1.0f), 1);
-    EXPECT_EQ(dst, (std::vector<uint16_t>{100, 100, 100, 100, 100, 200, 100, 100, 100, 60000, 8, 100}));
-
-    // alpha 0.25: 0.75 * 100 + 0.25 * 200 = 125; the mark clipped at the right edge.
-    ASSERT_EQ(AddWaterMask(Bytes(src), Bytes(src), Bytes(mark), 4, 3, 2, 2, 3, 0, 4, 0.25f), 1);
-    EXPECT_EQ(src[3], 125);
-    EXPECT_EQ(src[7], 15075);  // 75 + 15000
-    EXPECT_EQ(src[2], 100);
-
-    // 8-bit results clamp to 255; floats clamp below to the smallest normal number.
-    std::vector<uint8_t> b = {250}, mb = {255};
-    ASSERT_EQ(AddWaterMask(b.data(), b.data(), mb.data(), 1, 1, 1, 1, 0, 0, 3, 1.5f), 1);
-    EXPECT_EQ(b[0], 255);
-    std::vector<float> f = {10.0f}, mf = {-30.0f};
-    ASSERT_EQ(AddWaterMask(Bytes(f), Bytes(f), Bytes(mf), 1, 1, 1, 1, 0, 0, 6, 0.5f), 1);
-    EXPECT_EQ(f[0], FLT_MIN);
+TEST(AddWaterMask, BlendsNonZeroMarkPixelsOnlyAndUnservedCodesWriteNothing) {
+    // A 2 x 2 mark at (1, 1), alpha 0.25 on 100s: 0.75 * 100 + 0.25 * 200 = 125, 75 + 15000 and
+    // 75 + 2; the zero mark pixel is transparent.
+    std::vector<uint16_t> src(4 * 3, 100), dst(12, 0), mark = {200, 0, 60000, 8};
+    ASSERT_EQ(AddWaterMask(Bytes(src), Bytes(dst), Bytes(mark), 4, 3, 2, 2, 1, 1, 4, 0.25f), 1);
+    EXPECT_EQ(dst, (std::vector<uint16_t>{100, 100, 100, 100, 100, 125, 100, 100, 100, 15075, 77, 100}));
+    // Colour code 2 (8-bit, 4 channels): black in the first three channels is transparent, the
+    // fourth channel never changes. Results clamp to the type's range.
+    std::vector<uint8_t> img = {10, 20, 30, 40, 10, 20, 250, 40}, m4 = {0, 0, 0, 99, 0, 100, 255, 99};
+    ASSERT_EQ(AddWaterMask(img.data(), img.data(), m4.data(), 2, 1, 2, 1, 0, 0, 2, 1.5f), 1);
+    EXPECT_EQ(img, (std::vector<uint8_t>{10, 20, 30, 40, 0, 140, 255, 40}));
+    std::vector<uint8_t> s8(16, 1), d8(16, 5), m(16, 9);
+    EXPECT_EQ(AddWaterMask(s8.data(), d8.data(), m.data(), 2, 2, 2, 2, 0, 0, 8, 1.0f), 1);
+    EXPECT_EQ(d8, std::vector<uint8_t>(16, 5));  // not even the copy of the source
+    EXPECT_EQ(AddWaterMask(nullptr, d8.data(), m.data(), 2, 2, 2, 2, 0, 0, 4, 1.0f), -1);
+    EXPECT_EQ(AddWaterMask(s8.data(), d8.data(), nullptr, 2, 2, 2, 2, 0, 0, 4, 1.0f), -3);
 }
 
-TEST(AddWaterMask, ColourTypesSkipBlackAndUnservedCodesWriteNothing) {
-    // Code 2: 8-bit, 4 channels. Pixel 0's mark is black in its first three channels.
-    std::vector<uint8_t> img = {10, 20, 30, 40, 10, 20, 30, 40};
-    std::vector<uint8_t> mark = {0, 0, 0, 99, 0, 100, 0, 99};
-    ASSERT_EQ(AddWaterMask(img.data(), img.data(), mark.data(), 2, 1, 2, 1, 0, 0, 2, 0.5f), 1);
-    EXPECT_EQ(img, (std::vector<uint8_t>{10, 20, 30, 40, 5, 60, 15, 40}));
-
-    // Code 9: 16-bit, 3 channels.
-    std::vector<uint16_t> rgb = {1000, 2000, 3000}, m16 = {3000, 0, 1000};
-    ASSERT_EQ(AddWaterMask(Bytes(rgb), Bytes(rgb), Bytes(m16), 1, 1, 1, 1, 0, 0, 9, 0.5f), 1);
-    EXPECT_EQ(rgb, (std::vector<uint16_t>{2000, 1000, 2000}));
-
-    // Unserved codes write nothing at all, not even the copy of the source.
-    std::vector<uint8_t> src(16, 1), dst(16, 5), m(16, 9);
-    EXPECT_EQ(AddWaterMask(src.data(), dst.data(), m.data(), 2, 2, 2, 2, 0, 0, 8, 1.0f), 1);
-    EXPECT_EQ(dst, std::vector<uint8_t>(16, 5));
-    EXPECT_EQ(AddWaterMask(nullptr, dst.data(), m.data(), 2, 2, 2, 2, 0, 0, 4, 1.0f), -1);
-    EXPECT_EQ(AddWaterMask(src.data(), nullptr, m.data(), 2, 2, 2, 2, 0, 0, 4, 1.0f), -2);
-    EXPECT_EQ(AddWaterMask(src.data(), dst.data(), nullptr, 2, 2, 2, 2, 0, 0, 4, 1.0f), -3);
-}
-
-TEST(GetLine2D, GivesTheUnitNormalForm) {
-    struct Case { float x1, y1, x2, y2, a, b, c; };
-    for (const Case& c : {Case{3, 4, 3, 4, 0, 0, 0}, Case{0, 0, 1, 0, 0, -1, 0}, Case{2, 0, 2, 5, 1, 0, -2}}) {
-        float a = 9, b = 9, cc = 9;
-        GetLine2D(c.x1, c.y1, c.x2, c.y2, &a, &b, &cc);
-        EXPECT_EQ(a, c.a);
-        EXPECT_EQ(b, c.b);
-        EXPECT_EQ(cc, c.c);
-    }
-    float a = 0, c = 0;
-    GetLine2D(0, 0, 3, 4, &a, nullptr, &c);
-    EXPECT_FLOAT_EQ(a, 0.8f);
-}
-
-TEST(MakeMaskByLine, FillsOneSideOfTheLine) {
-    const int w = 4, h = 2;
-    std::vector<uint16_t> src = {1, 2, 3, 4, 5, 6, 7, 8};
-    std::vector<uint16_t> dst(8, 0);
-    // Line x = 2: s = x - 2.
-    ASSERT_EQ(MakeMaskByLine(src.data(), dst.data(), w, h, 2, 0, 2, 5, 1, 999), 1);
+TEST(MakeMaskByLine, FillsOneSideOfTheUnitNormalLine) {
+    float a = 9, b = 9, c = 9;
+    GetLine2D(2, 0, 2, 5, &a, &b, &c);  // x = 2
+    EXPECT_EQ(std::vector<float>({a, b, c}), (std::vector<float>{1, 0, -2}));
+    std::vector<uint16_t> src = {1, 2, 3, 4, 5, 6, 7, 8}, dst(8, 0), untouched(8, 42);
+    ASSERT_EQ(MakeMaskByLine(src.data(), dst.data(), 4, 2, 2, 0, 2, 5, 1, 999), 1);
     EXPECT_EQ(dst, (std::vector<uint16_t>{1, 2, 999, 999, 5, 6, 999, 999}));
-    ASSERT_EQ(MakeMaskByLine(src.data(), dst.data(), w, h, 2, 0, 2, 5, 0, 999), 1);
+    ASSERT_EQ(MakeMaskByLine(src.data(), dst.data(), 4, 2, 2, 0, 2, 5, 0, 999), 1);
     EXPECT_EQ(dst, (std::vector<uint16_t>{999, 999, 3, 4, 999, 999, 7, 8}));
-
-    std::vector<uint16_t> untouched(8, 42);
-    EXPECT_EQ(MakeMaskByLine(src.data(), untouched.data(), w, h, 1, 1, 1, 1, 1, 999), 1);
+    EXPECT_EQ(MakeMaskByLine(src.data(), untouched.data(), 4, 2, 1, 1, 1, 1, 1, 999), 1);  // equal points
     EXPECT_EQ(untouched, std::vector<uint16_t>(8, 42));
-    EXPECT_EQ(MakeMaskByLine(nullptr, dst.data(), w, h, 0, 0, 1, 1, 1, 0), -1);
-    EXPECT_EQ(MakeMaskByLine(src.data(), nullptr, w, h, 0, 0, 1, 1, 1, 0), -2);
+    EXPECT_EQ(MakeMaskByLine(nullptr, dst.data(), 4, 2, 0, 0, 1, 1, 1, 0), -1);
 }
 
 TEST(DiagonalCopy, MirrorsTheThreeByThreeExample) {
