@@ -73,36 +73,24 @@ TEST(ImageConv, WideKernelsAndBadArguments) {
     EXPECT_EQ(dst, std::vector<float>(4, 7.0f));
 }
 
+// 100s with 190 in the middle, radius 1, amount 0.5: src * 5.5 - 0.5 * (undivided 3 x 3 sum).
+// The middle sums 990 -> 550; an edge pixel sees the middle twice (mirrored), 1080 -> 10; a
+// corner four times, 1260 -> -80 -> 0. Normalised, -80..550 stretches to 0..65535 first, so
+// the edges become 90 / 630 * 65535 = 9362.1 -> 9362.
 TEST(UsmBox, SharpensWithTheUndividedWindowSum) {
-    struct Case { int w, h, r; float amount; bool normalise; int low, high; };
-    const Case cases[] = {
-        {9, 7, 1, 0.5f, false, 0, 4095}, {6, 10, 2, 0.3f, false, 0, 65535}, {7, 11, 2, 4.0f, true, 0, 4095},
-        {6, 5, 1, 3.0f, true, 1234, 1234},  // constant result: normalising exits early, the source stays
-    };
-    unsigned seed = 31;
-    for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message() << "r=" << c.r << " normalise=" << c.normalise);
-        std::vector<uint16_t> src = RandomImage<uint16_t>(c.w, c.h, c.low, c.high, seed++);
-        std::vector<uint16_t> dst(src.size()), inPlace = src;
-        ASSERT_EQ(USM_BOX(src.data(), dst.data(), c.w, c.h, c.r, c.amount, c.normalise), 1);
-        const int side = 2 * c.r + 1;
-        std::vector<float> result(src.size()), stretched(src.begin(), src.end());
-        for (int y = 0; y < c.h; ++y)
-            for (int x = 0; x < c.w; ++x) {
-                float sum = 0.0f;  // integers below 2^24: exact in any order
-                for (int v = -c.r; v <= c.r; ++v)
-                    for (int u = -c.r; u <= c.r; ++u) sum += At(src, c.w, c.h, x + u, y + v);
-                result[y * c.w + x] = src[y * c.w + x] * (side * side * c.amount + 1.0f) - sum * c.amount;
-            }
-        if (c.normalise) {
-            normalize_32F(result.data(), stretched.data(), c.w, c.h, 0.0f, 65535.0f);
-            result = stretched;
-        }
-        for (size_t i = 0; i < src.size(); ++i)
-            EXPECT_EQ(dst[i], static_cast<uint16_t>(std::fmin(std::fmax(result[i], 0.0f), 65535.0f))) << i;
-        ASSERT_EQ(USM_BOX(inPlace.data(), inPlace.data(), c.w, c.h, c.r, c.amount, c.normalise), 1);
-        EXPECT_EQ(inPlace, dst);
+    for (bool normalise : {false, true}) {
+        std::vector<uint16_t> src(9, 100), dst(9);
+        src[4] = 190;
+        const uint16_t edge = normalise ? 9362 : 10, middle = normalise ? 65535 : 550;
+        ASSERT_EQ(USM_BOX(src.data(), dst.data(), 3, 3, 1, 0.5f, normalise), 1);
+        EXPECT_EQ(dst, (std::vector<uint16_t>{0, edge, 0, edge, middle, edge, 0, edge, 0})) << normalise;
+        ASSERT_EQ(USM_BOX(src.data(), src.data(), 3, 3, 1, 0.5f, normalise), 1);
+        EXPECT_EQ(src, dst);
     }
+    // A constant image stays as it is, normalised or not (normalising a constant result exits early).
+    std::vector<uint16_t> flat(30, 1234), out(30);
+    ASSERT_EQ(USM_BOX(flat.data(), out.data(), 6, 5, 2, 3.0f, true), 1);
+    EXPECT_EQ(out, flat);
     std::vector<uint16_t> dst(4, 3), s4(4, 100);
     EXPECT_EQ(USM_BOX(nullptr, dst.data(), 2, 2, 1, 0.5f, false), -1);
     EXPECT_EQ(USM_BOX(s4.data(), nullptr, 2, 2, 1, 0.5f, false), -2);
@@ -114,9 +102,7 @@ TEST(UsmEx, RunsTheBoxMaskWithTheRecordOrTheIniFileSettings) {
     std::vector<uint16_t> src = RandomImage<uint16_t>(12, 10, 0, 50000, 45);
     std::vector<uint16_t> viaRecord(src.size()), direct(src.size());
     struUSMParam p;
-    p.r = 2;
-    p.lam = 1.25f;
-    p.isNeedNorm = 1;
+    p.r = 2, p.lam = 1.25f, p.isNeedNorm = 1;
     ASSERT_EQ(USM_EX(src.data(), viaRecord.data(), 12, 10, 4, &p, nullptr), 1);
     ASSERT_EQ(USM_BOX(src.data(), direct.data(), 12, 10, 2, 1.25f, true), 1);
     EXPECT_EQ(viaRecord, direct);
