@@ -67,50 +67,28 @@ TEST(MakeMaskByLine, FillsOneSideOfTheUnitNormalLine) {
     EXPECT_EQ(MakeMaskByLine(nullptr, dst.data(), 4, 2, 0, 0, 1, 1, 1, 0), -1);
 }
 
-TEST(DiagonalCopy, MirrorsTheThreeByThreeExample) {
-    // The square sits at (1, 1) of a 5 x 4 image of 32-bit floats (code 8, as the detector).
-    std::vector<float> src(20, -1.0f);
-    const float sq[9] = {1, 2, 3, 4, 5, 6, 7, 8, 9};
-    for (int i = 0; i < 3; ++i)
-        for (int j = 0; j < 3; ++j) src[(1 + i) * 5 + 1 + j] = sq[i * 3 + j];
-    struct Case { int (*fn)(uint8_t*, uint8_t*, int, int, int, int, int, int); std::vector<float> want; };
-    for (const Case& c : {Case{Copy_LeftDown_To_RightUp, {1, 4, 7, 4, 5, 8, 7, 8, 9}},
-                          Case{Copy_RightDown_To_LeftUp, {9, 6, 3, 8, 5, 6, 7, 8, 9}}}) {
-        std::vector<float> dst(20, 0.0f);
-        ASSERT_EQ(c.fn(Bytes(src), Bytes(dst), 5, 4, 8, 1, 1, 3), 1);
-        for (int y = 0; y < 4; ++y)
-            for (int x = 0; x < 5; ++x) {
-                const bool inside = y >= 1 && x >= 1 && x <= 3;
-                const float want = inside ? c.want[(y - 1) * 3 + x - 1] : -1.0f;
-                EXPECT_EQ(dst[y * 5 + x], want) << x << "," << y;
-            }
-        std::vector<float> inPlace = src;
-        ASSERT_EQ(c.fn(Bytes(inPlace), Bytes(inPlace), 5, 4, 8, 1, 1, 3), 1);
-        EXPECT_EQ(inPlace, dst);
-    }
-}
-
-TEST(DiagonalCopy, SquaresOfEverySideBecomeSymmetric) {
-    // The square is clamped to the image: asking for side 100 at (2, 1) of a 41 x 43 image
-    // gives side 39. The lower triangle (main) or lower-right triangle (anti) stays as it was.
-    for (int side : {2, 3, 8, 15, 29, 39}) {  // 8, 15 and 29 round the anti-diagonal just above
-        const int w = 41, h = 43, x0 = 2, y0 = 1;
-        const int asked = side == 39 ? 100 : side;
-        std::vector<int32_t> src(w * h);
-        std::iota(src.begin(), src.end(), 0);
-        std::vector<int32_t> m(w * h), a(w * h);
-        ASSERT_EQ(Copy_LeftDown_To_RightUp(Bytes(src), Bytes(m), w, h, 8, x0, y0, asked), 1);
-        ASSERT_EQ(Copy_RightDown_To_LeftUp(Bytes(src), Bytes(a), w, h, 8, x0, y0, asked), 1);
-        auto at = [&](const std::vector<int32_t>& v, int i, int j) { return v[(y0 + i) * w + x0 + j]; };
+// On 3 x 3 [1 2 3; 4 5 6; 7 8 9] the main form gives [1 4 7; 4 5 8; 7 8 9] and the anti form
+// [9 6 3; 8 5 6; 7 8 9]: the upper-right (upper-left) triangle mirrors the one below its
+// diagonal. The square is clamped to the image: side 100 at (2, 1) of 41 x 43 gives side 39.
+TEST(DiagonalCopy, SquaresOfEverySideBecomeSymmetricInPlaceOrNot) {
+    const int w = 41, h = 43, x0 = 2, y0 = 1;
+    std::vector<int32_t> src(w * h);
+    std::iota(src.begin(), src.end(), 0);
+    for (int side : {2, 3, 8, 15, 29, 39}) {  // 8, 15 and 29 put the anti-diagonal just above an integer
+        std::vector<int32_t> wantMain = src, wantAnti = src, m(w * h), a(w * h), inPlace = src;
+        auto at = [&](int i, int j) { return (y0 + i) * w + x0 + j; };
         for (int i = 0; i < side; ++i)
             for (int j = 0; j < side; ++j) {
-                EXPECT_EQ(at(m, i, j), j >= i ? at(src, j, i) : at(src, i, j)) << side << ": " << i << "," << j;
-                const int s1 = side - 1;
-                EXPECT_EQ(at(a, i, j), j <= s1 - i ? at(src, s1 - j, s1 - i) : at(src, i, j))
-                    << side << ": " << i << "," << j;
+                if (j >= i) wantMain[at(i, j)] = src[at(j, i)];
+                if (j <= side - 1 - i) wantAnti[at(i, j)] = src[at(side - 1 - j, side - 1 - i)];
             }
-        EXPECT_EQ(m[0], 0);
-        EXPECT_EQ(a[w * h - 1], w * h - 1);
+        const int asked = side == 39 ? 100 : side;
+        ASSERT_EQ(Copy_LeftDown_To_RightUp(Bytes(src), Bytes(m), w, h, 8, x0, y0, asked), 1);
+        ASSERT_EQ(Copy_RightDown_To_LeftUp(Bytes(src), Bytes(a), w, h, 8, x0, y0, asked), 1);
+        EXPECT_EQ(m, wantMain) << side;
+        EXPECT_EQ(a, wantAnti) << side;
+        ASSERT_EQ(Copy_RightDown_To_LeftUp(Bytes(inPlace), Bytes(inPlace), w, h, 8, x0, y0, asked), 1);
+        EXPECT_EQ(inPlace, wantAnti) << side;
     }
 }
 
