@@ -70,7 +70,6 @@ TEST(ContrastEnhancement, ExactAndQuickFormsFollowTheirGainLaws) {
         SCOPED_TRACE(testing::Message() << "r=" << s.radius << " alpha=" << s.alpha << " maxGain=" << s.maxGain);
         std::vector<uint16_t> u = RandomImage<uint16_t>(w, h, 0, 65535, seed++), du(u.size()), inPlace = u;
         std::vector<int16_t> si = RandomImage<int16_t>(w, h, -32768, 32767, seed++), ds(si.size());
-        std::vector<uint8_t> b = RandomImage<uint8_t>(w, h, 0, 255, seed++), db(b.size());
         ASSERT_EQ(AdaptiveContrastEnhancement(u.data(), du.data(), w, h, 4, s.radius, s.alpha, s.maxGain), 1);
         EXPECT_EQ(du, (Reference<uint16_t, double>(u, w, h, s.radius, s.alpha, s.maxGain)));
         ASSERT_EQ(AdaptiveContrastEnhancement(inPlace.data(), inPlace.data(), w, h, 4, s.radius, s.alpha, s.maxGain), 1);
@@ -78,9 +77,6 @@ TEST(ContrastEnhancement, ExactAndQuickFormsFollowTheirGainLaws) {
         ASSERT_EQ(AdaptiveContrastEnhancement(reinterpret_cast<uint16_t*>(si.data()), reinterpret_cast<uint16_t*>(ds.data()),
                                               w, h, 5, s.radius, s.alpha, s.maxGain), 1);
         EXPECT_EQ(ds, (Reference<int16_t, double>(si, w, h, s.radius, s.alpha, s.maxGain)));
-        ASSERT_EQ(AdaptiveContrastEnhancement(reinterpret_cast<uint16_t*>(b.data()), reinterpret_cast<uint16_t*>(db.data()),
-                                              w, h, 3, s.radius, s.alpha, s.maxGain), 1);
-        EXPECT_EQ(db, (Reference<uint8_t, double>(b, w, h, s.radius, s.alpha, s.maxGain)));
         // Small values keep every single-precision sum of the quick form exact at radius 0.
         std::vector<uint16_t> small = RandomImage<uint16_t>(w, h, 0, 1000, seed++), dq(small.size());
         ASSERT_EQ(AdaptiveContrastEnhancementQuick(small.data(), dq.data(), w, h, 4, 0, s.alpha, s.maxGain), 1);
@@ -138,14 +134,12 @@ TEST(AceGamma, RunsEnhancementGammaAndEqualisationInThatOrder) {
     EquHist(src.data(), expected.data(), w * h, 4);
     EXPECT_EQ(dst, expected);
     EXPECT_EQ(inPlace, expected);
-    // ... but only for 8- and 16-bit codes: a float image keeps enhancement and gamma.
-    std::vector<float> fsrc = RandomImage<float>(w, h, 0.0, 1000.0, 18), fdst(fsrc.size()), fexp(fsrc.size());
-    p = AceRecord(2, 1.0f, 3.0f, 0.7f, 0, 1);
-    ASSERT_EQ(Ace_Gamma(reinterpret_cast<uint16_t*>(fsrc.data()), fdst.data(), w, h, 6, &p, nullptr), 1);
-    AdaptiveContrastEnhancementQuick(reinterpret_cast<uint16_t*>(fsrc.data()), reinterpret_cast<uint16_t*>(fexp.data()),
-                                     w, h, 6, 2, 1.0f, 3.0f);
-    GammaCorrect(fexp.data(), fexp.data(), w, h, 0.7f, 6);
-    EXPECT_EQ(fdst, fexp);
+    // ... but only for 8- and 16-bit codes: a signed image keeps enhancement and gamma.
+    std::vector<int16_t> s16(src.begin(), src.end()), d16(src.size()), e16(src.size());
+    ASSERT_EQ(Ace_Gamma(reinterpret_cast<uint16_t*>(s16.data()), d16.data(), w, h, 5, &p, nullptr), 1);
+    AdaptiveContrastEnhancement(reinterpret_cast<uint16_t*>(s16.data()), reinterpret_cast<uint16_t*>(e16.data()), w, h, 5, 3, 0.8f, 2.0f);
+    GammaCorrect(e16.data(), e16.data(), w, h, 0.5f, 5);
+    EXPECT_EQ(d16, e16);
     // A non-empty INI path loads the record's own section first.
     const char* ini = "ace_gamma_test_settings.ini";
     const char* keys[] = {"param1", "param2", "param3", "param4", "param5", "param6"};

@@ -59,17 +59,14 @@ TEST(PointOps, GammaCorrectMapsIntegerTypesOverTheirFullRangeAndFloatsOverTheirS
     uint8_t b[2] = {128, 64}, ob[2] = {};
     ASSERT_EQ(GammaCorrect(b, ob, 1, 1, 2.0f, 3), 1);
     ASSERT_EQ(GammaCorrect(b + 1, ob + 1, 1, 1, 0.5f, 3), 1);
-    EXPECT_EQ(ob[0], 64);
-    EXPECT_EQ(ob[1], 128);
+    EXPECT_EQ(ob[0] * 1000 + ob[1], 64128);
     // 30000^2 / 65535 + 0.5 = 13733.6 -> 13733, also within a frame mapped through a table.
     all.assign(all.size(), 30000);
     ASSERT_EQ(GammaCorrect(all.data(), out.data(), 300, 260, 2.0f, 4), 1);
     EXPECT_EQ(out, std::vector<uint16_t>(all.size(), 13733));
-    // Signed 16-bit divides by 32767; a negative base has no real power and stores 0.
-    int16_t s[2] = {-100, 32767}, os[2] = {5, 5};
+    int16_t s[2] = {-100, 32767}, os[2] = {5, 5};  // a negative base has no real power: 0
     ASSERT_EQ(GammaCorrect(s, os, 2, 1, 0.5f, 5), 1);
-    EXPECT_EQ(os[0], 0);
-    EXPECT_EQ(os[1], 32767);
+    EXPECT_EQ(std::vector<int16_t>(os, os + 2), (std::vector<int16_t>{0, 32767}));
     float f[4] = {1.0f, 2.0f, 3.0f, 5.0f}, fo[4] = {};  // min 1, span 4, no offset
     ASSERT_EQ(GammaCorrect(f, fo, 4, 1, 2.0f, 6), 1);
     EXPECT_EQ(std::vector<float>(fo, fo + 4), (std::vector<float>{1.0f, 1.25f, 2.0f, 5.0f}));
@@ -147,9 +144,7 @@ TEST(PointOps, InPlaceEqualsOutOfPlace) {
         [&](uint16_t* s, uint16_t* d) { return BrigntAndContrast(s, d, w, h, 4, 300.0f, 1.3f); },
         [&](uint16_t* s, uint16_t* d) { return GammaCorrect(s, d, w, h, 1.7f, 3); },
         [&](uint16_t* s, uint16_t* d) { return EquHist(s, d, w * h, 4); },
-        [&](uint16_t* s, uint16_t* d) { return EquHist(s, d, w * h, 3); },
-        [&](uint16_t* s, uint16_t* d) { return ImgGainCorrect(reinterpret_cast<float*>(s), reinterpret_cast<float*>(d), w, h / 2); },
-    };
+        [&](uint16_t* s, uint16_t* d) { return Image_Log(reinterpret_cast<float*>(s), reinterpret_cast<float*>(d), w, h / 2, 1); }};
     for (size_t k = 0; k < ops.size(); ++k) {
         std::vector<uint16_t> out = src, inPlace = src;
         ASSERT_EQ(ops[k](src.data(), out.data()), 1);
