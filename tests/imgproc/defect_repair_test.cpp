@@ -3,7 +3,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <fstream>
-#include <random>
 #include <vector>
 
 #include "veltrano.h"

@@ -33,10 +33,10 @@ TEST(Normalize, IntegersRoundHalfUpIntoTheRangeAndSwappedBoundsActAsOrdered) {
     std::vector<uint8_t> d8(4);
     ASSERT_EQ(normalize_8U(s8.data(), d8.data(), 4, 1, 200, 100), 1);
     EXPECT_EQ(d8, (std::vector<uint8_t>{100, 200, 150, 125}));
-    const std::vector<float> f = {1, 2, 3, 1.5f};  // floats take no offset
-    std::vector<float> df(4);
-    ASSERT_EQ(normalize_32F(f.data(), df.data(), 4, 1, 0, 10), 1);
-    EXPECT_EQ(df, (std::vector<float>{0, 5, 10, 2.5f}));
+    const std::vector<double> f = {1, 2, 3, 1.5};  // floating types take no offset
+    std::vector<double> df(4);
+    ASSERT_EQ(normalize_64F(f.data(), df.data(), 4, 1, 0, 10), 1);
+    EXPECT_EQ(df, (std::vector<double>{0, 5, 10, 2.5}));
 }
 
 TEST(Normalize, TruncMinMaxOnlyChecksPointers) {
@@ -45,7 +45,6 @@ TEST(Normalize, TruncMinMaxOnlyChecksPointers) {
     EXPECT_EQ(Normalize_TruncMinMax(src.data(), nullptr, 2, 2, 0, 4), -2);
     EXPECT_EQ(Normalize_TruncMinMax(src.data(), dst.data(), 2, 2, 0, 4), 1);
     EXPECT_EQ(dst, std::vector<uint8_t>(4, 9));
-    EXPECT_EQ(src, (std::vector<uint8_t>{1, 2, 3, 4}));
 }
 
 }  // namespace
