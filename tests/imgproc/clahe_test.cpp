@@ -25,9 +25,7 @@ TEST(Clahe, SingleTileMapsThroughItsClippedCumulativeHistogram) {
     // 16 - 3.0286, so 11 -> 0.23348 * 255 + 1 = 60.5 and 30 -> 0.50661 * 255 + 1 = 130.2.
     for (const Case& c : {Case{100, 1, 86, 171}, Case{3, 1, 60, 130}}) {
         ASSERT_EQ(clahe_8U_Manual(src.data(), dst.data(), 4, 4, 1, 1, 256, c.peak, nullptr), 1);
-        EXPECT_EQ(dst[0], c.at10) << c.peak;
-        EXPECT_EQ(dst[8], c.at11) << c.peak;
-        EXPECT_EQ(dst[12], c.at30) << c.peak;
+        EXPECT_EQ(std::vector<int>({dst[0], dst[8], dst[12]}), std::vector<int>({c.at10, c.at11, c.at30})) << c.peak;
     }
     // Floats are binned by their raw value with 255 / (max - min) per unit, so 25 and 30 share
     // the top bin, and mapped to r * (max - min) without any offset.
@@ -42,9 +40,7 @@ TEST(Clahe, SingleTileMapsThroughItsClippedCumulativeHistogram) {
     EXPECT_EQ(p.binScale, 65535.0f / 20.0f);
     p.histBin = 256;
     ASSERT_EQ(clahe_32F(f.data(), fo.data(), 4, 4, &p, nullptr), 1);
-    EXPECT_EQ(fo[0], 0.0f);
-    EXPECT_EQ(fo[8], 10.0f);
-    EXPECT_EQ(fo[15], 10.0f);
+    EXPECT_EQ(std::vector<float>({fo[0], fo[8], fo[15]}), (std::vector<float>{0, 10, 10}));
 }
 
 // Two tiles across, each of 4 columns (column 8 lies in no tile). Tile 0 maps 20 to 0.5, tile 1
