@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <vector>
@@ -14,37 +15,26 @@ using advanced_ref::RandomImage;
 
 // Non-local means computed the slow way: every patch distance summed pixel by pixel, every
 // weight from exp directly, accumulated per pixel in displacement order (dy outer, dx inner).
-std::vector<uint8_t> ReferenceNlm(const std::vector<uint8_t>& src, int w, int h, float strength,
-                                  int p, int s) {
-    const int side = 2 * p + 1;
-    const float k = 1.0f / (strength * strength * static_cast<float>(side * side));
+std::vector<uint8_t> ReferenceNlm(const std::vector<uint8_t>& src, int w, int h, float strength, int p, int s) {
+    const float k = 1.0f / (strength * strength * static_cast<float>((2 * p + 1) * (2 * p + 1)));
     std::vector<uint8_t> out(src.size());
-    for (int y = 0; y < h; ++y) {
+    for (int y = 0; y < h; ++y)
         for (int x = 0; x < w; ++x) {
-            float weights = 0.0f;
-            float values = 0.0f;
-            for (int dy = -s; dy <= s; ++dy) {
+            float weights = 0.0f, values = 0.0f;
+            for (int dy = -s; dy <= s; ++dy)
                 for (int dx = -s; dx <= s; ++dx) {
-                    uint64_t d = 0;
-                    for (int v = -p; v <= p; ++v) {
+                    int64_t d = 0;
+                    for (int v = -p; v <= p; ++v)
                         for (int u = -p; u <= p; ++u) {
-                            const int a = At(src, w, h, x + u, y + v);
-                            const int b = At(src, w, h, x + dx + u, y + dy + v);
-                            d += static_cast<uint64_t>((a - b) * (a - b));
+                            const int diff = At(src, w, h, x + u, y + v) - At(src, w, h, x + dx + u, y + dy + v);
+                            d += diff * diff;
                         }
-                    }
-                    const float weight =
-                        static_cast<float>(std::exp(static_cast<double>(-static_cast<float>(d) * k)));
+                    const float weight = static_cast<float>(std::exp(static_cast<double>(-static_cast<float>(d) * k)));
                     weights += weight;
                     values += weight * static_cast<float>(At(src, w, h, x + dx, y + dy));
                 }
-            }
-            float v = values / weights + 0.5f;
-            if (v >= 255.0f) v = 255.0f;
-            if (v <= 0.0f) v = 0.0f;
-            out[static_cast<size_t>(y) * w + x] = static_cast<uint8_t>(v);
+            out[static_cast<size_t>(y) * w + x] = static_cast<uint8_t>(std::min(std::max(values / weights + 0.5f, 0.0f), 255.0f));
         }
-    }
     return out;
 }
 
