@@ -96,8 +96,7 @@ TEST(ContrastEnhancement, UnservedCodesAndBadArgumentsWriteNothing) {
         EXPECT_EQ(run(src.data(), nullptr, 17, 13, 4, 2, 1.0f, 3.0f), -2);
         EXPECT_EQ(run(src.data(), dst.data(), 17, 13, 4, 1025, 1.0f, 3.0f), -4);
         EXPECT_EQ(dst, std::vector<uint16_t>(src.size(), 77)) << quick;
-        // A window wider than the image reads its mirrored pixels (checked by the sanitizers).
-        EXPECT_EQ(run(src.data(), dst.data(), 3, 2, 4, 20, 1.0f, 3.0f), 1);
+        EXPECT_EQ(run(src.data(), dst.data(), 3, 2, 4, 20, 1.0f, 3.0f), 1);  // a window wider than the image
     }
 }
 
