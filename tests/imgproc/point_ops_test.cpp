@@ -13,13 +13,12 @@ namespace {
 TEST(PointOps, ReportNullPointersAndRefusedTypesInCheckingOrderAndIgnoreEmptySizes) {
     uint16_t w[4] = {1, 2, 3, 4};
     float f[4] = {1, 2, 3, 4};
-    double d[4] = {};
     const std::vector<std::pair<int, int>> got_want = {
         {Inverse(nullptr, nullptr, 2, 2, 3), -1}, {Inverse(w, nullptr, 2, 2, 4), -2}, {Inverse(w, w, 2, 2, 4), -3},
         {BrigntAndContrast(nullptr, w, 2, 2, 4, 0, 1), -1}, {BrigntAndContrast(w, w, 2, 2, 3, 0, 1), -3},
         {GammaCorrect(w, nullptr, 2, 2, 1, 99), -2}, {GammaCorrect(w, w, 2, 2, 1, 11), -3},
         {Image_Log(nullptr, f, 2, 2, 0), -1}, {Image_Log(f, nullptr, 2, 2, 0), -2},
-        {Image_Square_NoTrunc(w, nullptr, 2, 2, 4), -2}, {Image_Square_NoTrunc(w, d, 2, 2, 11), -3},
+        {Image_Square_NoTrunc(w, nullptr, 2, 2, 4), -2}, {Image_Square_NoTrunc(w, reinterpret_cast<double*>(f), 2, 2, 11), -3},
         {ThresholdBinary(nullptr, w, 4, 2, 2, 1, 0), -1}, {ThresholdBinary(w, nullptr, 4, 2, 2, 1, 0), -2},
         {ImgGainCorrect(f, nullptr, 2, 2), -2}, {EquHist(nullptr, w, 4, 4), -1}, {EquHist(w, w, 4, 5), -3},
         {Inverse(w, w, -2, -2, 3), 1}, {EquHist(w, w, -4, 4), 1},

@@ -95,8 +95,7 @@ TEST(UsmBox, SharpensWithTheUndividedWindowSum) {
 }
 
 TEST(UsmEx, RunsTheBoxMaskWithTheRecordOrTheIniFileSettings) {
-    std::vector<uint16_t> src = RandomImage<uint16_t>(12, 10, 0, 50000, 45);
-    std::vector<uint16_t> viaRecord(src.size()), direct(src.size());
+    std::vector<uint16_t> src = RandomImage<uint16_t>(12, 10, 0, 50000, 45), viaRecord(120), direct(120);
     struUSMParam p;
     p.r = 2, p.lam = 1.25f, p.isNeedNorm = 1;
     ASSERT_EQ(USM_EX(src.data(), viaRecord.data(), 12, 10, 4, &p, nullptr), 1);
@@ -112,7 +111,6 @@ TEST(UsmEx, RunsTheBoxMaskWithTheRecordOrTheIniFileSettings) {
     EXPECT_EQ(viaRecord, direct);
     EXPECT_EQ(p.r, 3);
     std::remove(ini);
-
     EXPECT_EQ(USM_EX(nullptr, direct.data(), 2, 2, 4, &p, nullptr), -1);
     EXPECT_EQ(USM_EX(src.data(), nullptr, 2, 2, 4, &p, nullptr), -2);
     EXPECT_EQ(USM_EX(src.data(), direct.data(), 2, 2, 3, &p, nullptr), -3);
