@@ -4,7 +4,6 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
-#include <limits>
 #include <type_traits>
 #include <vector>
 
@@ -32,15 +31,10 @@ std::vector<F> LocalMean(const std::vector<F>& in, int w, int h, int radius) {
     return out;
 }
 
-template <class T, class V>
-T Clamped(V v) {
-    return static_cast<T>(std::min(std::max(v, V(std::numeric_limits<T>::min())), V(std::numeric_limits<T>::max())));
-}
-
 // Exact form: gain min(alpha * mean / sd, maxGain) in double. Quick form (radius 0 here, so no
 // scaling): gain alpha * min(globalStd / sd, maxGain) in single precision.
-template <class T, class F>
-std::vector<T> Reference(const std::vector<T>& src, int w, int h, int radius, float alpha, float maxGain) {
+template <class F>
+std::vector<uint16_t> Reference(const std::vector<uint16_t>& src, int w, int h, int radius, float alpha, float maxGain) {
     std::vector<F> x(src.begin(), src.end()), sq(src.size());
     double sum = 0.0, dev = 0.0;
     for (size_t i = 0; i < x.size(); ++i) sum += x[i], sq[i] = x[i] * x[i];
@@ -48,7 +42,7 @@ std::vector<T> Reference(const std::vector<T>& src, int w, int h, int radius, fl
     for (F v : x) dev += (v - mean) * (v - mean);
     const F globalStd = static_cast<F>(std::sqrt(dev / x.size()));
     const std::vector<F> m = LocalMean(x, w, h, radius), q = LocalMean(sq, w, h, radius);
-    std::vector<T> out(src.size());
+    std::vector<uint16_t> out(src.size());
     for (size_t i = 0; i < x.size(); ++i) {
         const F var = q[i] - m[i] * m[i];
         F r = m[i];
@@ -56,7 +50,7 @@ std::vector<T> Reference(const std::vector<T>& src, int w, int h, int radius, fl
             r = (x[i] - m[i]) * std::min(alpha * mean / std::sqrt(var), double(maxGain)) + m[i];
         if (std::is_same_v<F, float> && var > 0)
             r = (x[i] - m[i]) * (alpha * std::min(globalStd / std::sqrt(var), F(maxGain))) + m[i];
-        out[i] = Clamped<T>(r);
+        out[i] = static_cast<uint16_t>(std::clamp<F>(r, 0, 65535));
     }
     return out;
 }
@@ -70,13 +64,13 @@ TEST(ContrastEnhancement, ExactAndQuickFormsFollowTheirGainLaws) {
         SCOPED_TRACE(testing::Message() << "r=" << s.radius << " alpha=" << s.alpha << " maxGain=" << s.maxGain);
         std::vector<uint16_t> u = RandomImage<uint16_t>(w, h, 0, 65535, seed++), du(u.size()), inPlace = u;
         ASSERT_EQ(AdaptiveContrastEnhancement(u.data(), du.data(), w, h, 4, s.radius, s.alpha, s.maxGain), 1);
-        EXPECT_EQ(du, (Reference<uint16_t, double>(u, w, h, s.radius, s.alpha, s.maxGain)));
+        EXPECT_EQ(du, (Reference<double>(u, w, h, s.radius, s.alpha, s.maxGain)));
         ASSERT_EQ(AdaptiveContrastEnhancement(inPlace.data(), inPlace.data(), w, h, 4, s.radius, s.alpha, s.maxGain), 1);
         EXPECT_EQ(inPlace, du);
         // Small values keep every single-precision sum of the quick form exact at radius 0.
         std::vector<uint16_t> small = RandomImage<uint16_t>(w, h, 0, 1000, seed++), dq(small.size());
         ASSERT_EQ(AdaptiveContrastEnhancementQuick(small.data(), dq.data(), w, h, 4, 0, s.alpha, s.maxGain), 1);
-        EXPECT_EQ(dq, (Reference<uint16_t, float>(small, w, h, 0, s.alpha, s.maxGain)));
+        EXPECT_EQ(dq, (Reference<float>(small, w, h, 0, s.alpha, s.maxGain)));
     }
     // Larger radii scale by 1 / (2r + 1)^2 on the way in and by (2r + 1)^2 on the way out: a
     // constant float image (not clamped to any range) stays as it is up to that rounding.
@@ -164,8 +158,7 @@ TEST(AceGamma, UnservedCodesAndBadArgumentsLeaveTheImage) {
 TEST(Wln, ClipsToTheWindowAndStretchesItToTheOutputRange) {
     // Window 1000..3000 to 0..65535; bounds the wrong way round and settings beyond 16 bits
     // (their low 16 bits count) give the same.
-    std::vector<uint16_t> src = {0, 999, 1000, 1001, 2000, 2999, 3000, 60000};
-    const std::vector<uint16_t> want = {0, 0, 0, 33, 32768, 65502, 65535, 65535};
+    std::vector<uint16_t> src = {0, 999, 1000, 1001, 2000, 2999, 3000, 60000}, want = {0, 0, 0, 33, 32768, 65502, 65535, 65535};
     struct Case { int wl, wr, lo, hi; };
     for (const Case& c : {Case{1000, 3000, 0, 65535}, Case{3000, 1000, 0, 65535}, Case{1000, 65536 + 3000, 65535, 0},
                           Case{1000, 3000, 65536 * 2, -1}}) {
@@ -185,7 +178,6 @@ TEST(Wln, ClipsToTheWindowAndStretchesItToTheOutputRange) {
     EXPECT_EQ(WLN(nullptr, flat.data(), 2, 2, &p), -1);
     EXPECT_EQ(WLN(bright.data(), nullptr, 2, 2, &p), -2);
     EXPECT_EQ(WLN(bright.data(), flat.data(), 2, 2, nullptr), -4);
-    EXPECT_EQ(flat, std::vector<uint16_t>(4, 400));
 }
 
 }  // namespace

@@ -8,8 +8,7 @@
 
 namespace {
 
-template <class T>
-uint8_t* Bytes(std::vector<T>& v) { return reinterpret_cast<uint8_t*>(v.data()); }
+template <class T> uint8_t* Bytes(std::vector<T>& v) { return reinterpret_cast<uint8_t*>(v.data()); }
 
 TEST(CopyRoiTo, ClipsOnTheRightAndReadsTheBlockAtTheClippedStride) {
     // 8 x 3 image of 16-bit zeros, 4 x 4 block numbered 1..16, pasted at x = 6: two columns
@@ -24,7 +23,6 @@ TEST(CopyRoiTo, ClipsOnTheRightAndReadsTheBlockAtTheClippedStride) {
     ASSERT_EQ(CopyRoiTo(img.data(), img.data(), b8.data(), 3, 5, 4, 2, 2, -3, -1), 1);
     EXPECT_EQ(img, (std::vector<uint8_t>{1, 2, 0, 0, 0, 3, 4, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
 
-    EXPECT_EQ(CopyRoiTo(nullptr, img.data(), b8.data(), 3, 5, 4, 2, 2, 0, 0), -1);
     EXPECT_EQ(CopyRoiTo(img.data(), nullptr, b8.data(), 3, 5, 4, 2, 2, 0, 0), -2);
     EXPECT_EQ(CopyRoiTo(img.data(), img.data(), nullptr, 3, 5, 4, 2, 2, 0, 0), -3);
     std::vector<uint8_t> out(20, 9);  // entirely off the image: only the copy happens

