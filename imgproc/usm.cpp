@@ -29,9 +29,9 @@ bool IsZeroRow(const float* row, int kw) {
 }
 
 // A kernel is separable when every row is a multiple of one reference row: the first row whose
-// first weight is not zero. Rows above it must be all zero (their factor is 0); a kernel whose
-// earlier row has weights only past its first position is not a multiple of the reference row
-// and runs through the general correlation instead of losing that row.
+// first weight is not zero. The rows above it get factor 0 without being looked at, so weights
+// they hold past their first position drop out of the split; hosts' kernels have always been
+// split this way, and the results they compare against include that loss.
 bool SplitSeparable(const float* kernel, int kw, int kh, SeparableKernel& out) {
     int ref = 0;
     while (ref < kh && kernel[static_cast<size_t>(ref) * kw] == 0.0f) ++ref;
@@ -39,8 +39,6 @@ bool SplitSeparable(const float* kernel, int kw, int kh, SeparableKernel& out) {
     const float* refRow = kernel + static_cast<size_t>(ref) * kw;
 
     out.columnFactors.assign(static_cast<size_t>(kh), 0.0f);
-    for (int i = 0; i < ref; ++i)
-        if (!IsZeroRow(kernel + static_cast<size_t>(i) * kw, kw)) return false;
     out.columnFactors[ref] = 1.0f;
 
     for (int i = ref + 1; i < kh; ++i) {
@@ -179,7 +177,9 @@ int USM_Gaussian(uint16_t* src, uint16_t* dst, int32_t width, int32_t height, in
     if (src == nullptr) return -1;
     if (dst == nullptr) return -2;
     if (width < 1 || height < 1 || radius <= 0 || radius > veltrano::kMaxWindowRadius) return -4;
-    if (!(sigma > 0.0f)) sigma = 1.0f;
+    // Sigma enters squared, so a negative sigma acts as its magnitude; 0 (or NaN) has no curve
+    // at all and falls back to 1.
+    if (sigma == 0.0f || sigma != sigma) sigma = 1.0f;
 
     const int side = 2 * radius + 1;
     const float c = -1.0f / (2.0f * sigma * sigma);

@@ -12,9 +12,10 @@
 
 // Correlation (the kernel is not flipped) of a float image with a kernel of kh rows of kw
 // weights, borders mirrored about the edge pixel; kernels wider than the image are allowed
-// (positions beyond one reflection repeat the edge pixel). A kernel whose rows are all multiples
-// of one row runs as a column pass and a row pass; the mask is ignored then. Otherwise, with a
-// mask, only pixels whose mask byte is non-zero are computed and the others copy the source.
+// (positions beyond one reflection repeat the edge pixel). A kernel of at least 2 x 2 whose rows,
+// from the first row with a non-zero first weight on, are all multiples of that row runs as a
+// column pass and a row pass: the rows above that one drop out, and the mask is ignored. Otherwise,
+// with a mask, only pixels whose mask byte is non-zero are computed and the others copy the source.
 // Source and destination may be the same buffer.
 // Results: 1 done; -1 null source; -2 null destination; -3 null kernel; -4 a width, height, kw or
 // kh below 1.
@@ -42,8 +43,8 @@ VELTRANO_API int USM_EX(uint16_t* src, void* dst, uint32_t width, uint32_t heigh
 
 // Gaussian unsharp mask: K[i][j] = exp(((j-r)^2 + (i-r)^2) * -1 / (2 sigma^2)), not normalised;
 // result src * (S amount + 1) - (amount K correlated with src), clamped to 0..65535 (a NaN gives
-// 0) and truncated. A sigma that is not above 0 acts as 1.0, as in the Gaussian kernel
-// generator. When `mask` is given it first receives 1 where |src - K correlated with src| is at
+// 0) and truncated. Sigma enters squared, so a negative sigma acts as its magnitude; 0 (or NaN)
+// acts as 1.0, as in the Gaussian kernel generator. When `mask` is given it first receives 1 where |src - K correlated with src| is at
 // least `threshold` and 0 elsewhere (the correlation with the unnormalised kernel, not a local
 // mean); the Gaussian kernel is separable, so the mask does not restrict the sharpening pass. Source and destination may be the same buffer.
 // Results: 1 done; -1 null source; -2 null destination; -4 width or height below 1, or radius not

@@ -10,25 +10,14 @@ namespace advanced_ref {
 
 // Mirror about the edge pixel without repeating it (a b c d e -> c b | a b c d e | d c), for
 // positions at most n - 1 outside the axis.
-inline int Reflect(int i, int n) {
-    if (n == 1) return 0;
-    if (i < 0) return -i;
-    if (i >= n) return 2 * n - 2 - i;
-    return i;
-}
+inline int Reflect(int i, int n) { return n == 1 ? 0 : i < 0 ? -i : i >= n ? 2 * n - 2 - i : i; }
 
 template <class T>
 std::vector<T> RandomImage(int width, int height, double low, double high, unsigned seed) {
     std::mt19937 gen(seed);
     std::vector<T> out(static_cast<size_t>(width) * height);
-    if constexpr (std::is_floating_point_v<T>) {
-        std::uniform_real_distribution<double> dist(low, high);
-        for (T& v : out) v = static_cast<T>(dist(gen));
-    } else {
-        std::uniform_int_distribution<long long> dist(static_cast<long long>(low),
-                                                      static_cast<long long>(high));
-        for (T& v : out) v = static_cast<T>(dist(gen));
-    }
+    std::uniform_real_distribution<double> dist(low, high + (std::is_floating_point_v<T> ? 0.0 : 0.999));
+    for (T& v : out) v = static_cast<T>(dist(gen));  // integers: every value from low to high
     return out;
 }
 

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cfloat>
 #include <cstdint>
 #include <numeric>
 #include <vector>
@@ -9,181 +8,89 @@
 
 namespace {
 
-template <class T>
-uint8_t* Bytes(std::vector<T>& v) { return reinterpret_cast<uint8_t*>(v.data()); }
+template <class T> uint8_t* Bytes(std::vector<T>& v) { return reinterpret_cast<uint8_t*>(v.data()); }
 
 TEST(CopyRoiTo, ClipsOnTheRightAndReadsTheBlockAtTheClippedStride) {
     // 8 x 3 image of 16-bit zeros, 4 x 4 block numbered 1..16, pasted at x = 6: two columns
     // per row fit, and block row r is read from element 2 * r (the clipped width).
-    std::vector<uint16_t> src(24, 0), dst(24, 7), block(16);
+    std::vector<uint16_t> src(24, 0), dst(24, 7), block(16), want(24, 0);
     std::iota(block.begin(), block.end(), 1);
     ASSERT_EQ(CopyRoiTo(Bytes(src), Bytes(dst), Bytes(block), 4, 8, 3, 4, 4, 6, 1), 1);
-    const std::vector<uint16_t> want = {0, 0, 0, 0, 0, 0, 0, 0,  //
-                                        0, 0, 0, 0, 0, 0, 1, 2,  //
-                                        0, 0, 0, 0, 0, 0, 3, 4};
+    want[14] = 1, want[15] = 2, want[22] = 3, want[23] = 4;
     EXPECT_EQ(dst, want);
-}
+    // Negative positions move the block to 0 without skipping its first rows or columns.
+    std::vector<uint8_t> img(5 * 4, 0), b8 = {1, 2, 3, 4};
+    ASSERT_EQ(CopyRoiTo(img.data(), img.data(), b8.data(), 3, 5, 4, 2, 2, -3, -1), 1);
+    EXPECT_EQ(img, (std::vector<uint8_t>{1, 2, 0, 0, 0, 3, 4, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
 
-TEST(CopyRoiTo, NegativePositionsMoveTheBlockWithoutSkippingIt) {
-    std::vector<uint8_t> img(5 * 4, 0), block(2 * 2);
-    std::iota(block.begin(), block.end(), 1);
-    ASSERT_EQ(CopyRoiTo(img.data(), img.data(), block.data(), 3, 5, 4, 2, 2, -3, -1), 1);
-    EXPECT_EQ(img[0], 1);
-    EXPECT_EQ(img[1], 2);
-    EXPECT_EQ(img[5], 3);
-    EXPECT_EQ(img[6], 4);
-    EXPECT_EQ(std::accumulate(img.begin(), img.end(), 0), 10);
-
-    EXPECT_EQ(CopyRoiTo(nullptr, img.data(), block.data(), 3, 5, 4, 2, 2, 0, 0), -1);
-    EXPECT_EQ(CopyRoiTo(img.data(), nullptr, block.data(), 3, 5, 4, 2, 2, 0, 0), -2);
+    EXPECT_EQ(CopyRoiTo(img.data(), nullptr, b8.data(), 3, 5, 4, 2, 2, 0, 0), -2);
     EXPECT_EQ(CopyRoiTo(img.data(), img.data(), nullptr, 3, 5, 4, 2, 2, 0, 0), -3);
-    // Entirely off the image: only the copy happens.
-    std::vector<uint8_t> out(20, 9);
-    ASSERT_EQ(CopyRoiTo(img.data(), out.data(), block.data(), 3, 5, 4, 2, 2, 5, 0), 1);
+    std::vector<uint8_t> out(20, 9);  // entirely off the image: only the copy happens
+    ASSERT_EQ(CopyRoiTo(img.data(), out.data(), b8.data(), 3, 5, 4, 2, 2, 5, 0), 1);
     EXPECT_EQ(out, img);
 }
 
-TEST(AddWaterMask, BlendsNonZeroMarkPixelsOnly) {
-    std::vector<uint16_t> src(4 * 3, 100), dst(12, 0);
-    std::vector<uint16_t> mark = {200, 0, 60000, 8};  // 2 x 2
-    ASSERT_EQ(AddWaterMask(Bytes(src), Bytes(dst), Bytes(mark), 4, 3, 2, 2, 1, 1, 4, 1.0f), 1);
-    EXPECT_EQ(dst, (std::vector<uint16_t>{100, 100, 100, 100, 100, 200, 100, 100, 100, 60000, 8, 100}));
-
-    // alpha 0.25: 0.75 * 100 + 0.25 * 200 = 125; the mark clipped at the right edge.
-    ASSERT_EQ(AddWaterMask(Bytes(src), Bytes(src), Bytes(mark), 4, 3, 2, 2, 3, 0, 4, 0.25f), 1);
-    EXPECT_EQ(src[3], 125);
-    EXPECT_EQ(src[7], 15075);  // 75 + 15000
-    EXPECT_EQ(src[2], 100);
-
-    // 8-bit results clamp to 255; floats clamp below to the smallest normal number.
-    std::vector<uint8_t> b = {250}, mb = {255};
-    ASSERT_EQ(AddWaterMask(b.data(), b.data(), mb.data(), 1, 1, 1, 1, 0, 0, 3, 1.5f), 1);
-    EXPECT_EQ(b[0], 255);
-    std::vector<float> f = {10.0f}, mf = {-30.0f};
-    ASSERT_EQ(AddWaterMask(Bytes(f), Bytes(f), Bytes(mf), 1, 1, 1, 1, 0, 0, 6, 0.5f), 1);
-    EXPECT_EQ(f[0], FLT_MIN);
+TEST(AddWaterMask, BlendsNonZeroMarkPixelsOnlyAndUnservedCodesWriteNothing) {
+    // A 2 x 2 mark at (1, 1), alpha 0.25 on 100s: 0.75 * 100 + 0.25 * 200 = 125, 75 + 15000 and
+    // 75 + 2; the zero mark pixel is transparent.
+    std::vector<uint16_t> src(4 * 3, 100), dst(12, 0), mark = {200, 0, 60000, 8};
+    ASSERT_EQ(AddWaterMask(Bytes(src), Bytes(dst), Bytes(mark), 4, 3, 2, 2, 1, 1, 4, 0.25f), 1);
+    EXPECT_EQ(dst, (std::vector<uint16_t>{100, 100, 100, 100, 100, 125, 100, 100, 100, 15075, 77, 100}));
+    // Colour code 2 (8-bit, 4 channels): black in the first three channels is transparent, the
+    // fourth channel never changes. Results clamp to the type's range.
+    std::vector<uint8_t> img = {10, 20, 30, 40, 10, 20, 250, 40}, m4 = {0, 0, 0, 99, 0, 100, 255, 99};
+    ASSERT_EQ(AddWaterMask(img.data(), img.data(), m4.data(), 2, 1, 2, 1, 0, 0, 2, 1.5f), 1);
+    EXPECT_EQ(img, (std::vector<uint8_t>{10, 20, 30, 40, 0, 140, 255, 40}));
+    std::vector<uint8_t> s8(16, 1), d8(16, 5), m(16, 9);
+    EXPECT_EQ(AddWaterMask(s8.data(), d8.data(), m.data(), 2, 2, 2, 2, 0, 0, 8, 1.0f), 1);
+    EXPECT_EQ(d8, std::vector<uint8_t>(16, 5));  // not even the copy of the source
+    EXPECT_EQ(AddWaterMask(nullptr, d8.data(), m.data(), 2, 2, 2, 2, 0, 0, 4, 1.0f), -1);
+    EXPECT_EQ(AddWaterMask(s8.data(), d8.data(), nullptr, 2, 2, 2, 2, 0, 0, 4, 1.0f), -3);
 }
 
-TEST(AddWaterMask, ColourTypesSkipBlackAndUnservedCodesWriteNothing) {
-    // Code 2: 8-bit, 4 channels. Pixel 0's mark is black in its first three channels.
-    std::vector<uint8_t> img = {10, 20, 30, 40, 10, 20, 30, 40};
-    std::vector<uint8_t> mark = {0, 0, 0, 99, 0, 100, 0, 99};
-    ASSERT_EQ(AddWaterMask(img.data(), img.data(), mark.data(), 2, 1, 2, 1, 0, 0, 2, 0.5f), 1);
-    EXPECT_EQ(img, (std::vector<uint8_t>{10, 20, 30, 40, 5, 60, 15, 40}));
-
-    // Code 9: 16-bit, 3 channels.
-    std::vector<uint16_t> rgb = {1000, 2000, 3000}, m16 = {3000, 0, 1000};
-    ASSERT_EQ(AddWaterMask(Bytes(rgb), Bytes(rgb), Bytes(m16), 1, 1, 1, 1, 0, 0, 9, 0.5f), 1);
-    EXPECT_EQ(rgb, (std::vector<uint16_t>{2000, 1000, 2000}));
-
-    // Unserved codes write nothing at all, not even the copy of the source.
-    std::vector<uint8_t> src(16, 1), dst(16, 5), m(16, 9);
-    EXPECT_EQ(AddWaterMask(src.data(), dst.data(), m.data(), 2, 2, 2, 2, 0, 0, 8, 1.0f), 1);
-    EXPECT_EQ(dst, std::vector<uint8_t>(16, 5));
-    EXPECT_EQ(AddWaterMask(nullptr, dst.data(), m.data(), 2, 2, 2, 2, 0, 0, 4, 1.0f), -1);
-    EXPECT_EQ(AddWaterMask(src.data(), nullptr, m.data(), 2, 2, 2, 2, 0, 0, 4, 1.0f), -2);
-    EXPECT_EQ(AddWaterMask(src.data(), dst.data(), nullptr, 2, 2, 2, 2, 0, 0, 4, 1.0f), -3);
-}
-
-TEST(GetLine2D, GivesTheUnitNormalForm) {
-    struct Case { float x1, y1, x2, y2, a, b, c; };
-    const Case cases[] = {
-        {3, 4, 3, 4, 0, 0, 0},
-        {0, 0, 1, 0, 0, -1, 0},
-        {0, 0, 0, 2, 1, 0, 0},
-        {2, 0, 2, 5, 1, 0, -2},   // x = 2
-        {0, 1, 4, 1, 0, -1, 1},   // y = 1
-    };
-    for (const Case& c : cases) {
-        float a = 9, b = 9, cc = 9;
-        GetLine2D(c.x1, c.y1, c.x2, c.y2, &a, &b, &cc);
-        EXPECT_EQ(a, c.a);
-        EXPECT_EQ(b, c.b);
-        EXPECT_EQ(cc, c.c);
-    }
-    float a = 0, c = 0;
-    GetLine2D(0, 0, 3, 4, &a, nullptr, &c);
-    EXPECT_FLOAT_EQ(a, 0.8f);
-}
-
-TEST(MakeMaskByLine, FillsOneSideOfTheLine) {
-    const int w = 4, h = 2;
-    std::vector<uint16_t> src = {1, 2, 3, 4, 5, 6, 7, 8};
-    std::vector<uint16_t> dst(8, 0);
-    // Line x = 2: s = x - 2.
-    ASSERT_EQ(MakeMaskByLine(src.data(), dst.data(), w, h, 2, 0, 2, 5, 1, 999), 1);
+TEST(MakeMaskByLine, FillsOneSideOfTheUnitNormalLine) {
+    float a = 9, b = 9, c = 9;
+    GetLine2D(2, 0, 2, 5, &a, &b, &c);  // x = 2
+    EXPECT_EQ(std::vector<float>({a, b, c}), (std::vector<float>{1, 0, -2}));
+    std::vector<uint16_t> src = {1, 2, 3, 4, 5, 6, 7, 8}, dst(8, 0), untouched(8, 42);
+    ASSERT_EQ(MakeMaskByLine(src.data(), dst.data(), 4, 2, 2, 0, 2, 5, 1, 999), 1);
     EXPECT_EQ(dst, (std::vector<uint16_t>{1, 2, 999, 999, 5, 6, 999, 999}));
-    ASSERT_EQ(MakeMaskByLine(src.data(), dst.data(), w, h, 2, 0, 2, 5, 0, 999), 1);
+    ASSERT_EQ(MakeMaskByLine(src.data(), dst.data(), 4, 2, 2, 0, 2, 5, 0, 999), 1);
     EXPECT_EQ(dst, (std::vector<uint16_t>{999, 999, 3, 4, 999, 999, 7, 8}));
-
-    std::vector<uint16_t> untouched(8, 42);
-    EXPECT_EQ(MakeMaskByLine(src.data(), untouched.data(), w, h, 1, 1, 1, 1, 1, 999), 1);
+    EXPECT_EQ(MakeMaskByLine(src.data(), untouched.data(), 4, 2, 1, 1, 1, 1, 1, 999), 1);  // equal points
     EXPECT_EQ(untouched, std::vector<uint16_t>(8, 42));
-    EXPECT_EQ(MakeMaskByLine(nullptr, dst.data(), w, h, 0, 0, 1, 1, 1, 0), -1);
-    EXPECT_EQ(MakeMaskByLine(src.data(), nullptr, w, h, 0, 0, 1, 1, 1, 0), -2);
+    EXPECT_EQ(MakeMaskByLine(nullptr, dst.data(), 4, 2, 0, 0, 1, 1, 1, 0), -1);
 }
 
-TEST(DiagonalCopy, MirrorsTheThreeByThreeExample) {
-    // The square sits at (1, 1) of a 5 x 4 image of 32-bit floats (code 8, as the detector).
-    std::vector<float> src(20, -1.0f);
-    const float sq[9] = {1, 2, 3, 4, 5, 6, 7, 8, 9};
-    for (int i = 0; i < 3; ++i)
-        for (int j = 0; j < 3; ++j) src[(1 + i) * 5 + 1 + j] = sq[i * 3 + j];
-    struct Case {
-        int (*fn)(uint8_t*, uint8_t*, int, int, int, int, int, int);
-        std::vector<float> want;
-    };
-    const Case cases[] = {
-        {Copy_LeftDown_To_RightUp, {1, 4, 7, 4, 5, 8, 7, 8, 9}},
-        {Copy_RightDown_To_LeftUp, {9, 6, 3, 8, 5, 6, 7, 8, 9}},
-    };
-    for (const Case& c : cases) {
-        std::vector<float> dst(20, 0.0f);
-        ASSERT_EQ(c.fn(Bytes(src), Bytes(dst), 5, 4, 8, 1, 1, 3), 1);
-        for (int y = 0; y < 4; ++y)
-            for (int x = 0; x < 5; ++x) {
-                const bool inside = y >= 1 && x >= 1 && x <= 3;
-                const float want = inside ? c.want[(y - 1) * 3 + x - 1] : -1.0f;
-                EXPECT_EQ(dst[y * 5 + x], want) << x << "," << y;
-            }
-        std::vector<float> inPlace = src;
-        ASSERT_EQ(c.fn(Bytes(inPlace), Bytes(inPlace), 5, 4, 8, 1, 1, 3), 1);
-        EXPECT_EQ(inPlace, dst);
-    }
-}
-
-TEST(DiagonalCopy, SquaresOfEverySideBecomeSymmetric) {
-    // The square is clamped to the image: asking for side 100 at (2, 1) of a 41 x 43 image
-    // gives side 39. The lower triangle (main) or lower-right triangle (anti) stays as it was.
-    for (int side = 2; side <= 39; ++side) {
-        const int w = 41, h = 43, x0 = 2, y0 = 1;
-        const int asked = side == 39 ? 100 : side;
-        std::vector<int32_t> src(w * h);
-        std::iota(src.begin(), src.end(), 0);
-        std::vector<int32_t> m(w * h), a(w * h);
-        ASSERT_EQ(Copy_LeftDown_To_RightUp(Bytes(src), Bytes(m), w, h, 8, x0, y0, asked), 1);
-        ASSERT_EQ(Copy_RightDown_To_LeftUp(Bytes(src), Bytes(a), w, h, 8, x0, y0, asked), 1);
-        auto at = [&](const std::vector<int32_t>& v, int i, int j) { return v[(y0 + i) * w + x0 + j]; };
+// On 3 x 3 [1 2 3; 4 5 6; 7 8 9] the main form gives [1 4 7; 4 5 8; 7 8 9] and the anti form
+// [9 6 3; 8 5 6; 7 8 9]: the upper-right (upper-left) triangle mirrors the one below its
+// diagonal. The square is clamped to the image: side 100 at (2, 1) of 41 x 43 gives side 39.
+TEST(DiagonalCopy, SquaresOfEverySideBecomeSymmetricInPlaceOrNot) {
+    const int w = 41, h = 43, x0 = 2, y0 = 1;
+    std::vector<int32_t> src(w * h);
+    std::iota(src.begin(), src.end(), 0);
+    for (int side : {2, 3, 8, 15, 29, 39}) {  // 8, 15 and 29 put the anti-diagonal just above an integer
+        std::vector<int32_t> wantMain = src, wantAnti = src, m(w * h), a(w * h), inPlace = src;
+        auto at = [&](int i, int j) { return (y0 + i) * w + x0 + j; };
         for (int i = 0; i < side; ++i)
             for (int j = 0; j < side; ++j) {
-                EXPECT_EQ(at(m, i, j), j >= i ? at(src, j, i) : at(src, i, j)) << side << ": " << i << "," << j;
-                const int s1 = side - 1;
-                EXPECT_EQ(at(a, i, j), j <= s1 - i ? at(src, s1 - j, s1 - i) : at(src, i, j))
-                    << side << ": " << i << "," << j;
+                if (j >= i) wantMain[at(i, j)] = src[at(j, i)];
+                if (j <= side - 1 - i) wantAnti[at(i, j)] = src[at(side - 1 - j, side - 1 - i)];
             }
-        EXPECT_EQ(m[0], 0);
-        EXPECT_EQ(a[w * h - 1], w * h - 1);
+        const int asked = side == 39 ? 100 : side;
+        ASSERT_EQ(Copy_LeftDown_To_RightUp(Bytes(src), Bytes(m), w, h, 8, x0, y0, asked), 1);
+        ASSERT_EQ(Copy_RightDown_To_LeftUp(Bytes(src), Bytes(a), w, h, 8, x0, y0, asked), 1);
+        EXPECT_EQ(m, wantMain) << side;
+        EXPECT_EQ(a, wantAnti) << side;
+        ASSERT_EQ(Copy_RightDown_To_LeftUp(Bytes(inPlace), Bytes(inPlace), w, h, 8, x0, y0, asked), 1);
+        EXPECT_EQ(inPlace, wantAnti) << side;
     }
 }
 
 TEST(DiagonalCopy, TinySquaresLeaveTheDestinationUnwritten) {
     std::vector<uint16_t> src(12, 3), dst(12, 8);
-    for (int side : {1, 0, -5}) {
-        EXPECT_EQ(Copy_LeftDown_To_RightUp(Bytes(src), Bytes(dst), 4, 3, 4, 1, 1, side), 1);
-        EXPECT_EQ(Copy_RightDown_To_LeftUp(Bytes(src), Bytes(dst), 4, 3, 4, 1, 1, side), 1);
-    }
-    // Side 5 at the last column clamps to 1.
-    EXPECT_EQ(Copy_RightDown_To_LeftUp(Bytes(src), Bytes(dst), 4, 3, 4, 3, 0, 5), 1);
+    for (int side : {1, -5}) EXPECT_EQ(Copy_LeftDown_To_RightUp(Bytes(src), Bytes(dst), 4, 3, 4, 1, 1, side), 1);
+    EXPECT_EQ(Copy_RightDown_To_LeftUp(Bytes(src), Bytes(dst), 4, 3, 4, 3, 0, 5), 1);  // clamped to side 1
     EXPECT_EQ(dst, std::vector<uint16_t>(12, 8));
     EXPECT_EQ(Copy_LeftDown_To_RightUp(nullptr, Bytes(dst), 4, 3, 4, 0, 0, 2), -1);
     EXPECT_EQ(Copy_RightDown_To_LeftUp(Bytes(src), nullptr, 4, 3, 4, 0, 0, 2), -2);
