@@ -91,8 +91,20 @@ TEST(PostProcessChain, FailuresReportAndLeaveTheDestinationUntouched) {
     ChainFileOnDisk file("null_buffers", "[Inverse]\nend\n");
     EXPECT_EQ(Img_Post_Process_Chain(nullptr, dst.data(), kW, kH, file.path(), text), -3);
     EXPECT_EQ(Img_Post_Process_Chain(src.data(), nullptr, kW, kH, file.path(), text), -3);
-    EXPECT_EQ(Img_Post_Process_Chain(src.data(), dst.data(), 0, kH, file.path(), text), -3);
+    EXPECT_EQ(Img_Post_Process_Chain(src.data(), dst.data(), -1, kH, file.path(), text), -3);
     EXPECT_EQ(Img_Post_Process_Chain(src.data(), dst.data(), kW, -1, file.path(), text), -3);
+    EXPECT_EQ(dst, std::vector<uint16_t>(src.size(), 7));
+
+    // An empty image runs the chain: every step refuses it, and the result is still 0.
+    ChainFileOnDisk all("all_steps",
+                        "[ACE]\nr=2;\na=1;\ng=3;\ng=1;\ne=1;\nq=0;\nend\n"
+                        "[CLAHE]\np=40;\nb=128;\nr=2;\nc=2;\nend\n[WLN]\na=0;\nb=9;\nc=0;\nd=9;\nend\n"
+                        "[USM]\nr=1;\nl=1;\nn=1;\nend\n[BC]\nb=1;\nc=2;\nend\n[Smooth_Med]\nr=1;\nend\n"
+                        "[Smooth_Box]\nr=1;\nend\n[FastNLM]\np=1;\ns=1;\nh=3;\nend\n[Inverse]\nend\n");
+    for (const auto& size : {std::make_pair(0, kH), std::make_pair(kW, 0), std::make_pair(0, 0)}) {
+        EXPECT_EQ(Img_Post_Process_Chain(src.data(), dst.data(), size.first, size.second,
+                                         all.path(), text), 0);
+    }
     EXPECT_EQ(dst, std::vector<uint16_t>(src.size(), 7));
 }
 
