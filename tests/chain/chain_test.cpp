@@ -33,6 +33,11 @@ std::string ChainPath() {
     return std::string(testing::UnitTest::GetInstance()->current_test_info()->name()) + ".chain";
 }
 
+// Removes the test's chain file, whichever way the test wrote it.
+class PostProcessChain : public testing::Test {
+    void TearDown() override { std::remove(ChainPath().c_str()); }
+};
+
 struct ChainRun {
     int result = 0;
     std::vector<uint16_t> dst;
@@ -56,7 +61,6 @@ ChainRun RunChain(const std::string& chain, const std::vector<uint16_t>& src = T
         run.thrown = "out_of_range";
     }
     run.printed = testing::internal::GetCapturedStdout();
-    std::remove(path.c_str());
     return run;
 }
 
@@ -68,12 +72,12 @@ std::vector<uint16_t> Bc(std::vector<uint16_t> image, float brightness, float co
 const std::string kBc = "[BC]\nb=300;\nc=1.5;\nend\n";
 const std::string kOnes = "v=1;\nv=1;\nv=1;\nv=1;\nv=1;\nv=1;\nv=1;\n";  // parameter lines
 
-TEST(PostProcessChain, FailuresPrintTheirLineAndLeaveTheDestination) {
+TEST_F(PostProcessChain, FailuresPrintTheirLineAndLeaveTheDestination) {
     const std::vector<uint16_t> untouched(kW * kH, 7);
-    std::vector<uint16_t> src = TestImage(), dst = untouched;
+    std::vector<uint16_t> in = TestImage(), dst = untouched;
     std::string text = "left over";
     testing::internal::CaptureStdout();
-    EXPECT_EQ(Img_Post_Process_Chain(src.data(), dst.data(), kW, kH, "no_such.chain", text), -1);
+    EXPECT_EQ(Img_Post_Process_Chain(in.data(), dst.data(), kW, kH, "no_such.chain", text), -1);
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "NO Post Process Chain File\n");
     EXPECT_EQ(text, "");
 
@@ -86,12 +90,12 @@ TEST(PostProcessChain, FailuresPrintTheirLineAndLeaveTheDestination) {
     // Null buffers and negative sizes are refused before the copy.
     std::ofstream(ChainPath()) << kBc;
     EXPECT_EQ(Img_Post_Process_Chain(nullptr, dst.data(), kW, kH, ChainPath().c_str(), text), -3);
-    EXPECT_EQ(Img_Post_Process_Chain(src.data(), nullptr, kW, kH, ChainPath().c_str(), text), -3);
-    EXPECT_EQ(Img_Post_Process_Chain(src.data(), dst.data(), -1, kH, ChainPath().c_str(), text), -3);
+    EXPECT_EQ(Img_Post_Process_Chain(in.data(), nullptr, kW, kH, ChainPath().c_str(), text), -3);
+    EXPECT_EQ(Img_Post_Process_Chain(in.data(), dst.data(), kW, -1, ChainPath().c_str(), text), -3);
     EXPECT_EQ(dst, untouched);
 }
 
-TEST(PostProcessChain, StepsRunInFileOrderOnACopyOfTheSource) {
+TEST_F(PostProcessChain, StepsRunInFileOrderOnACopyOfTheSource) {
     const ChainRun run = RunChain(kBc + "[BC]\nb=-50;\nc=0.5;\nend\ntail\n");
     EXPECT_EQ(run.result, 0);
     EXPECT_EQ(run.printed, "");
@@ -106,7 +110,7 @@ TEST(PostProcessChain, StepsRunInFileOrderOnACopyOfTheSource) {
     EXPECT_EQ(image, Bc(TestImage(), 300, 1.5f));
 }
 
-TEST(PostProcessChain, KnownStepsSkipBlocksOfTheWrongSizeAndRefuseAnEmptyImage) {
+TEST_F(PostProcessChain, KnownStepsSkipBlocksOfTheWrongSizeAndRefuseAnEmptyImage) {
     const std::vector<uint16_t> bc = Bc(TestImage(), 300, 1.5f), untouched(kW * kH, 7);
     const std::pair<const char*, int> steps[] = {
         {"ACE", 7}, {"CLAHE", 5}, {"WLN", 5}, {"USM", 4}, {"BC", 3},
@@ -125,13 +129,12 @@ TEST(PostProcessChain, KnownStepsSkipBlocksOfTheWrongSizeAndRefuseAnEmptyImage) 
     }
 }
 
-TEST(PostProcessChain, UnknownNamesStopTheChainAndMalformedNumbersLeave) {
+TEST_F(PostProcessChain, UnknownNamesStopTheChainAndMalformedNumbersLeave) {
     const std::vector<uint16_t> src = TestImage(), bc = Bc(src, 300, 1.5f);
     const std::tuple<std::string, std::vector<uint16_t>, std::string> cases[] = {
         {"[Inverse]\nend\n" + kBc, bc, ""},  // Inverse refuses code 4; the chain goes on
         {kBc + "[Clahe]\nend\n" + kBc, bc, ""},
         {"[bc]\nend\n" + kBc, src, ""},
-        {"BC\nend\n" + kBc, src, ""},
         {"end\n" + kBc, src, ""},  // an empty block has no name either
         // A malformed number leaves the call as the standard exception; earlier steps ran.
         {kBc + "[BC]\nb=;\nc=1;\nend\n", bc, "invalid_argument"},
@@ -148,7 +151,7 @@ TEST(PostProcessChain, UnknownNamesStopTheChainAndMalformedNumbersLeave) {
     }
 }
 
-TEST(PostProcessChain, EachStepMatchesADirectCall) {
+TEST_F(PostProcessChain, EachStepMatchesADirectCall) {
     using Image = std::vector<uint16_t>;
     const std::pair<const char*, std::function<int(Image&)>> cases[] = {
         {"[ACE]\nr=2;\na=1.5;\ng=3;\ngamma=0.8;\nexact=1;\nequ=0;\nend\n", [](Image& im) {
@@ -178,7 +181,7 @@ TEST(PostProcessChain, EachStepMatchesADirectCall) {
         // Patch radius, search radius, strength; on an 8-bit rendering scaled back by 257.
         {"[FastNLM]\nrd=1;\nrD=2;\nh=12;\nend\n", [](Image& im) {
              std::vector<uint8_t> b(im.size());
-             std::transform(im.begin(), im.end(), b.begin(), [](int v) { return v / 257.0f + 0.5f; });
+             std::transform(im.begin(), im.end(), b.begin(), [](int v) { return v / 257.f + .5f; });
              const int result = FastNLM(b.data(), b.data(), kW, kH, 12.0f, 1, 2);
              std::transform(b.begin(), b.end(), im.begin(), [](int v) { return v * 257; });
              return result; }},
@@ -193,7 +196,7 @@ TEST(PostProcessChain, EachStepMatchesADirectCall) {
     }
 }
 
-TEST(PostProcessChain, FastNlmKeepsOnlyEightBits) {
+TEST_F(PostProcessChain, FastNlmKeepsOnlyEightBits) {
     // Nothing to denoise (search radius 0), yet v / 257 + 0.5 is truncated to 8 bits: 128 gives
     // 0, 129 gives 1 (times 257), 1000 gives 4 and 65535 stays.
     std::vector<uint16_t> src(kW * kH, 1000);

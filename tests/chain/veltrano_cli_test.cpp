@@ -80,7 +80,7 @@ TEST_F(VeltranoCli, BadInputFailsWithOneLineAndLeavesTheOutputAlone) {
         {"--chain noend.chain --in in.png", "noend.chain", "holds no complete step block"},
         {"--chain bc.chain --in short.raw --width 32 --height 24 --type 3", "short.raw",
          "is shorter than its size says"},
-        {"--chain bc.chain --in eight.png", "eight.png", "is not a 16-bit grayscale PNG (it is 8-bit"},
+        {"--chain bc.chain --in eight.png", "eight.png", "is not a 16-bit grayscale PNG (it is 8"},
     };
     for (const auto& c : cases) {
         Write("out.png", "previous output");
@@ -97,11 +97,10 @@ TEST_F(VeltranoCli, BadInputFailsWithOneLineAndLeavesTheOutputAlone) {
 
 TEST_F(VeltranoCli, UsageErrorsExitWithTwoAndHelpWithZero) {
     const char* usage[] = {
-        "", "frobnicate", "process --in a.png --out b.png",
+        "", "frobnicate", "info", "demo extra", "process --in a.png --out b.png",
         "process --chain c --in a.png --out b.png --bogus",
         "process --chain c --in a.raw --out b.png --width x --height 3 --type 3",
-        "acquire --workdir w --out o.png --trigger-mode 5", "calibrate --workdir w --frames 2",
-        "info", "demo extra"};
+        "acquire --workdir w --out o.png --trigger-mode 5", "calibrate --workdir w --frames 2"};
     for (const char* args : usage) {
         const auto outcome = Veltrano(args);
         EXPECT_EQ(outcome.first, 2) << args;
@@ -116,7 +115,7 @@ TEST_F(VeltranoCli, UsageErrorsExitWithTwoAndHelpWithZero) {
 // "width x height depth D colour C" from a PNG file's header (sizes below 65536).
 std::string PngHeader(const fs::path& path) {
     const std::string b = ReadAll(path) + std::string(26, '\0');
-    auto size = [&](size_t at) { return std::to_string(uint8_t(b[at]) * 256 + uint8_t(b[at + 1])); };
+    auto size = [&](size_t i) { return std::to_string(uint8_t(b[i]) * 256 + uint8_t(b[i + 1])); };
     return size(18) + "x" + size(22) + " depth " + std::to_string(b[24]) + " colour " +
            std::to_string(b[25]);
 }
