@@ -73,9 +73,9 @@ TEST_F(VeltranoCli, BadInputFailsWithOneLineAndLeavesTheOutputAlone) {
     const char* cases[][3] = {
         // arguments, the file the message names, a part of the message
         {"--chain bc.chain --in missing.png", "missing.png", "cannot be opened"},
-        {"--chain bc.chain --in folder.png", "folder.png", ""},
+        {"--chain bc.chain --in folder.png", "folder.png", "cannot be opened"},
         {"--chain missing.chain --in in.png", "missing.chain", "cannot be opened"},
-        {"--chain folder.chain --in in.png", "folder.chain", ""},
+        {"--chain folder.chain --in in.png", "folder.chain", "cannot be opened"},
         {"--chain malformed.chain --in in.png", "malformed.chain", "has a malformed number"},
         {"--chain noend.chain --in in.png", "noend.chain", "holds no complete step block"},
         {"--chain bc.chain --in short.raw --width 32 --height 24 --type 3", "short.raw",
