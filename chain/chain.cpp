@@ -177,7 +177,11 @@ int Img_Post_Process_Chain(const uint16_t* src, uint16_t* dst, int width, int he
         std::cout << "Do Not Find Param" << std::endl;
         return -2;
     }
-    if (src == nullptr || dst == nullptr || width <= 0 || height <= 0) {
+    // Null buffers and negative sizes would make the copy below read or write memory the
+    // caller never gave, so they are refused with a code of their own. An empty image (a zero
+    // size) is not refused: nothing is copied, every step refuses it on its own, and the chain
+    // still reports that it ran.
+    if (src == nullptr || dst == nullptr || width < 0 || height < 0) {
         return -3;
     }
 

@@ -12,7 +12,8 @@
 //       examined, and a block of the wrong length is skipped);
 //   -1  the chain file cannot be opened ("NO Post Process Chain File" on standard output);
 //   -2  the file holds no complete block ("Do Not Find Param" on standard output);
-//   -3  src or dst is null, or width or height is not positive (nothing is printed).
+//   -3  src or dst is null, or width or height is negative (nothing is printed); an empty
+//       image (a zero size) runs the chain, whose steps all refuse it, and gives 0.
 // dst is untouched in the failure cases. chainText receives every line of the file, "end"
 // lines included, concatenated without separators.
 //

@@ -1,4 +1,5 @@
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 
@@ -24,8 +25,13 @@ std::string DefaultChainPath() {
     return "chains/default.chain";
 }
 
+bool CanOpenFile(const std::string& path) {
+    std::error_code ec;
+    return !std::filesystem::is_directory(path, ec) && std::ifstream(path).good();
+}
+
 bool RunChain(const std::string& chainPath, const Image16& in, Image16& out, std::string& error) {
-    if (!std::ifstream(chainPath).good()) {
+    if (!CanOpenFile(chainPath)) {
         error = "cannot be opened";
         return false;
     }

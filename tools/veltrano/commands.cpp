@@ -55,7 +55,7 @@ int RunProcess(int argc, char** argv) {
                          "to read it as a raw file");
     }
 
-    if (!std::ifstream(chain).good()) {
+    if (!CanOpenFile(chain)) {
         return Fail(chain, "cannot be opened");
     }
     if (IsPngPath(out) && !PngSupported()) {

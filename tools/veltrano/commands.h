@@ -23,6 +23,11 @@ int RunInfo(int argc, char** argv);
 // "veltrano: <subject>: <problem>" on standard error; returns kExitFailure.
 int Fail(const std::string& subject, const std::string& problem);
 
+// True when `path` names a file that can be opened for reading. A folder cannot: on POSIX
+// systems it opens like a file and only fails on reading, which would be reported as a file
+// without content.
+bool CanOpenFile(const std::string& path);
+
 // Runs the chain file on `in` into `out`. On failure sets error to a description of what is
 // wrong with the chain file (the caller names the file).
 bool RunChain(const std::string& chainPath, const Image16& in, Image16& out, std::string& error);

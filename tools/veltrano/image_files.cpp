@@ -65,6 +65,11 @@ bool IsPngPath(const std::string& path) {
 }
 
 bool ReadPngImage(const std::string& path, Image16& image, std::string& error) {
+    std::error_code ec;
+    if (fs::is_directory(path, ec)) {
+        error = "cannot be opened";  // a folder opens like a file on POSIX systems
+        return false;
+    }
     return ReadPng16(path, image.width, image.height, image.pixels, error);
 }
 
