@@ -46,7 +46,9 @@ int GammaWorker(const T* src, T* dst, uint64_t count, float gamma) {
         auto curve = [&](T value) {
             const float b = static_cast<float>(value) / fHigh;
             const float p = static_cast<float>(std::pow(static_cast<double>(b), static_cast<double>(gamma)));
-            double v = static_cast<double>(p * fHigh + RoundingOffset<T>());
+            // The scaling back uses the range's own (double) bound: only the base and the
+            // power are single precision.
+            double v = static_cast<double>(p) * high + static_cast<double>(RoundingOffset<T>());
             if (v > high) v = high;
             if (v < low) v = low;
             return StoreClamped<T>(v);

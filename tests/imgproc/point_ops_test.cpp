@@ -62,6 +62,11 @@ TEST(PointOps, GammaCorrectMapsIntegerTypesOverTheirFullRangeAndFloatsOverTheirS
     all.assign(all.size(), 30000);
     ASSERT_EQ(GammaCorrect(all.data(), out.data(), 300, 260, 2.0f, 4), 1);
     EXPECT_EQ(out, std::vector<uint16_t>(all.size(), 13733));
+    // The power is single precision but scaling back is in double: 5467 at gamma 0.8 gives
+    // 8984.9996 (single-precision scaling would round it up to 8985).
+    uint16_t g16 = 5467, go16 = 0;
+    ASSERT_EQ(GammaCorrect(&g16, &go16, 1, 1, 0.8f, 4), 1);
+    EXPECT_EQ(go16, 8984);
     int16_t s[2] = {-100, 32767}, os[2] = {5, 5};  // a negative base has no real power: 0
     ASSERT_EQ(GammaCorrect(s, os, 2, 1, 0.5f, 5), 1);
     EXPECT_EQ(std::vector<int16_t>(os, os + 2), (std::vector<int16_t>{0, 32767}));
