@@ -422,8 +422,9 @@ int CVeltrano::ApplySetting(int attribute, int value, const char* const* message
         LogLine(messages[1]);
     } else {
         result = binding->WriteInt(attribute, value);
-        LogLine(messages[2] + binding->ErrorText(result));
     }
+    // The result line comes in both cases; with nothing written it carries the text for 0.
+    LogLine(messages[2] + binding->ErrorText(result));
     LogLine(messages[3] + std::to_string(binding->ReadIntAttribute(attribute)));
     LogLine("");
     return result;

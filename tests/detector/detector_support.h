@@ -4,11 +4,17 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <cmath>
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <random>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform/dynamic_library.h"
@@ -19,27 +25,27 @@ namespace detector_test {
 namespace fs = std::filesystem;
 
 // A fresh folder below the system's temporary folder, removed again at the end of the test.
-// The virtual sensor reads its VirtualSensor.ini from here; the calibration goes below it.
+// The virtual sensor reads its VirtualSensor.ini from here (at Create); the calibration goes
+// below it.
 class WorkDir {
 public:
     explicit WorkDir(const std::string& iniLines = "") {
         std::random_device random;
-        const auto* info = testing::UnitTest::GetInstance()->current_test_info();
-        const std::string name = info != nullptr ? info->name() : "detector";
         path_ = fs::temp_directory_path() /
-                ("veltrano_" + name + "_" + std::to_string(random()) + std::to_string(random()));
+                ("veltrano_detector_" + std::to_string(random()) + std::to_string(random()));
         fs::create_directories(path_);
-        // A short exposure keeps the tests quick.
-        std::ofstream ini(path_ / "VirtualSensor.ini");
-        ini << "[VirtualSensor]\nExposureMs = 50\n" << iniLines << "\n";
+        configure(iniLines);
     }
     ~WorkDir() {
         std::error_code ignored;
         fs::remove_all(path_, ignored);
     }
-    WorkDir(const WorkDir&) = delete;
-    WorkDir& operator=(const WorkDir&) = delete;
 
+    // A short exposure keeps the tests quick.
+    void configure(const std::string& iniLines) const {
+        std::ofstream(path_ / "VirtualSensor.ini")
+            << "[VirtualSensor]\nExposureMs = 50\n" << iniLines << "\n";
+    }
     std::string str() const { return path_.string(); }
     fs::path calibrationFolder() const { return path_ / "Correct" / "Default"; }
 
@@ -51,11 +57,10 @@ private:
 // configuration in workDir. -1 when the driver library is not there.
 inline int WriteCalibration(const std::string& workDir, int frames) {
     veltrano::platform::DynamicLibrary driver;
-    if (!driver.open("FpdSys")) {
-        return -1;
-    }
     using WriteFn = int (*)(const char*, int);
-    auto write = reinterpret_cast<WriteFn>(driver.symbol("VirtualSensor_WriteCalibration"));
+    auto write = driver.open("FpdSys") ? reinterpret_cast<WriteFn>(
+                                             driver.symbol("VirtualSensor_WriteCalibration"))
+                                       : nullptr;
     return write != nullptr ? write(workDir.c_str(), frames) : -1;
 }
 
@@ -69,32 +74,21 @@ public:
     using CVeltrano::SetTriggerThreshold;
 };
 
-// Everything the code under test prints while the object lives.
-class StdoutCapture {
-public:
-    StdoutCapture() { testing::internal::CaptureStdout(); }
-    ~StdoutCapture() {
-        if (!taken_) {
-            testing::internal::GetCapturedStdout();
-        }
-    }
-    std::string take() {
-        taken_ = true;
-        return testing::internal::GetCapturedStdout();
-    }
-
-private:
-    bool taken_ = false;
-};
+// Everything the code under test prints while f runs.
+template <typename F>
+std::string Capture(F f) {
+    testing::internal::CaptureStdout();
+    f();
+    return testing::internal::GetCapturedStdout();
+}
 
 inline bool Contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
 }
 
 inline long long MillisecondsSince(std::chrono::steady_clock::time_point start) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(
-               std::chrono::steady_clock::now() - start)
-        .count();
+    using namespace std::chrono;
+    return duration_cast<milliseconds>(steady_clock::now() - start).count();
 }
 
 }  // namespace detector_test
