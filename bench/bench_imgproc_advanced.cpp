@@ -7,50 +7,17 @@
 #include <random>
 #include <vector>
 
+#include "bench_frames.h"
 #include "veltrano.h"
 
 namespace {
 
-constexpr int kWidth = 1300;
-constexpr int kHeight = 1800;
-constexpr size_t kPixels = static_cast<size_t>(kWidth) * kHeight;
-
-// A frame with what an intraoral image holds: a smooth exposure gradient, sharp-edged bright
-// structures (crowns, a filling) and sensor noise.
-const std::vector<uint16_t>& Frame16() {
-    static const std::vector<uint16_t> frame = [] {
-        std::vector<uint16_t> f(kPixels);
-        std::mt19937 gen(2024);
-        std::normal_distribution<float> noise(0.0f, 180.0f);
-        for (int y = 0; y < kHeight; ++y) {
-            for (int x = 0; x < kWidth; ++x) {
-                float v = 8000.0f + 14000.0f * x / kWidth + 9000.0f * y / kHeight;
-                const float dx = x - 650.0f, dy = y - 700.0f;
-                if (dx * dx / (300.0f * 300.0f) + dy * dy / (420.0f * 420.0f) < 1.0f) v += 18000.0f;
-                if (x > 900 && x < 1100 && y > 1200 && y < 1500) v = 62000.0f;
-                if ((x / 160 + y / 160) % 7 == 0) v -= 5000.0f;
-                v += noise(gen);
-                f[static_cast<size_t>(y) * kWidth + x] =
-                    static_cast<uint16_t>(std::fmin(std::fmax(v, 0.0f), 65535.0f));
-            }
-        }
-        return f;
-    }();
-    return frame;
-}
-
-template <class T>
-std::vector<T> Converted(double scale) {
-    const std::vector<uint16_t>& f = Frame16();
-    std::vector<T> out(kPixels);
-    for (size_t i = 0; i < kPixels; ++i) out[i] = static_cast<T>(f[i] * scale);
-    return out;
-}
-
-const std::vector<uint8_t>& Frame8() {
-    static const std::vector<uint8_t> frame = Converted<uint8_t>(255.0 / 65535.0);
-    return frame;
-}
+using bench::Converted;
+using bench::Frame16;
+using bench::Frame8;
+using bench::kHeight;
+using bench::kPixels;
+using bench::kWidth;
 
 template <class T, class Run>
 void ClaheCase(benchmark::State& state, Run run, double scale) {
