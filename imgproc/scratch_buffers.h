@@ -19,6 +19,13 @@ namespace veltrano {
 
 constexpr uint64_t kMaxScratchElements = static_cast<uint64_t>(std::numeric_limits<int32_t>::max());
 
+// The largest image, and the largest kernel, that a processing function takes on: 2^28 elements,
+// far beyond any intraoral sensor, yet small enough that a few scratch frames of it still fit in
+// memory. Larger sizes are refused with the function's failure code before anything is
+// allocated, so that a wrong argument cannot make the library allocate gigabytes or run for
+// minutes.
+constexpr uint64_t kMaxElements = static_cast<uint64_t>(1) << 28;
+
 // Number of pixels of a width x height image; 0 for a width or height of zero or below.
 inline uint64_t PixelCount(int64_t width, int64_t height) {
     if (width <= 0 || height <= 0) return 0;
