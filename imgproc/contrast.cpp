@@ -233,40 +233,56 @@ bool EnhanceExactIntegerSums(const T* src, T* dst, int w, int h, int radius, flo
     const double side = 2.0 * r + 2.0;
     if (side * side * static_cast<double>(maxAbs) * static_cast<double>(maxAbs) >= 4503599627370496.0) return false;
 
-    std::vector<int64_t> rowSums;
-    std::vector<int64_t> rowSquares;
+    // The horizontal sums of a row are kept in a ring of 2r + 2 rows (or all rows of a shorter
+    // image): the rows a window needs, mirrored or not, always lie in the band y - r - 1 .. y + r,
+    // whose rows fall in distinct slots. No frame-sized scratch is needed.
+    const size_t k = 2 * static_cast<size_t>(r) + 1;
+    const size_t slots = std::min(static_cast<size_t>(h), k + 1);
+    std::vector<int64_t> ringSums;
+    std::vector<int64_t> ringSquares;
+    std::vector<int> slotRow(slots, -1);
     std::vector<int64_t> colSums;
     std::vector<int64_t> colSquares;
     std::vector<int32_t> index;
-    const size_t k = 2 * static_cast<size_t>(r) + 1;
-    if (!TryResize(rowSums, count) || !TryResize(rowSquares, count) || !TryResize(colSums, width) ||
-        !TryResize(colSquares, width) || !TryResize(index, width + k - 1))
+    std::vector<int64_t> ext;
+    std::vector<int64_t> extSquares;
+    if (!TryResize(ringSums, slots * width) || !TryResize(ringSquares, slots * width) || !TryResize(colSums, width) ||
+        !TryResize(colSquares, width) || !TryResize(index, width + k - 1) || !TryResize(ext, width + k - 1) ||
+        !TryResize(extSquares, width + k - 1))
         return false;
-
-    // Horizontal sums of every row over the mirrored extension.
     for (size_t j = 0; j < index.size(); ++j) index[j] = static_cast<int32_t>(MirrorIndex(static_cast<ptrdiff_t>(j) - r, w));
-    for (int y = 0; y < h; ++y) {
-        const T* row = src + static_cast<size_t>(y) * width;
-        int64_t* rs = rowSums.data() + static_cast<size_t>(y) * width;
-        int64_t* rq = rowSquares.data() + static_cast<size_t>(y) * width;
+
+    // The horizontal sums of source row y (already mirrored into the image), computed on first use.
+    auto rowSums = [&](ptrdiff_t y, const int64_t*& sums, const int64_t*& squares) {
+        const int sourceRow = static_cast<int>(MirrorIndex(y, h));
+        const size_t slot = static_cast<size_t>(sourceRow) % slots;
+        int64_t* rs = ringSums.data() + slot * width;
+        int64_t* rq = ringSquares.data() + slot * width;
+        sums = rs;
+        squares = rq;
+        if (slotRow[slot] == sourceRow) return;
+        slotRow[slot] = sourceRow;
+        const T* row = src + static_cast<size_t>(sourceRow) * width;
+        for (size_t j = 0; j < ext.size(); ++j) {
+            const int64_t v = row[index[j]];
+            ext[j] = v;
+            extSquares[j] = v * v;
+        }
         int64_t a = 0;
         int64_t b = 0;
         for (size_t j = 0; j < k; ++j) {
-            const int64_t v = row[index[j]];
-            a += v;
-            b += v * v;
+            a += ext[j];
+            b += extSquares[j];
         }
         rs[0] = a;
         rq[0] = b;
         for (size_t x = 1; x < width; ++x) {
-            const int64_t in = row[index[x + k - 1]];
-            const int64_t out = row[index[x - 1]];
-            a += in - out;
-            b += in * in - out * out;
+            a += ext[x + k - 1] - ext[x - 1];
+            b += extSquares[x + k - 1] - extSquares[x - 1];
             rs[x] = a;
             rq[x] = b;
         }
-    }
+    };
 
     ExactConstants c;
     c.area = static_cast<double>(2 * r + 1) * (2 * r + 1);
@@ -275,12 +291,10 @@ bool EnhanceExactIntegerSums(const T* src, T* dst, int w, int h, int radius, flo
     c.capTest = std::isfinite(c.ceiling) && c.ceiling > 0.0 && std::isfinite(c.k);
     const bool avx2 = ActiveImpl() == Impl::Avx2;
 
-    auto rowOf = [&](ptrdiff_t y, const std::vector<int64_t>& sums) {
-        return sums.data() + static_cast<size_t>(MirrorIndex(y, h)) * width;
-    };
+    const int64_t* a = nullptr;
+    const int64_t* b = nullptr;
     for (ptrdiff_t i = -r; i <= r; ++i) {
-        const int64_t* a = rowOf(i, rowSums);
-        const int64_t* b = rowOf(i, rowSquares);
+        rowSums(i, a, b);
         for (size_t x = 0; x < width; ++x) {
             colSums[x] += a[x];
             colSquares[x] += b[x];
@@ -288,13 +302,17 @@ bool EnhanceExactIntegerSums(const T* src, T* dst, int w, int h, int radius, flo
     }
     for (int y = 0; y < h; ++y) {
         if (y > 0) {
-            const int64_t* addS = rowOf(y + r, rowSums);
-            const int64_t* addQ = rowOf(y + r, rowSquares);
-            const int64_t* subS = rowOf(y - 1 - r, rowSums);
-            const int64_t* subQ = rowOf(y - 1 - r, rowSquares);
+            // The leaving row first: it lies in the band, so the entering row cannot evict it
+            // before it is used, and it is read before its slot may be reused.
+            rowSums(y - 1 - r, a, b);
             for (size_t x = 0; x < width; ++x) {
-                colSums[x] += addS[x] - subS[x];
-                colSquares[x] += addQ[x] - subQ[x];
+                colSums[x] -= a[x];
+                colSquares[x] -= b[x];
+            }
+            rowSums(y + r, a, b);
+            for (size_t x = 0; x < width; ++x) {
+                colSums[x] += a[x];
+                colSquares[x] += b[x];
             }
         }
         const T* xs = src + static_cast<size_t>(y) * width;
