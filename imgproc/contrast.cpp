@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "imgproc/dispatch.h"
+#include "imgproc/frame_passes.h"
 #include "imgproc/pixel_helpers.h"
 #include "imgproc/scratch_buffers.h"
 #include "imgproc/window_helpers.h"
@@ -222,12 +223,11 @@ bool EnhanceExactIntegerSums(const T* src, T* dst, int w, int h, int radius, flo
     const size_t width = static_cast<size_t>(w);
     const size_t count = width * static_cast<size_t>(h);
     int64_t total = 0;
-    int64_t maxAbs = 0;
-    for (size_t i = 0; i < count; ++i) {
-        const int64_t v = src[i];
-        total += v;
-        maxAbs = std::max(maxAbs, v < 0 ? -v : v);
-    }
+    for (size_t i = 0; i < count; ++i) total += src[i];
+    T mn = src[0];
+    T mx = src[0];
+    FrameMinMax(src, count, mn, mx);
+    const int64_t maxAbs = std::max<int64_t>(mx, -static_cast<int64_t>(mn));
     // The largest partial sum of squares: a window of (2r + 1)^2 squares plus one entering row
     // or element; below 2^52 it is exact in a double and converts exactly.
     const double side = 2.0 * r + 2.0;

@@ -364,6 +364,84 @@ void CountFloatBins(const float* src, size_t count, FloatBinRule rule, int32_t* 
     }
 }
 
+namespace {
+
+inline uint8_t DefectMark(float v) {
+    if (std::fabs(v) < 1e-6f) return 0;
+    if (v > 255.0f) v = 255.0f;
+    if (v < 0.0f) v = 0.0f;
+    return v != v ? 0 : static_cast<uint8_t>(v);
+}
+
+#if VELTRANO_HAS_AVX2_PATHS
+VELTRANO_TARGET_AVX2 void GainFromMeanAvx2(const float* flat, float* gain, size_t count, double mean) {
+    const __m256d m = _mm256_set1_pd(mean);
+    const __m128 floor = _mm_set1_ps(0.001f);
+    size_t i = 0;
+    for (; i + 4 <= count; i += 4) {
+        const __m128 v = _mm_loadu_ps(flat + i);
+        const __m128 p = _mm_blendv_ps(v, floor, _mm_cmplt_ps(v, floor));
+        _mm_storeu_ps(gain + i, _mm256_cvtpd_ps(_mm256_div_pd(m, _mm256_cvtps_pd(p))));
+    }
+    for (; i < count; ++i) {
+        const float p = flat[i] < 0.001f ? 0.001f : flat[i];
+        gain[i] = static_cast<float>(mean / p);
+    }
+}
+
+// |v| < 1e-6 gives 0; otherwise max(v, 0) (NaN becomes 0 there), capped at 255, truncated.
+VELTRANO_TARGET_AVX2 size_t DefectMarksAvx2(const float* map, uint8_t* marks, size_t count) {
+    const __m256 absMask = _mm256_castsi256_ps(_mm256_set1_epi32(0x7fffffff));
+    const __m256 tiny = _mm256_set1_ps(1e-6f);
+    const __m256 top = _mm256_set1_ps(255.0f);
+    size_t defective = 0;
+    size_t i = 0;
+    for (; i + 8 <= count; i += 8) {
+        const __m256 v = _mm256_loadu_ps(map + i);
+        const __m256 zero = _mm256_cmp_ps(_mm256_and_ps(v, absMask), tiny, _CMP_LT_OQ);
+        const __m256 c = _mm256_andnot_ps(zero, _mm256_min_ps(_mm256_max_ps(v, _mm256_setzero_ps()), top));
+        const __m256i n = _mm256_cvttps_epi32(c);
+        const __m128i words = _mm_packus_epi32(_mm256_castsi256_si128(n), _mm256_extracti128_si256(n, 1));
+        const __m128i bytes = _mm_packus_epi16(words, words);
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(marks + i), bytes);
+        const int nonZero = ~_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, _mm_setzero_si128())) & 0xff;
+        defective += static_cast<size_t>(__builtin_popcount(static_cast<unsigned>(nonZero)));
+    }
+    for (; i < count; ++i) {
+        marks[i] = DefectMark(map[i]);
+        defective += marks[i] != 0;
+    }
+    return defective;
+}
+#endif
+
+}  // namespace
+
+void GainFromMean(const float* flat, float* gain, size_t count, double mean) {
+#if VELTRANO_HAS_AVX2_PATHS
+    if (ActiveImpl() == Impl::Avx2) {
+        GainFromMeanAvx2(flat, gain, count, mean);
+        return;
+    }
+#endif
+    for (size_t i = 0; i < count; ++i) {
+        const float p = flat[i] < 0.001f ? 0.001f : flat[i];
+        gain[i] = static_cast<float>(mean / p);
+    }
+}
+
+size_t DefectMarks(const float* map, uint8_t* marks, size_t count) {
+#if VELTRANO_HAS_AVX2_PATHS
+    if (ActiveImpl() == Impl::Avx2) return DefectMarksAvx2(map, marks, count);
+#endif
+    size_t defective = 0;
+    for (size_t i = 0; i < count; ++i) {
+        marks[i] = DefectMark(map[i]);
+        defective += marks[i] != 0;
+    }
+    return defective;
+}
+
 void MapThroughTable(const uint8_t* src, uint8_t* dst, size_t count, const uint8_t* table) {
     for (size_t i = 0; i < count; ++i) dst[i] = table[src[i]];
 }

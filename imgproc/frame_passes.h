@@ -42,6 +42,14 @@ enum class FloatBinRule {
 // Adds the float pixels to 65536 bins (zeroed by the caller) under the rule.
 void CountFloatBins(const float* src, size_t count, FloatBinRule rule, int32_t* bins);
 
+// The flat-field gain of a calibration frame: gain[i] = mean / max(flat[i], 0.001f), the floor
+// applied in single precision and the division in double, rounded to single precision.
+void GainFromMean(const float* flat, float* gain, size_t count, double mean);
+
+// Converts a defect map to byte marks: 0 when |v| < 1e-6, else v clamped to 0..255 and
+// truncated (not-a-number gives 0). Returns the number of non-zero marks.
+size_t DefectMarks(const float* map, uint8_t* marks, size_t count);
+
 // dst[i] = table[src[i] - first] for every pixel: the table holds one entry for every value that
 // occurs, from `first` on. dst may be src.
 void MapThroughTable(const uint8_t* src, uint8_t* dst, size_t count, const uint8_t* table);
