@@ -1,0 +1,214 @@
+// veltrano_compare: each processing function on the largest sensor frame beside its nearest
+// OpenCV operation, on the same number of threads, and the functions with no peer in copies of
+// the 16-bit frame. It is a report: missed targets do not change the exit status, which is
+// non-zero only for a bad option or a call that failed.
+#include <omp.h>
+
+#include <opencv2/core.hpp>
+#include <opencv2/core/utility.hpp>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "harness.h"
+#include "host.h"
+#include "imgproc/dispatch.h"
+#include "specs.h"
+
+namespace compare {
+namespace {
+
+std::string Ms(double ms) {
+    char text[32];
+    std::snprintf(text, sizeof text, ms < 10.0 ? "%.2f" : ms < 100.0 ? "%.1f" : "%.0f", ms);
+    return text;
+}
+
+std::string Memory(long long bytes, double frameBytes) {
+    char text[48];
+    const double mib = static_cast<double>(bytes) / (1024.0 * 1024.0);
+    if (frameBytes > 0.0) {
+        std::snprintf(text, sizeof text, "%.1f MiB = %.2f fr", mib, static_cast<double>(bytes) / frameBytes);
+    } else {
+        std::snprintf(text, sizeof text, "%.1f MiB", mib);
+    }
+    return text;
+}
+
+const char* LevelName(int level) {
+    switch (level) {
+        case 0: return "reference";
+        case 1: return "scalar";
+        case 2: return "avx2";
+    }
+    return "unknown";
+}
+
+// Runs one entry with standard output silenced if it logs there; setup, calls and teardown
+// all happen inside.
+Measured Run(const Entry& entry, int repetitions) {
+    std::optional<StdoutSilenced> silence;
+    if (entry.quiet) {
+        silence.emplace();
+    }
+    try {
+        const Sides sides = entry.setup();
+        return Measure(sides, repetitions);
+    } catch (const std::exception& e) {
+        Measured m;
+        m.ok = false;
+        m.error = std::string("setup failed: ") + e.what();
+        return m;
+    }
+}
+
+// The time of one copy of the 16-bit frame, the unit of the functions with no peer. It is
+// short and noisy, so it gets more runs than the entries.
+double CopyMs(int repetitions) {
+    auto src = std::make_shared<std::vector<uint16_t>>(Frame16());
+    auto dst = std::make_shared<std::vector<uint16_t>>(kPixels);
+    Sides copy{[src, dst] {
+                   std::memcpy(dst->data(), src->data(), kPixels * sizeof(uint16_t));
+                   return (*dst)[kPixels / 2] == (*src)[kPixels / 2];
+               },
+               {},
+               {}};
+    return Measure(copy, std::max(21, 3 * repetitions)).veltrano.medianMs;
+}
+
+struct Limit {
+    std::string what;
+    double value;
+    double limit;
+    const char* unit;
+};
+
+}  // namespace
+}  // namespace compare
+
+int main(int argc, char** argv) {
+    using namespace compare;
+    Options options;
+    std::string error;
+    if (!ParseOptions(std::vector<std::string>(argv + 1, argv + argc), options, error)) {
+        std::fprintf(stderr, "veltrano_compare: %s\n%s", error.c_str(), Usage());
+        return 2;
+    }
+    if (options.help) {
+        std::printf("%s", Usage());
+        return 0;
+    }
+    std::vector<Entry>& registry = Registry();
+    std::stable_sort(registry.begin(), registry.end(), [](const Entry& a, const Entry& b) { return a.order < b.order; });
+    if (options.list) {
+        for (const Entry& e : registry) {
+            std::printf("%-44s %s\n", e.name.c_str(), e.peer.empty() ? "(no peer)" : e.peer.c_str());
+        }
+        return 0;
+    }
+
+    omp_set_num_threads(options.threads);
+    cv::setNumThreads(options.threads);
+
+    std::printf("Veltrano against OpenCV %s on a %d x %d frame (noise sigma %.0f)\n", CV_VERSION, kWidth, kHeight,
+                kNoiseSigma);
+    std::printf("%d thread%s on each side, median of %d interleaved runs after a warm-up, Veltrano level %s\n",
+                options.threads, options.threads == 1 ? "" : "s", options.repetitions,
+                LevelName(veltrano::ActiveImplForTesting()));
+    std::printf("machine: %s\n", MachineSummary().c_str());
+    const double copyMs = CopyMs(options.repetitions);
+    std::printf("one copy of the 16-bit frame: %.3f ms\n", copyMs);
+    std::printf("memory: the peak a call allocates above what was allocated before it (fr = frames of the "
+                "function's own pixel type)\n");
+    std::printf("verdict: ok within the target, ok (margin) within %.0f %% above it, MISS beyond\n\n",
+                kMargin * 100.0);
+    std::fflush(stdout);
+
+    bool failed = false;
+    std::vector<MeasuredEntry> measured;
+    std::vector<Limit> limits;
+    int pairs = 0;
+    int missedPairs = 0;
+
+    std::printf("%-34s %-38s %8s %8s %6s %-12s %-20s %-9s %s\n", "Veltrano", "OpenCV", "V ms", "CV ms", "ratio",
+                "target", "V memory", "CV memory", "verdict");
+    for (const Entry& e : registry) {
+        if (e.peer.empty() || !Selected(e, options.filter)) {
+            continue;
+        }
+        const Measured m = Run(e, options.repetitions);
+        measured.push_back({&e, m});
+        if (!m.ok) {
+            std::printf("%-34s error: %s\n", e.name.c_str(), m.error.c_str());
+            failed = true;
+            continue;
+        }
+        ++pairs;
+        const Verdict v = PairVerdict(e, m);
+        missedPairs += v == Verdict::Missed ? 1 : 0;
+        char target[32];
+        if (e.limitMs > 0.0) {
+            std::snprintf(target, sizeof target, "%.2f <%.0f ms", e.targetRatio, e.limitMs);
+        } else {
+            std::snprintf(target, sizeof target, "%.2f", e.targetRatio);
+        }
+        std::printf("%-34s %-38s %8s %8s %6.2f %-12s %-20s %-9s %s\n", e.name.c_str(), e.peer.c_str(),
+                    Ms(m.veltrano.medianMs).c_str(), Ms(m.peer.medianMs).c_str(), m.veltrano.medianMs / m.peer.medianMs,
+                    target, Memory(m.veltrano.peakExtraBytes, e.frameBytes).c_str(),
+                    Memory(m.peer.peakExtraBytes, 0.0).c_str(), VerdictText(v));
+        std::fflush(stdout);
+        if (e.limitCopies > 0.0) {
+            limits.push_back({e.name, m.veltrano.medianMs / copyMs, e.limitCopies, "copies"});
+        }
+    }
+
+    std::printf("\n%-44s %8s %8s %-20s\n", "no peer", "ms", "copies", "memory");
+    for (const Entry& e : registry) {
+        if (!e.peer.empty() || !Selected(e, options.filter)) {
+            continue;
+        }
+        const Measured m = Run(e, options.repetitions);
+        measured.push_back({&e, m});
+        if (!m.ok) {
+            std::printf("%-44s error: %s\n", e.name.c_str(), m.error.c_str());
+            failed = true;
+            continue;
+        }
+        std::printf("%-44s %8s %8.1f %-20s\n", e.name.c_str(), Ms(m.veltrano.medianMs).c_str(),
+                    m.veltrano.medianMs / copyMs, Memory(m.veltrano.peakExtraBytes, e.frameBytes).c_str());
+        std::fflush(stdout);
+        if (e.limitCopies > 0.0) {
+            limits.push_back({e.name, m.veltrano.medianMs / copyMs, e.limitCopies, "copies"});
+        }
+        if (e.limitMs > 0.0) {
+            limits.push_back({e.name, m.veltrano.medianMs, e.limitMs, "ms"});
+        }
+    }
+    double sumMs = 0.0;
+    if (CorrectionsSum(registry, measured, sumMs)) {
+        std::printf("%-44s %8s %8.1f\n", "corrections: slower gain + repair + outliers", Ms(sumMs).c_str(),
+                    sumMs / copyMs);
+        limits.push_back({"acquisition corrections, sum", sumMs, 10.0, "ms"});
+    }
+
+    int missedLimits = 0;
+    if (!limits.empty()) {
+        std::printf("\n%-44s %10s %10s %s\n", "limit", "measured", "limit", "verdict");
+        for (const Limit& l : limits) {
+            const Verdict v = Judge(l.value, l.limit);
+            missedLimits += v == Verdict::Missed ? 1 : 0;
+            char value[32], limit[32];
+            std::snprintf(value, sizeof value, "%.1f %s", l.value, l.unit);
+            std::snprintf(limit, sizeof limit, "%.0f %s", l.limit, l.unit);
+            std::printf("%-44s %10s %10s %s\n", l.what.c_str(), value, limit, VerdictText(v));
+        }
+        std::printf("%d of %zu limits do not hold\n", missedLimits, limits.size());
+    }
+    std::printf("%d of %d pairs miss their target\n", missedPairs, pairs);
+    return failed ? 1 : 0;
+}

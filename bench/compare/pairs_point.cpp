@@ -1,0 +1,161 @@
+// Point operations and normalisation against their OpenCV counterparts.
+#include <opencv2/core.hpp>
+#include <opencv2/imgproc.hpp>
+
+#include <algorithm>
+#include <stdexcept>
+
+#include "peer.h"
+#include "veltrano.h"
+
+namespace compare {
+namespace {
+
+// normalize_* leave the destination alone when the frame already spans the requested range
+// exactly; the frame must not, or the Veltrano side would time an early exit.
+template <class T>
+void RequireStretch(const std::vector<T>& frame, T low, T high) {
+    const auto [mn, mx] = std::minmax_element(frame.begin(), frame.end());
+    if (*mn == *mx || (*mn == low && *mx == high)) {
+        throw std::runtime_error("the frame already spans the normalisation range");
+    }
+}
+
+const AddEntry kNormalize16{[] {
+    Entry e = Pair(100, "normalize_16U", "normalize NORM_MINMAX", FrameBytes<uint16_t>());
+    e.limitCopies = 5.0;
+    e.setup = [] {
+        auto b = MakeBuffers(Frame16());
+        RequireStretch<uint16_t>(b->src, 0, 65535);
+        return Sides{
+            [b] { return normalize_16U(b->src.data(), b->outV.data(), kWidth, kHeight, 0, 65535) == 1; },
+            [b] {
+                cv::normalize(b->srcMat, b->outMat, 0, 65535, cv::NORM_MINMAX);
+                return true;
+            },
+            {}};
+    };
+    return e;
+}()};
+
+const AddEntry kNormalize8{[] {
+    Entry e = Pair(101, "normalize_8U", "normalize NORM_MINMAX", FrameBytes<uint8_t>());
+    e.setup = [] {
+        auto b = MakeBuffers(Frame8());
+        RequireStretch<uint8_t>(b->src, 0, 255);
+        return Sides{
+            [b] { return normalize_8U(b->src.data(), b->outV.data(), kWidth, kHeight, 0, 255) == 1; },
+            [b] {
+                cv::normalize(b->srcMat, b->outMat, 0, 255, cv::NORM_MINMAX);
+                return true;
+            },
+            {}};
+    };
+    return e;
+}()};
+
+const AddEntry kNormalize32{[] {
+    Entry e = Pair(102, "normalize_32F", "normalize NORM_MINMAX", FrameBytes<float>());
+    e.setup = [] {
+        auto b = MakeBuffers(FrameF());
+        RequireStretch<float>(b->src, 0.0f, 1.0f);
+        return Sides{
+            [b] { return normalize_32F(b->src.data(), b->outV.data(), kWidth, kHeight, 0.0f, 1.0f) == 1; },
+            [b] {
+                cv::normalize(b->srcMat, b->outMat, 0.0, 1.0, cv::NORM_MINMAX);
+                return true;
+            },
+            {}};
+    };
+    return e;
+}()};
+
+const AddEntry kBrightContrast{[] {
+    Entry e = Pair(110, "BrigntAndContrast 16U", "convertTo with scale and shift", FrameBytes<uint16_t>());
+    e.limitCopies = 3.0;
+    e.setup = [] {
+        auto b = MakeBuffers(Frame16());
+        return Sides{[b] {
+                         return BrigntAndContrast(b->src.data(), b->outV.data(), kWidth, kHeight, 4, 500.0f,
+                                                  1.2f) == 1;
+                     },
+                     [b] {
+                         b->srcMat.convertTo(b->outMat, CV_16U, 1.2, 500.0);
+                         return true;
+                     },
+                     {}};
+    };
+    return e;
+}()};
+
+const AddEntry kThreshold{[] {
+    Entry e = Pair(111, "ThresholdBinary 16U", "threshold THRESH_BINARY", FrameBytes<uint16_t>());
+    e.limitCopies = 3.0;
+    e.setup = [] {
+        auto b = MakeBuffers(Frame16());
+        return Sides{
+            [b] { return ThresholdBinary(b->src.data(), b->outV.data(), 4, kWidth, kHeight, 20000.0, 0) == 1; },
+            [b] {
+                cv::threshold(b->srcMat, b->outMat, 20000.0, 65535.0, cv::THRESH_BINARY);
+                return true;
+            },
+            {}};
+    };
+    return e;
+}()};
+
+const AddEntry kEquHist{[] {
+    Entry e = Pair(112, "EquHist 8U", "equalizeHist", FrameBytes<uint8_t>());
+    e.setup = [] {
+        auto b = MakeBuffers(Frame8());
+        return Sides{[b] {
+                         // Code 3 reads and writes both buffers as bytes.
+                         return EquHist(reinterpret_cast<uint16_t*>(b->src.data()),
+                                        reinterpret_cast<uint16_t*>(b->outV.data()),
+                                        static_cast<int32_t>(kPixels), 3) == 1;
+                     },
+                     [b] {
+                         cv::equalizeHist(b->srcMat, b->outMat);
+                         return true;
+                     },
+                     {}};
+    };
+    return e;
+}()};
+
+const AddEntry kLog{[] {
+    Entry e = Pair(113, "Image_Log 32F", "log", FrameBytes<float>());
+    e.setup = [] {
+        auto b = MakeBuffers(FrameF());
+        return Sides{[b] { return Image_Log(b->src.data(), b->outV.data(), kWidth, kHeight, 0) == 1; },
+                     [b] {
+                         cv::log(b->srcMat, b->outMat);
+                         return true;
+                     },
+                     {}};
+    };
+    return e;
+}()};
+
+// OpenCV's pow takes only float data: the peer scales to 0..1, raises and scales back, the
+// arithmetic of the 16-bit gamma curve.
+const AddEntry kGamma{[] {
+    Entry e = Pair(114, "GammaCorrect 16U", "convertTo 32F, pow, convertTo 16U", FrameBytes<uint16_t>());
+    e.limitCopies = 8.0;
+    e.setup = [] {
+        auto b = MakeBuffers(Frame16());
+        auto scratch = std::make_shared<cv::Mat>(kHeight, kWidth, CV_32F);
+        return Sides{[b] { return GammaCorrect(b->src.data(), b->outV.data(), kWidth, kHeight, 0.8f, 4) == 1; },
+                     [b, scratch] {
+                         b->srcMat.convertTo(*scratch, CV_32F, 1.0 / 65535.0);
+                         cv::pow(*scratch, 0.8, *scratch);
+                         scratch->convertTo(b->outMat, CV_16U, 65535.0);
+                         return true;
+                     },
+                     {}};
+    };
+    return e;
+}()};
+
+}  // namespace
+}  // namespace compare
