@@ -39,7 +39,7 @@ const char* Usage() {
            "  --filter REGEX  only entries whose name contains a match (ECMAScript syntax)\n"
            "  --reps N        timed runs of each side, interleaved, after a warm-up (default 7)\n"
            "  --threads N     threads on both sides: OpenMP and OpenCV (default 1)\n"
-           "  --list          print the entry names and stop\n";
+           "  --list          print the names of the entries (those the filter selects) and stop\n";
 }
 
 bool ParseOptions(const std::vector<std::string>& args, Options& options, std::string& error) {

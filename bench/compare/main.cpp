@@ -107,9 +107,28 @@ int main(int argc, char** argv) {
     std::stable_sort(registry.begin(), registry.end(), [](const Entry& a, const Entry& b) { return a.order < b.order; });
     if (options.list) {
         for (const Entry& e : registry) {
-            std::printf("%-44s %s\n", e.name.c_str(), e.peer.empty() ? "(no peer)" : e.peer.c_str());
+            if (Selected(e, options.filter)) {
+                std::printf("%-44s %s\n", e.name.c_str(), e.peer.empty() ? "(no peer)" : e.peer.c_str());
+            }
         }
         return 0;
+    }
+
+    auto selected = [&](bool withPeer) {
+        std::vector<const Entry*> list;
+        for (const Entry& e : registry) {
+            if (e.peer.empty() != withPeer && Selected(e, options.filter)) {
+                list.push_back(&e);
+            }
+        }
+        return list;
+    };
+    const std::vector<const Entry*> pairList = selected(true);
+    const std::vector<const Entry*> soloList = selected(false);
+    if (pairList.empty() && soloList.empty()) {
+        std::fprintf(stderr, "veltrano_compare: no entry matches \"%s\" (--list shows them)\n",
+                     options.filter.c_str());
+        return 2;
     }
 
     omp_set_num_threads(options.threads);
@@ -129,23 +148,23 @@ int main(int argc, char** argv) {
                 kMargin * 100.0);
     std::fflush(stdout);
 
-    bool failed = false;
+    int failed = 0;
     std::vector<MeasuredEntry> measured;
     std::vector<Limit> limits;
     int pairs = 0;
     int missedPairs = 0;
 
-    std::printf("%-34s %-38s %8s %8s %6s %-12s %-20s %-9s %s\n", "Veltrano", "OpenCV", "V ms", "CV ms", "ratio",
-                "target", "V memory", "CV memory", "verdict");
-    for (const Entry& e : registry) {
-        if (e.peer.empty() || !Selected(e, options.filter)) {
-            continue;
-        }
+    if (!pairList.empty()) {
+        std::printf("%-34s %-38s %8s %8s %6s %-12s %-20s %-9s %s\n", "Veltrano", "OpenCV", "V ms", "CV ms",
+                    "ratio", "target", "V memory", "CV memory", "verdict");
+    }
+    for (const Entry* entry : pairList) {
+        const Entry& e = *entry;
         const Measured m = Run(e, options.repetitions);
         measured.push_back({&e, m});
         if (!m.ok) {
             std::printf("%-34s error: %s\n", e.name.c_str(), m.error.c_str());
-            failed = true;
+            ++failed;
             continue;
         }
         ++pairs;
@@ -167,19 +186,19 @@ int main(int argc, char** argv) {
         }
     }
 
-    std::printf("\n%-44s %8s %8s %-20s\n", "no peer", "ms", "copies", "memory");
-    for (const Entry& e : registry) {
-        if (!e.peer.empty() || !Selected(e, options.filter)) {
-            continue;
-        }
+    if (!soloList.empty()) {
+        std::printf("%s%-44s %8s %8s %s\n", pairList.empty() ? "" : "\n", "no peer", "ms", "copies", "memory");
+    }
+    for (const Entry* entry : soloList) {
+        const Entry& e = *entry;
         const Measured m = Run(e, options.repetitions);
         measured.push_back({&e, m});
         if (!m.ok) {
             std::printf("%-44s error: %s\n", e.name.c_str(), m.error.c_str());
-            failed = true;
+            ++failed;
             continue;
         }
-        std::printf("%-44s %8s %8.1f %-20s\n", e.name.c_str(), Ms(m.veltrano.medianMs).c_str(),
+        std::printf("%-44s %8s %8.1f %s\n", e.name.c_str(), Ms(m.veltrano.medianMs).c_str(),
                     m.veltrano.medianMs / copyMs, Memory(m.veltrano.peakExtraBytes, e.frameBytes).c_str());
         std::fflush(stdout);
         if (e.limitCopies > 0.0) {
@@ -209,6 +228,11 @@ int main(int argc, char** argv) {
         }
         std::printf("%d of %zu limits do not hold\n", missedLimits, limits.size());
     }
-    std::printf("%d of %d pairs miss their target\n", missedPairs, pairs);
-    return failed ? 1 : 0;
+    if (!pairList.empty()) {
+        std::printf("%d of %d pairs miss their target\n", missedPairs, pairs);
+    }
+    if (failed > 0) {
+        std::printf("%d entr%s could not be measured (see the errors above)\n", failed, failed == 1 ? "y" : "ies");
+    }
+    return failed > 0 ? 1 : 0;
 }
