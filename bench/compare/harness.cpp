@@ -157,6 +157,39 @@ Verdict PairVerdict(const Entry& entry, const Measured& m) {
     return v;
 }
 
+std::vector<Limit> LimitsOf(const Entry& entry, const Measured& m, double copyMs) {
+    std::vector<Limit> limits;
+    if (!m.ok) {
+        return limits;
+    }
+    if (entry.limitCopies > 0.0) {
+        limits.push_back({entry.name, m.veltrano.medianMs / copyMs, entry.limitCopies, "copies"});
+    }
+    if (entry.limitMs > 0.0 && entry.peer.empty()) {
+        limits.push_back({entry.name, m.veltrano.medianMs, entry.limitMs, "ms"});
+    }
+    return limits;
+}
+
+std::string CheckRegistry(const std::vector<Entry>& registry) {
+    std::set<std::string> names;
+    for (const Entry& e : registry) {
+        if (e.name.empty() || !names.insert(e.name).second) {
+            return "the entry name \"" + e.name + "\" is empty or used twice";
+        }
+        if (!e.setup) {
+            return e.name + ": no setup";
+        }
+        if (!e.peer.empty() && !(e.targetRatio > 0.0)) {
+            return e.name + ": a pair needs a positive target ratio";
+        }
+        if (!(e.frameBytes > 0.0)) {
+            return e.name + ": no frame size";
+        }
+    }
+    return std::string();
+}
+
 bool CorrectionsSum(const std::vector<Entry>& registry, const std::vector<MeasuredEntry>& measured,
                     double& sumMs) {
     std::set<const Entry*> done;

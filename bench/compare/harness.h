@@ -59,6 +59,22 @@ struct MeasuredEntry {
     Measured result;
 };
 
+// A limit an entry's measurement is held to apart from its pair target: its time in copies of
+// the 16-bit frame (any entry), and for entries with no peer its time in ms (a pair's time limit
+// is part of its pair verdict).
+struct Limit {
+    std::string what;
+    double value;
+    double limit;
+    const char* unit;
+};
+std::vector<Limit> LimitsOf(const Entry& entry, const Measured& m, double copyMs);
+
+// Empty when the entries are fit to run, else what is wrong with the first that is not: a name
+// used twice (a filter could not tell them apart), no setup, a pair without a positive target,
+// or no frame size to express memory in.
+std::string CheckRegistry(const std::vector<Entry>& registry);
+
 // The acquisition's corrections in one sum: the slowest gain correction plus every step. False
 // when an entry that belongs to the sum was not measured (filtered out or failed).
 bool CorrectionsSum(const std::vector<Entry>& registry, const std::vector<MeasuredEntry>& measured,

@@ -92,13 +92,6 @@ double FrameCopyMs() {
     return Median(medians);
 }
 
-struct Limit {
-    std::string what;
-    double value;
-    double limit;
-    const char* unit;
-};
-
 }  // namespace
 }  // namespace compare
 
@@ -116,6 +109,11 @@ int main(int argc, char** argv) {
     }
     std::vector<Entry>& registry = Registry();
     std::stable_sort(registry.begin(), registry.end(), [](const Entry& a, const Entry& b) { return a.order < b.order; });
+    const std::string problem = CheckRegistry(registry);
+    if (!problem.empty()) {
+        std::fprintf(stderr, "veltrano_compare: %s\n", problem.c_str());
+        return 1;
+    }
     if (options.list) {
         for (const Entry& e : registry) {
             if (Selected(e, options.filter)) {
@@ -164,60 +162,56 @@ int main(int argc, char** argv) {
     std::vector<Limit> limits;
     int pairs = 0;
     int missedPairs = 0;
+    // Measures an entry and keeps its result; false, with the error in its line, when it failed.
+    auto measure = [&](const Entry& e, int nameWidth) {
+        measured.push_back({&e, Run(e, options.repetitions)});
+        const Measured& m = measured.back().result;
+        if (!m.ok) {
+            std::printf("%-*s error: %s\n", nameWidth, e.name.c_str(), m.error.c_str());
+            ++failed;
+            return false;
+        }
+        const std::vector<Limit> own = LimitsOf(e, m, copyMs);
+        limits.insert(limits.end(), own.begin(), own.end());
+        return true;
+    };
 
     if (!pairList.empty()) {
         std::printf("%-34s %-38s %8s %8s %6s %-12s %-20s %-9s %s\n", "Veltrano", "OpenCV", "V ms", "CV ms",
                     "ratio", "target", "V memory", "CV memory", "verdict");
     }
-    for (const Entry* entry : pairList) {
-        const Entry& e = *entry;
-        const Measured m = Run(e, options.repetitions);
-        measured.push_back({&e, m});
-        if (!m.ok) {
-            std::printf("%-34s error: %s\n", e.name.c_str(), m.error.c_str());
-            ++failed;
+    for (const Entry* e : pairList) {
+        if (!measure(*e, 34)) {
             continue;
         }
+        const Measured& m = measured.back().result;
         ++pairs;
-        const Verdict v = PairVerdict(e, m);
+        const Verdict v = PairVerdict(*e, m);
         missedPairs += v == Verdict::Missed ? 1 : 0;
         char target[32];
-        if (e.limitMs > 0.0) {
-            std::snprintf(target, sizeof target, "%.2f <%.0f ms", e.targetRatio, e.limitMs);
+        if (e->limitMs > 0.0) {
+            std::snprintf(target, sizeof target, "%.2f <%.0f ms", e->targetRatio, e->limitMs);
         } else {
-            std::snprintf(target, sizeof target, "%.2f", e.targetRatio);
+            std::snprintf(target, sizeof target, "%.2f", e->targetRatio);
         }
-        std::printf("%-34s %-38s %8s %8s %6.2f %-12s %-20s %-9s %s\n", e.name.c_str(), e.peer.c_str(),
+        std::printf("%-34s %-38s %8s %8s %6.2f %-12s %-20s %-9s %s\n", e->name.c_str(), e->peer.c_str(),
                     Ms(m.veltrano.medianMs).c_str(), Ms(m.peer.medianMs).c_str(), m.veltrano.medianMs / m.peer.medianMs,
-                    target, Memory(m.veltrano.peakExtraBytes, e.frameBytes).c_str(),
+                    target, Memory(m.veltrano.peakExtraBytes, e->frameBytes).c_str(),
                     Memory(m.peer.peakExtraBytes, 0.0).c_str(), VerdictText(v));
         std::fflush(stdout);
-        if (e.limitCopies > 0.0) {
-            limits.push_back({e.name, m.veltrano.medianMs / copyMs, e.limitCopies, "copies"});
-        }
     }
 
     if (!soloList.empty()) {
         std::printf("%s%-44s %8s %8s %s\n", pairList.empty() ? "" : "\n", "no peer", "ms", "copies", "memory");
     }
-    for (const Entry* entry : soloList) {
-        const Entry& e = *entry;
-        const Measured m = Run(e, options.repetitions);
-        measured.push_back({&e, m});
-        if (!m.ok) {
-            std::printf("%-44s error: %s\n", e.name.c_str(), m.error.c_str());
-            ++failed;
+    for (const Entry* e : soloList) {
+        if (!measure(*e, 44)) {
             continue;
         }
-        std::printf("%-44s %8s %8.1f %s\n", e.name.c_str(), Ms(m.veltrano.medianMs).c_str(),
-                    m.veltrano.medianMs / copyMs, Memory(m.veltrano.peakExtraBytes, e.frameBytes).c_str());
+        const Measured& m = measured.back().result;
+        std::printf("%-44s %8s %8.1f %s\n", e->name.c_str(), Ms(m.veltrano.medianMs).c_str(),
+                    m.veltrano.medianMs / copyMs, Memory(m.veltrano.peakExtraBytes, e->frameBytes).c_str());
         std::fflush(stdout);
-        if (e.limitCopies > 0.0) {
-            limits.push_back({e.name, m.veltrano.medianMs / copyMs, e.limitCopies, "copies"});
-        }
-        if (e.limitMs > 0.0) {
-            limits.push_back({e.name, m.veltrano.medianMs, e.limitMs, "ms"});
-        }
     }
     double sumMs = 0.0;
     if (CorrectionsSum(registry, measured, sumMs)) {

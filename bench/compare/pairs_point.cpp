@@ -21,54 +21,32 @@ void RequireStretch(const std::vector<T>& frame, T low, T high) {
     }
 }
 
+template <class T>
+Entry NormalizePair(int order, const char* name, const std::vector<T>& (*frame)(),
+                    int (*normalize)(const T*, T*, uint32_t, uint32_t, T, T), T low, T high) {
+    Entry e = Pair(order, name, "normalize NORM_MINMAX", FrameBytes<T>());
+    e.setup = [frame, normalize, low, high] {
+        auto b = MakeBuffers(frame());
+        RequireStretch<T>(b->src, low, high);
+        return Sides{[b, normalize, low, high] {
+                         return normalize(b->src.data(), b->outV.data(), kWidth, kHeight, low, high) == 1;
+                     },
+                     [b, low, high] {
+                         cv::normalize(b->srcMat, b->outMat, low, high, cv::NORM_MINMAX);
+                         return true;
+                     },
+                     {}};
+    };
+    return e;
+}
+
 const AddEntry kNormalize16{[] {
-    Entry e = Pair(100, "normalize_16U", "normalize NORM_MINMAX", FrameBytes<uint16_t>());
+    Entry e = NormalizePair<uint16_t>(100, "normalize_16U", Frame16, normalize_16U, 0, 65535);
     e.limitCopies = 5.0;
-    e.setup = [] {
-        auto b = MakeBuffers(Frame16());
-        RequireStretch<uint16_t>(b->src, 0, 65535);
-        return Sides{
-            [b] { return normalize_16U(b->src.data(), b->outV.data(), kWidth, kHeight, 0, 65535) == 1; },
-            [b] {
-                cv::normalize(b->srcMat, b->outMat, 0, 65535, cv::NORM_MINMAX);
-                return true;
-            },
-            {}};
-    };
     return e;
 }()};
-
-const AddEntry kNormalize8{[] {
-    Entry e = Pair(101, "normalize_8U", "normalize NORM_MINMAX", FrameBytes<uint8_t>());
-    e.setup = [] {
-        auto b = MakeBuffers(Frame8());
-        RequireStretch<uint8_t>(b->src, 0, 255);
-        return Sides{
-            [b] { return normalize_8U(b->src.data(), b->outV.data(), kWidth, kHeight, 0, 255) == 1; },
-            [b] {
-                cv::normalize(b->srcMat, b->outMat, 0, 255, cv::NORM_MINMAX);
-                return true;
-            },
-            {}};
-    };
-    return e;
-}()};
-
-const AddEntry kNormalize32{[] {
-    Entry e = Pair(102, "normalize_32F", "normalize NORM_MINMAX", FrameBytes<float>());
-    e.setup = [] {
-        auto b = MakeBuffers(FrameF());
-        RequireStretch<float>(b->src, 0.0f, 1.0f);
-        return Sides{
-            [b] { return normalize_32F(b->src.data(), b->outV.data(), kWidth, kHeight, 0.0f, 1.0f) == 1; },
-            [b] {
-                cv::normalize(b->srcMat, b->outMat, 0.0, 1.0, cv::NORM_MINMAX);
-                return true;
-            },
-            {}};
-    };
-    return e;
-}()};
+const AddEntry kNormalize8{NormalizePair<uint8_t>(101, "normalize_8U", Frame8, normalize_8U, 0, 255)};
+const AddEntry kNormalize32{NormalizePair<float>(102, "normalize_32F", FrameF, normalize_32F, 0.0f, 1.0f)};
 
 const AddEntry kBrightContrast{[] {
     Entry e = Pair(110, "BrigntAndContrast 16U", "convertTo with scale and shift", FrameBytes<uint16_t>());

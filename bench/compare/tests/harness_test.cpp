@@ -250,6 +250,64 @@ TEST(CompareCorrections, SlowestGainPlusEverySteps) {
     EXPECT_FALSE(CorrectionsSum(registry, measured, sum));
 }
 
+TEST(CompareLimits, CopiesForAnyEntryMsOnlyWithoutPeer) {
+    Measured m;
+    m.veltrano.medianMs = 3.0;
+    Entry pair;
+    pair.name = "normalize_16U";
+    pair.peer = "normalize";
+    pair.limitCopies = 5.0;
+    pair.limitMs = 150.0;  // judged with the ratio, not listed
+    std::vector<Limit> limits = LimitsOf(pair, m, 0.5);
+    ASSERT_EQ(limits.size(), 1u);
+    EXPECT_EQ(limits[0].what, "normalize_16U");
+    EXPECT_DOUBLE_EQ(limits[0].value, 6.0);
+    EXPECT_DOUBLE_EQ(limits[0].limit, 5.0);
+    EXPECT_STREQ(limits[0].unit, "copies");
+
+    Entry solo;
+    solo.name = "AdaptiveContrastEnhancement";
+    solo.limitMs = 10.0;
+    limits = LimitsOf(solo, m, 0.5);
+    ASSERT_EQ(limits.size(), 1u);
+    EXPECT_DOUBLE_EQ(limits[0].value, 3.0);
+    EXPECT_STREQ(limits[0].unit, "ms");
+
+    EXPECT_TRUE(LimitsOf(Entry{}, m, 0.5).empty());
+    m.ok = false;  // a failed measurement holds no limit, nor misses one
+    EXPECT_TRUE(LimitsOf(pair, m, 0.5).empty());
+}
+
+TEST(CompareRegistry, RefusesEntriesThatCannotRunOrBeTold) {
+    auto entry = [](const char* name, const char* peer) {
+        Entry e;
+        e.name = name;
+        e.peer = peer;
+        e.frameBytes = 100.0;
+        e.setup = [] { return Sides{}; };
+        return e;
+    };
+    std::vector<Entry> good = {entry("a", "x"), entry("b", "")};
+    EXPECT_EQ(CheckRegistry(good), "");
+
+    std::vector<Entry> twice = {entry("a", "x"), entry("a", "")};
+    EXPECT_NE(CheckRegistry(twice).find("twice"), std::string::npos);
+
+    std::vector<Entry> bad = {entry("a", "x")};
+    bad[0].setup = nullptr;
+    EXPECT_NE(CheckRegistry(bad), "");
+    bad = {entry("a", "x")};
+    bad[0].targetRatio = 0.0;
+    EXPECT_NE(CheckRegistry(bad), "");
+    bad = {entry("a", "")};
+    bad[0].targetRatio = 0.0;  // no peer, no ratio to judge
+    EXPECT_EQ(CheckRegistry(bad), "");
+    bad[0].frameBytes = 0.0;
+    EXPECT_NE(CheckRegistry(bad), "");
+    bad = {entry("", "x")};
+    EXPECT_NE(CheckRegistry(bad), "");
+}
+
 TEST(CompareHost, TempDirIsFreshAndRemovedWithItsContents) {
     std::string path;
     {
