@@ -35,11 +35,12 @@ bool TimedCall(const Call& call, double& ms, long long& extra) {
 }  // namespace
 
 const char* Usage() {
-    return "usage: veltrano_compare [--filter REGEX] [--reps N] [--threads N] [--list]\n"
+    return "usage: veltrano_compare [--filter REGEX] [--reps N] [--threads N] [--list] [--agreement]\n"
            "  --filter REGEX  only entries whose name contains a match (ECMAScript syntax)\n"
            "  --reps N        timed runs of each side, interleaved, after a warm-up (default 7)\n"
            "  --threads N     threads on both sides: OpenMP and OpenCV (default 1)\n"
-           "  --list          print the names of the entries (those the filter selects) and stop\n";
+           "  --list          print the names of the entries (those the filter selects) and stop\n"
+           "  --agreement     run each pair once and compare the two outputs instead of timing them\n";
 }
 
 bool ParseOptions(const std::vector<std::string>& args, Options& options, std::string& error) {
@@ -66,6 +67,8 @@ bool ParseOptions(const std::vector<std::string>& args, Options& options, std::s
             }
         } else if (arg == "--list") {
             options.list = true;
+        } else if (arg == "--agreement") {
+            options.agreement = true;
         } else if (arg == "--help" || arg == "-h") {
             options.help = true;
         } else {
@@ -147,6 +150,30 @@ Measured Measure(const Sides& sides, int repetitions) {
     m.veltrano.medianMs = Median(vTimes);
     m.peer.medianMs = hasPeer ? Median(pTimes) : 0.0;
     return m;
+}
+
+bool Agree(const Sides& sides, double& difference, std::string& error) {
+    if (!sides.peer || !sides.difference) {
+        error = "no outputs to compare";
+        return false;
+    }
+    try {
+        for (const Call* call : {&sides.veltrano, &sides.peer}) {
+            if (sides.before) {
+                sides.before();
+            }
+            if (!(*call)()) {
+                error = std::string("the ") + (call == &sides.veltrano ? "Veltrano" : "OpenCV") +
+                        " call reported a failure";
+                return false;
+            }
+        }
+        difference = sides.difference();
+    } catch (const std::exception& e) {
+        error = e.what();
+        return false;
+    }
+    return true;
 }
 
 Verdict PairVerdict(const Entry& entry, const Measured& m) {

@@ -14,6 +14,7 @@ struct Options {
     int repetitions = 7;   // timed runs of each side, after one warm-up run
     int threads = 1;       // OpenMP and OpenCV threads, the same on both sides
     bool list = false;     // print the entry names and stop
+    bool agreement = false;  // compare the outputs of each pair instead of timing it
     bool help = false;
 };
 
@@ -50,6 +51,10 @@ struct Measured {
 // preceded by the untimed `before`. A failed call or an exception ends the measurement with
 // ok = false.
 Measured Measure(const Sides& sides, int repetitions);
+
+// One call of each side, each after `before`, then the difference of their outputs. False, with
+// the reason, when a call fails or the entry has no way to compare its outputs.
+bool Agree(const Sides& sides, double& difference, std::string& error);
 
 // A pair's verdict: its ratio against the target and, when it has one, its absolute limit.
 Verdict PairVerdict(const Entry& entry, const Measured& m);

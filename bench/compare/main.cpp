@@ -92,6 +92,47 @@ double FrameCopyMs() {
     return Median(medians);
 }
 
+// --agreement: each pair once, its two outputs compared. A pair whose peer computes the same
+// thing must agree within its stated bound; the others are shown for information. Non-zero
+// when a pair disagrees or fails: its settings no longer make the two sides comparable.
+int RunAgreement(const std::vector<const Entry*>& pairList) {
+    std::printf("%-34s %-38s %12s %9s %s\n", "Veltrano", "OpenCV", "difference", "allowed", "verdict");
+    int bad = 0;
+    for (const Entry* e : pairList) {
+        double difference = 0.0;
+        std::string error;
+        bool ok = false;
+        {
+            std::optional<StdoutSilenced> silence;
+            if (e->quiet) {
+                silence.emplace();
+            }
+            try {
+                ok = Agree(e->setup(), difference, error);
+            } catch (const std::exception& ex) {
+                error = std::string("setup failed: ") + ex.what();
+            }
+        }
+        if (!ok) {
+            std::printf("%-34s error: %s\n", e->name.c_str(), error.c_str());
+            ++bad;
+            continue;
+        }
+        const bool checked = e->agreeWithin >= 0.0;
+        const bool agrees = !checked || difference <= e->agreeWithin;
+        bad += agrees ? 0 : 1;
+        char allowed[32] = "-";
+        if (checked) {
+            std::snprintf(allowed, sizeof allowed, "%g", e->agreeWithin);
+        }
+        std::printf("%-34s %-38s %12.6g %9s %s\n", e->name.c_str(), e->peer.c_str(), difference, allowed,
+                    !checked ? "not the same computation" : agrees ? "agree" : "DIFFER");
+        std::fflush(stdout);
+    }
+    std::printf("%d of %zu pairs disagree or failed\n", bad, pairList.size());
+    return bad > 0 ? 1 : 0;
+}
+
 }  // namespace
 }  // namespace compare
 
@@ -142,6 +183,9 @@ int main(int argc, char** argv) {
 
     omp_set_num_threads(options.threads);
     cv::setNumThreads(options.threads);
+    if (options.agreement) {
+        return RunAgreement(pairList);
+    }
 
     std::printf("Veltrano against OpenCV %s on a %d x %d frame (noise sigma %.0f)\n", CV_VERSION, kWidth, kHeight,
                 kNoiseSigma);

@@ -34,7 +34,7 @@ const AddEntry kBilateral{[] {
                          cv::bilateralFilter(b->srcMat, b->outMat, 5, kValueSigma, kSpatialSigma);
                          return true;
                      },
-                     {}};
+                     {}, Difference(b, kBorder)};
     };
     return e;
 }()};

@@ -13,6 +13,7 @@ Entry BoxPair(int order, int radius) {
     const int side = 2 * radius + 1;
     Entry e = Pair(order, "Box_Filter 16U r" + std::to_string(radius),
                    "blur " + std::to_string(side) + "x" + std::to_string(side), FrameBytes<uint16_t>());
+    e.agreeWithin = 1.0;  // exact integer means, truncated here, rounded by blur
     e.setup = [radius, side] {
         auto b = MakeBuffers(Frame16());
         return Sides{[b, radius] { return Box_Filter(b->src.data(), b->outV.data(), kWidth, kHeight, 4, radius) == 1; },
@@ -20,7 +21,7 @@ Entry BoxPair(int order, int radius) {
                          cv::blur(b->srcMat, b->outMat, cv::Size(side, side));
                          return true;
                      },
-                     {}};
+                     {}, Difference(b, kBorder)};
     };
     return e;
 }
@@ -33,6 +34,7 @@ Entry MedianPair(int order, const char* type, int code, const std::vector<T>& (*
     const int side = 2 * radius + 1;
     Entry e = Pair(order, std::string("Median_Blur ") + type + " r" + std::to_string(radius),
                    "medianBlur " + std::to_string(side), FrameBytes<T>());
+    e.agreeWithin = 0.0;  // the same order statistic (the edges, handled differently, are left out)
     e.setup = [frame, code, radius, side] {
         auto b = MakeBuffers(frame());
         return Sides{[b, code, radius] {
@@ -42,7 +44,7 @@ Entry MedianPair(int order, const char* type, int code, const std::vector<T>& (*
                          cv::medianBlur(b->srcMat, b->outMat, side);
                          return true;
                      },
-                     {}};
+                     {}, Difference(b, kBorder)};
     };
     return e;
 }

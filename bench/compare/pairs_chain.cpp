@@ -51,7 +51,7 @@ const AddEntry kChain{[] {
                          cv::addWeighted(s->wide, 2.0, s->blurred, -1.0, 0.0, b->outMat);
                          return true;
                      },
-                     {}};
+                     {}, Difference(b, kBorder)};
     };
     return e;
 }()};

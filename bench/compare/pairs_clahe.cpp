@@ -36,7 +36,7 @@ Entry ClahePair(int order, const char* name, const std::vector<T>& (*frame)(),
                          peer->apply(b->srcMat, b->outMat);
                          return true;
                      },
-                     {}};
+                     {}, Difference(b, kBorder)};
     };
     return e;
 }

@@ -22,7 +22,7 @@ const AddEntry kImgFix{[] {
                          cv::inpaint(b->srcMat, *mask, b->outMat, 1.0, cv::INPAINT_TELEA);
                          return true;
                      },
-                     {}};
+                     {}, Difference(b, kBorder)};
     };
     return e;
 }()};

@@ -3,7 +3,9 @@
 
 #include <opencv2/core.hpp>
 
+#include <cmath>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -38,6 +40,30 @@ struct Buffers {
     explicit Buffers(const std::vector<T>& frame)
         : src(frame), outV(frame.size()), outP(frame.size()), srcMat(View(src)), outMat(View(outP)) {}
 };
+
+// Pixels this close to an edge are left out of the comparison of outputs: the widest window
+// compared (21 x 21) reaches 10 pixels in, and some peers treat the edge differently.
+constexpr int kBorder = 16;
+
+// The largest |Veltrano - OpenCV| over the pixels at least `border` pixels from every edge; NaN
+// when either output holds a NaN there.
+template <class T>
+std::function<double()> Difference(std::shared_ptr<Buffers<T>> b, int border) {
+    return [b, border] {
+        double worst = 0.0;
+        for (int y = border; y < kHeight - border; ++y) {
+            for (int x = border; x < kWidth - border; ++x) {
+                const size_t i = static_cast<size_t>(y) * kWidth + x;
+                const double d = std::fabs(static_cast<double>(b->outV[i]) - static_cast<double>(b->outP[i]));
+                if (std::isnan(d)) {
+                    return d;
+                }
+                worst = d > worst ? d : worst;
+            }
+        }
+        return worst;
+    };
+}
 
 template <class T>
 std::shared_ptr<Buffers<T>> MakeBuffers(const std::vector<T>& frame) {

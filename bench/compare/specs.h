@@ -22,6 +22,10 @@ struct Sides {
     Call veltrano;
     Call peer;                      // empty for a function with no peer
     std::function<void()> before;   // untimed, before every call of either side; may be empty
+    // After one call of each side: the largest difference between their outputs away from the
+    // borders (where the two treat the edge differently), in the output's own units. Empty
+    // when the outputs are not comparable pixel by pixel.
+    std::function<double()> difference = nullptr;
 };
 
 // Where a function's time counts towards the sum of the acquisition's corrections.
@@ -39,6 +43,10 @@ struct Entry {
     double limitMs = 0.0;       // upper bound on Veltrano's time in ms; 0: none
     double limitCopies = 0.0;   // upper bound in copies of the 16-bit frame; 0: none
     double frameBytes = 0.0;    // bytes of one frame of the function's own pixel type
+    // A pair whose two sides compute the same thing up to rounding: the largest difference
+    // their outputs may show (Sides::difference). Negative: the peer computes something
+    // similar but not the same, and nothing is checked.
+    double agreeWithin = -1.0;
     bool quiet = false;         // the calls log to standard output: silence it while they run
     Correction correction = Correction::None;
     std::function<Sides()> setup;

@@ -30,13 +30,16 @@ TEST(CompareOptions, DefaultsAndEachOption) {
     EXPECT_EQ(o.threads, 1);
     EXPECT_TRUE(o.filter.empty());
     EXPECT_FALSE(o.list);
+    EXPECT_FALSE(o.agreement);
 
-    ASSERT_TRUE(ParseOptions({"--filter", "^Median", "--reps", "3", "--threads", "2", "--list"}, o, error))
+    ASSERT_TRUE(ParseOptions({"--filter", "^Median", "--reps", "3", "--threads", "2", "--list", "--agreement"}, o,
+                             error))
         << error;
     EXPECT_EQ(o.filter, "^Median");
     EXPECT_EQ(o.repetitions, 3);
     EXPECT_EQ(o.threads, 2);
     EXPECT_TRUE(o.list);
+    EXPECT_TRUE(o.agreement);
 
     Options h;
     ASSERT_TRUE(ParseOptions({"-h"}, h, error));
@@ -156,6 +159,30 @@ TEST(CompareProtocol, FailureOrExceptionStopsTheEntry) {
     m = Measure(throwing, 7);
     EXPECT_FALSE(m.ok);
     EXPECT_EQ(m.error, "bad size");
+}
+
+TEST(CompareAgreement, OneCallOfEachSideThenTheirDifference) {
+    std::string trace;
+    Sides sides{[&] { return trace += 'V', true; }, [&] { return trace += 'P', true; }, [&] { trace += 'b'; },
+                [&] { return trace += 'd', 0.5; }};
+    double difference = -1.0;
+    std::string error;
+    ASSERT_TRUE(Agree(sides, difference, error)) << error;
+    EXPECT_EQ(trace, "bVbPd");
+    EXPECT_EQ(difference, 0.5);
+
+    sides.difference = nullptr;  // nothing to compare
+    EXPECT_FALSE(Agree(sides, difference, error));
+    EXPECT_FALSE(error.empty());
+
+    Sides peerFails{[] { return true; }, [] { return false; }, {}, [] { return 0.0; }};
+    EXPECT_FALSE(Agree(peerFails, difference, error));
+    EXPECT_NE(error.find("OpenCV"), std::string::npos) << error;
+
+    Sides throwing{[]() -> bool { throw std::runtime_error("no memory"); }, [] { return true; }, {},
+                   [] { return 0.0; }};
+    EXPECT_FALSE(Agree(throwing, difference, error));
+    EXPECT_EQ(error, "no memory");
 }
 
 TEST(CompareMemory, PeakAboveWhatWasHeldBefore) {
