@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <ctime>
 #include <exception>
 #include <regex>
 #include <set>
@@ -21,14 +22,18 @@ bool ParsePositive(const std::string& text, int& value) {
     return value >= 1;
 }
 
-// One call, timed, with the memory it needed above what was held before it.
-bool TimedCall(const Call& call, double& ms, long long& extra) {
+// One call, timed, with the processor time the process spent meanwhile and the memory the call
+// needed above what was held before it.
+bool TimedCall(const Call& call, double& ms, double& cpuMs, long long& extra) {
     alloc::Mark();
+    const std::clock_t c0 = std::clock();
     const auto t0 = std::chrono::steady_clock::now();
     const bool ok = call();
     const auto t1 = std::chrono::steady_clock::now();
+    const std::clock_t c1 = std::clock();
     extra = alloc::PeakSinceMark();
     ms = std::chrono::duration<double, std::milli>(t1 - t0).count();
+    cpuMs = 1000.0 * static_cast<double>(c1 - c0) / CLOCKS_PER_SEC;
     return ok;
 }
 
@@ -113,14 +118,15 @@ const char* VerdictText(Verdict v) {
 Measured Measure(const Sides& sides, int repetitions) {
     Measured m;
     std::vector<double> vTimes, pTimes;
+    double wall[2] = {0.0, 0.0}, cpu[2] = {0.0, 0.0};
     const bool hasPeer = static_cast<bool>(sides.peer);
     auto run = [&](const Call& call, std::vector<double>* times, SideResult& side, const char* who) {
         if (sides.before) {
             sides.before();
         }
-        double ms = 0.0;
+        double ms = 0.0, cpuMs = 0.0;
         long long extra = 0;
-        if (!TimedCall(call, ms, extra)) {
+        if (!TimedCall(call, ms, cpuMs, extra)) {
             m.ok = false;
             m.error = std::string("the ") + who + " call reported a failure";
             return false;
@@ -128,6 +134,9 @@ Measured Measure(const Sides& sides, int repetitions) {
         if (times != nullptr) {
             times->push_back(ms);
             side.peakExtraBytes = std::max(side.peakExtraBytes, extra);
+            const int s = &side == &m.veltrano ? 0 : 1;
+            wall[s] += ms;
+            cpu[s] += cpuMs;
         }
         return true;
     };
@@ -149,6 +158,9 @@ Measured Measure(const Sides& sides, int repetitions) {
     }
     m.veltrano.medianMs = Median(vTimes);
     m.peer.medianMs = hasPeer ? Median(pTimes) : 0.0;
+    // Calls too short for the processor clock's resolution to tell anything keep a share of 1.
+    m.veltrano.cpuShare = wall[0] > 5.0 ? cpu[0] / wall[0] : 1.0;
+    m.peer.cpuShare = wall[1] > 5.0 ? cpu[1] / wall[1] : 1.0;
     return m;
 }
 

@@ -38,6 +38,9 @@ const char* VerdictText(Verdict v);
 struct SideResult {
     double medianMs = 0.0;
     long long peakExtraBytes = 0;  // the largest over the timed runs
+    // The process's processor time over the elapsed time of the timed runs. On one thread, well
+    // below 1 means the program did not have a processor to itself: the times are suspect.
+    double cpuShare = 1.0;
 };
 
 struct Measured {

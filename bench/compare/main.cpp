@@ -206,6 +206,14 @@ int main(int argc, char** argv) {
     std::vector<Limit> limits;
     int pairs = 0;
     int missedPairs = 0;
+    // On one thread the process should be busy for the whole of every call; entries where it
+    // was not are marked, as other work on the machine took their processor for a while.
+    int disturbed = 0;
+    auto mark = [&](const Measured& m) {
+        const bool suspect = options.threads == 1 && std::min(m.veltrano.cpuShare, m.peer.cpuShare) < 0.9;
+        disturbed += suspect ? 1 : 0;
+        return suspect ? " *" : "";
+    };
     // Measures an entry and keeps its result; false, with the error in its line, when it failed.
     auto measure = [&](const Entry& e, int nameWidth) {
         measured.push_back({&e, Run(e, options.repetitions)});
@@ -238,10 +246,10 @@ int main(int argc, char** argv) {
         } else {
             std::snprintf(target, sizeof target, "%.2f", e->targetRatio);
         }
-        std::printf("%-34s %-38s %8s %8s %6.2f %-12s %-20s %-9s %s\n", e->name.c_str(), e->peer.c_str(),
+        std::printf("%-34s %-38s %8s %8s %6.2f %-12s %-20s %-9s %s%s\n", e->name.c_str(), e->peer.c_str(),
                     Ms(m.veltrano.medianMs).c_str(), Ms(m.peer.medianMs).c_str(), m.veltrano.medianMs / m.peer.medianMs,
                     target, Memory(m.veltrano.peakExtraBytes, e->frameBytes).c_str(),
-                    Memory(m.peer.peakExtraBytes, 0.0).c_str(), VerdictText(v));
+                    Memory(m.peer.peakExtraBytes, 0.0).c_str(), VerdictText(v), mark(m));
         std::fflush(stdout);
     }
 
@@ -253,8 +261,8 @@ int main(int argc, char** argv) {
             continue;
         }
         const Measured& m = measured.back().result;
-        std::printf("%-44s %8s %8.1f %s\n", e->name.c_str(), Ms(m.veltrano.medianMs).c_str(),
-                    m.veltrano.medianMs / copyMs, Memory(m.veltrano.peakExtraBytes, e->frameBytes).c_str());
+        std::printf("%-44s %8s %8.1f %s%s\n", e->name.c_str(), Ms(m.veltrano.medianMs).c_str(),
+                    m.veltrano.medianMs / copyMs, Memory(m.veltrano.peakExtraBytes, e->frameBytes).c_str(), mark(m));
         std::fflush(stdout);
     }
     double sumMs = 0.0;
@@ -264,6 +272,11 @@ int main(int argc, char** argv) {
         limits.push_back({"acquisition corrections, sum", sumMs, 10.0, "ms"});
     }
 
+    if (disturbed > 0) {
+        std::printf("\n* the program had the processor for less than 90 %% of this entry's time: other work "
+                    "ran on the machine (%d entr%s)\n",
+                    disturbed, disturbed == 1 ? "y" : "ies");
+    }
     // The unit again at the end: a machine whose speed drifted during the run shows here.
     const double copyAtEndMs = FrameCopyMs();
     if (std::abs(copyAtEndMs - copyMs) > kMargin * copyMs) {
