@@ -36,7 +36,7 @@
 #include "imgproc/scratch_buffers.h"
 #include "veltrano/filters.h"
 
-#if VELTRANO_HAS_AVX2_PATHS
+#if defined(__SSE2__) || VELTRANO_HAS_AVX2_PATHS
 #include <immintrin.h>
 #endif
 
@@ -177,8 +177,77 @@ struct MedianJob {
 
 namespace plain {
 
-// Plain code over 32 bytes of pixels; the compiler maps the loops onto whatever vector
-// instructions the baseline has.
+#if defined(__SSE2__)
+// 32 bytes of pixels as two SSE2 registers, the instructions every x86 processor that loads the
+// library has. SSE2 has no unsigned 16-bit minimum; a - (a -sat b) and b + (a -sat b) are the
+// minimum and maximum exactly.
+template <class T>
+struct HalfOf {
+    using type = __m128i;
+};
+template <>
+struct HalfOf<float> {
+    using type = __m128;
+};
+
+template <class Tp>
+struct Ops {
+    using T = Tp;
+    static constexpr int kLanes = 32 / static_cast<int>(sizeof(T));
+    static constexpr bool kFloat = std::is_same_v<T, float>;
+    using Half = typename HalfOf<T>::type;
+    struct V {
+        Half lo;
+        Half hi;
+    };
+    static Half LoadHalf(const T* p) {
+        if constexpr (kFloat) {
+            return _mm_loadu_ps(p);
+        } else {
+            return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+        }
+    }
+    static void StoreHalf(T* p, Half v) {
+        if constexpr (kFloat) {
+            _mm_storeu_ps(p, v);
+        } else {
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(p), v);
+        }
+    }
+    static Half MinHalf(Half a, Half b) {
+        if constexpr (kFloat) return _mm_min_ps(a, b);
+        if constexpr (std::is_same_v<T, uint8_t>) return _mm_min_epu8(a, b);
+        if constexpr (std::is_same_v<T, int16_t>) return _mm_min_epi16(a, b);
+        if constexpr (std::is_same_v<T, uint16_t>) return _mm_sub_epi16(a, _mm_subs_epu16(a, b));
+    }
+    static Half MaxHalf(Half a, Half b) {
+        if constexpr (kFloat) return _mm_max_ps(a, b);
+        if constexpr (std::is_same_v<T, uint8_t>) return _mm_max_epu8(a, b);
+        if constexpr (std::is_same_v<T, int16_t>) return _mm_max_epi16(a, b);
+        if constexpr (std::is_same_v<T, uint16_t>) return _mm_add_epi16(b, _mm_subs_epu16(a, b));
+    }
+    static V Load(const T* p) { return {LoadHalf(p), LoadHalf(p + kLanes / 2)}; }
+    static void Store(T* p, const V& a) {
+        StoreHalf(p, a.lo);
+        StoreHalf(p + kLanes / 2, a.hi);
+    }
+    static V Min(const V& a, const V& b) { return {MinHalf(a.lo, b.lo), MinHalf(a.hi, b.hi)}; }
+    static V Max(const V& a, const V& b) { return {MaxHalf(a.lo, b.lo), MaxHalf(a.hi, b.hi)}; }
+    // Floats: whether the group holds a zero or a NaN (see MaybeOpenKey).
+    static constexpr bool kMarks = kFloat;
+    using Marks = uint32_t;
+    static Marks Mark(Marks acc, const V& a) {
+        T v[kLanes];
+        Store(v, a);
+        if constexpr (kMarks) {
+            for (int i = 0; i < kLanes; ++i) acc = std::max(acc, MaybeOpenKey(v[i]));
+        }
+        return acc;
+    }
+    static uint8_t Reduce(Marks acc) { return acc >= kMaybeOpenKeyMin ? kMarkMaybe : 0; }
+};
+#else
+// Plain code over 32 bytes of pixels, where SSE2 is not available.
 template <class Tp>
 struct Ops {
     using T = Tp;
@@ -213,6 +282,7 @@ struct Ops {
     }
     static uint8_t Reduce(Marks acc) { return acc >= kMaybeOpenKeyMin ? kMarkMaybe : 0; }
 };
+#endif
 
 #include "imgproc/median_kernel.inc"
 
@@ -412,62 +482,6 @@ int MedianByNetworks(const T* src, T* dst, int width, int height, int radius, Im
 // ---------------------------------------------------------------------------------------------
 // Sliding histogram, radius 4 and above
 
-// Counts of the window's keys (0 .. distinct - 1, in the order of the pixel values) in bins of one
-// key and blocks of 2^shift keys, and the current median with the number of window elements
-// below it. After the window changes, the median moves to its new place block by block where it
-// can and key by key where it must.
-class WindowHistogram {
-public:
-    bool allocate(uint64_t distinct) {
-        shift_ = distinct <= 4096 ? 4 : 6;
-        const uint64_t blocks = (distinct >> shift_) + 1;
-        return TryResize(bins_, blocks << shift_) && TryResize(blocks_, blocks);
-    }
-
-    void add(uint32_t key, uint32_t weight) {
-        bins_[key] += weight;
-        blocks_[key >> shift_] += weight;
-        if (key < median_) below_ += weight;
-    }
-
-    void remove(uint32_t key, uint32_t weight) {
-        bins_[key] -= weight;
-        blocks_[key >> shift_] -= weight;
-        if (key < median_) below_ -= weight;
-    }
-
-    // The key of rank `target` (0-based) among the window's elements.
-    uint32_t median(uint64_t target) {
-        const uint32_t blockSize = 1u << shift_;
-        while (below_ > target) {
-            if ((median_ & (blockSize - 1)) == 0 && below_ - blocks_[(median_ >> shift_) - 1] > target) {
-                below_ -= blocks_[(median_ >> shift_) - 1];
-                median_ -= blockSize;
-            } else {
-                --median_;
-                below_ -= bins_[median_];
-            }
-        }
-        while (below_ + bins_[median_] <= target) {
-            if ((median_ & (blockSize - 1)) == 0 && below_ + blocks_[median_ >> shift_] <= target) {
-                below_ += blocks_[median_ >> shift_];
-                median_ += blockSize;
-            } else {
-                below_ += bins_[median_];
-                ++median_;
-            }
-        }
-        return median_;
-    }
-
-private:
-    std::vector<uint32_t> bins_;
-    std::vector<uint32_t> blocks_;
-    uint32_t shift_ = 4;
-    uint32_t median_ = 0;
-    uint64_t below_ = 0;
-};
-
 // How often each source row (or column) occurs among the window's rows (columns) around a centre.
 // A window wider than the image holds some source rows many times; it is counted once, with its
 // weight, so the work per step is bounded by the image's size whatever the radius.
@@ -487,8 +501,8 @@ public:
     }
 
     size_t count() const { return count_; }
-    uint32_t index(size_t i) const { return used_[i]; }
-    uint32_t weight(uint32_t index) const { return weight_[index]; }
+    const uint32_t* used() const { return used_.data(); }      // the source indices in the window
+    const uint32_t* weights() const { return weight_.data(); }  // by source index
 
 private:
     std::vector<uint32_t> weight_;
@@ -496,40 +510,81 @@ private:
     size_t count_ = 0;
 };
 
-// Visits the pixels in a snake (left to right, then right to left on the next row), so that every
-// step moves the window by one column or one row. keyAt(row, col) is a source pixel's key;
-// store(y, x, key) writes a result.
-template <class KeyAt, class Store>
-int SlideHistogram(int width, int height, int radius, uint64_t distinct, KeyAt keyAt, Store store) {
-    WindowHistogram hist;
-    AxisWeights rowW;
-    AxisWeights colW;
-    if (!hist.allocate(distinct) || !rowW.allocate(height) || !colW.allocate(width)) return kMedianFailed;
+// Slides the window over the image in a snake (left to right, then right to left on the next
+// row), so that every step moves it by one column or one row, and keeps counts of its keys
+// (0 .. distinct - 1, in the order of the pixel values) in bins of one key and in blocks of
+// 2^Shift keys, with the current median and the number of window elements below it. After each
+// step the median moves to its new place block by block where it can and key by key where it
+// must. keyAt(row, col) is a source pixel's key; store(y, x, key) writes a result. The state is
+// kept in locals so that it stays in registers.
+template <int Shift, class KeyAt, class Store>
+void SlideHistogram(int width, int height, int radius, uint32_t* __restrict bins, uint32_t* __restrict blocks,
+                    AxisWeights& rowW, AxisWeights& colW, KeyAt keyAt, Store store) {
+    constexpr uint32_t kBlock = 1u << Shift;
     const MirrorAxis rows(height, radius);
     const MirrorAxis cols(width, radius);
     const uint64_t side = 2 * static_cast<uint64_t>(radius) + 1;
-    const uint64_t target = side * side / 2;
+    const uint64_t target = side * side / 2;  // rank of the median
+    uint32_t median = 0;
+    uint64_t below = 0;
+    // Whether a key lies below the median is as good as random on noisy pixels; a mask instead of
+    // a branch keeps that from costing a misprediction per element.
+    const auto add = [&](uint32_t key, uint32_t weight) {
+        bins[key] += weight;
+        blocks[key >> Shift] += weight;
+        below += weight & (0u - static_cast<uint32_t>(key < median));
+    };
+    const auto remove = [&](uint32_t key, uint32_t weight) {
+        bins[key] -= weight;
+        blocks[key >> Shift] -= weight;
+        below -= weight & (0u - static_cast<uint32_t>(key < median));
+    };
+    const auto settle = [&]() {
+        while (below > target) {
+            if ((median & (kBlock - 1)) == 0 && below - blocks[(median >> Shift) - 1] > target) {
+                below -= blocks[(median >> Shift) - 1];
+                median -= kBlock;
+            } else {
+                --median;
+                below -= bins[median];
+            }
+        }
+        while (below + bins[median] <= target) {
+            if ((median & (kBlock - 1)) == 0 && below + blocks[median >> Shift] <= target) {
+                below += blocks[median >> Shift];
+                median += kBlock;
+            } else {
+                below += bins[median];
+                ++median;
+            }
+        }
+        return median;
+    };
+
     rowW.build(rows, 0, radius);
     colW.build(cols, 0, radius);
     for (size_t i = 0; i < rowW.count(); ++i)
         for (size_t j = 0; j < colW.count(); ++j) {
-            const uint32_t s = rowW.index(i);
-            const uint32_t c = colW.index(j);
-            hist.add(keyAt(s, c), rowW.weight(s) * colW.weight(c));
+            const uint32_t s = rowW.used()[i];
+            const uint32_t c = colW.used()[j];
+            add(keyAt(s, c), rowW.weights()[s] * colW.weights()[c]);
         }
     ptrdiff_t x = 0;
     ptrdiff_t dir = 1;
     for (ptrdiff_t y = 0;;) {
-        store(y, x, hist.median(target));
+        store(y, x, settle());
         const ptrdiff_t nx = x + dir;
         if (nx >= 0 && nx < width) {
             const ptrdiff_t leaving = cols.map(dir > 0 ? x - radius : x + radius);
             const ptrdiff_t entering = cols.map(dir > 0 ? nx + radius : nx - radius);
             if (leaving != entering) {
-                for (size_t i = 0; i < rowW.count(); ++i) {
-                    const uint32_t s = rowW.index(i);
-                    hist.remove(keyAt(s, leaving), rowW.weight(s));
-                    hist.add(keyAt(s, entering), rowW.weight(s));
+                const uint32_t* used = rowW.used();
+                const uint32_t* weights = rowW.weights();
+                const size_t n = rowW.count();
+                for (size_t i = 0; i < n; ++i) {
+                    const uint32_t s = used[i];
+                    remove(keyAt(s, leaving), weights[s]);
+                    add(keyAt(s, entering), weights[s]);
                 }
             }
             x = nx;
@@ -541,14 +596,34 @@ int SlideHistogram(int width, int height, int radius, uint64_t distinct, KeyAt k
         const ptrdiff_t entering = rows.map(y + 1 + radius);
         if (leaving != entering) {
             for (size_t j = 0; j < colW.count(); ++j) {
-                const uint32_t c = colW.index(j);
-                hist.remove(keyAt(leaving, c), colW.weight(c));
-                hist.add(keyAt(entering, c), colW.weight(c));
+                const uint32_t c = colW.used()[j];
+                remove(keyAt(leaving, c), colW.weights()[c]);
+                add(keyAt(entering, c), colW.weights()[c]);
             }
         }
         ++y;
         rowW.build(rows, y, radius);
         dir = -dir;
+    }
+}
+
+// Allocates the counts for `distinct` keys and slides. Blocks of 16 keys for 8-bit pixels, 64
+// for the rest.
+template <class KeyAt, class Store>
+int RunHistogram(int width, int height, int radius, uint64_t distinct, KeyAt keyAt, Store store) {
+    const int shift = distinct <= 4096 ? 4 : 6;
+    const uint64_t blocks = (distinct >> shift) + 1;
+    std::vector<uint32_t> binCounts;
+    std::vector<uint32_t> blockCounts;
+    AxisWeights rowW;
+    AxisWeights colW;
+    if (!TryResize(binCounts, blocks << shift) || !TryResize(blockCounts, blocks) || !rowW.allocate(height) ||
+        !colW.allocate(width))
+        return kMedianFailed;
+    if (shift == 4) {
+        SlideHistogram<4>(width, height, radius, binCounts.data(), blockCounts.data(), rowW, colW, keyAt, store);
+    } else {
+        SlideHistogram<6>(width, height, radius, binCounts.data(), blockCounts.data(), rowW, colW, keyAt, store);
     }
     return 1;
 }
@@ -575,10 +650,10 @@ int HistogramMedian(const T* src, T* dst, int width, int height, int radius) {
         }
         std::vector<uint64_t>().swap(order);
         // Only the ranks and values are read from here on, so dst may be src.
-        return SlideHistogram(
+        return RunHistogram(
             width, height, radius, static_cast<uint64_t>(rank) + 1,
-            [&](ptrdiff_t s, ptrdiff_t c) { return ranks[s * w + c]; },
-            [&](ptrdiff_t y, ptrdiff_t x, uint32_t key) { dst[y * w + x] = values[key]; });
+            [r = ranks.data(), w](ptrdiff_t s, ptrdiff_t c) { return r[s * w + c]; },
+            [dst, v = values.data(), w](ptrdiff_t y, ptrdiff_t x, uint32_t key) { dst[y * w + x] = v[key]; });
     } else {
         constexpr int32_t offset = std::is_signed_v<T> ? -static_cast<int32_t>(std::numeric_limits<T>::min()) : 0;
         std::vector<T> copy;
@@ -587,10 +662,10 @@ int HistogramMedian(const T* src, T* dst, int width, int height, int radius) {
             std::memcpy(copy.data(), src, count * sizeof(T));
             src = copy.data();
         }
-        return SlideHistogram(
+        return RunHistogram(
             width, height, radius, static_cast<uint64_t>(std::numeric_limits<T>::max()) + offset + 1,
-            [&](ptrdiff_t s, ptrdiff_t c) { return static_cast<uint32_t>(static_cast<int32_t>(src[s * w + c]) + offset); },
-            [&](ptrdiff_t y, ptrdiff_t x, uint32_t key) { dst[y * w + x] = static_cast<T>(static_cast<int32_t>(key) - offset); });
+            [src, w](ptrdiff_t s, ptrdiff_t c) { return static_cast<uint32_t>(static_cast<int32_t>(src[s * w + c]) + offset); },
+            [dst, w](ptrdiff_t y, ptrdiff_t x, uint32_t key) { dst[y * w + x] = static_cast<T>(static_cast<int32_t>(key) - offset); });
     }
 }
 
