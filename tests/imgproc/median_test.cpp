@@ -167,9 +167,14 @@ void CompareLevelsForType(unsigned seed) {
         for (int r : kRadii) {
             if (r > 7 && std::is_same_v<T, uint8_t>) continue;  // beyond the 8-bit limit
             for (bool few : {false, true}) {
-                const auto src = RandomPixels<T>(static_cast<size_t>(s.w) * s.h, few, seed++);
-                CompareLevels(src, s.w, s.h, r,
-                              std::to_string(s.w) + "x" + std::to_string(s.h) + " r" + std::to_string(r) + (few ? " ties" : ""));
+                auto src = RandomPixels<T>(static_cast<size_t>(s.w) * s.h, few, seed++);
+                const std::string what = std::to_string(s.w) + "x" + std::to_string(s.h) + " r" + std::to_string(r) + (few ? " ties" : "");
+                CompareLevels(src, s.w, s.h, r, what);
+                if constexpr (std::is_same_v<T, float>) {
+                    // Without a negative value, where radius 1 orders the floats by their bits.
+                    for (auto& v : src) v = std::fabs(v);
+                    CompareLevels(src, s.w, s.h, r, what + " non-negative");
+                }
             }
         }
     }
@@ -192,7 +197,7 @@ TEST(MedianBlurLevels, FloatWindowsWithNanInfinitiesAndSignedZerosAgreeAcrossLev
     std::mt19937 gen(5);
     std::uniform_int_distribution<int> pick(0, 8);
     std::uniform_int_distribution<int> sparse(0, 40);
-    for (const Size& s : {Size{9, 7}, Size{41, 6}}) {
+    for (const Size& s : {Size{9, 7}, Size{41, 6}, Size{23, 21}}) {
         for (int r : {1, 2, 3, 4, 6}) {
             std::vector<float> mixed(static_cast<size_t>(s.w) * s.h);
             std::vector<float> zerosWithNan(mixed.size());
@@ -203,6 +208,8 @@ TEST(MedianBlurLevels, FloatWindowsWithNanInfinitiesAndSignedZerosAgreeAcrossLev
             }
             CompareLevels(mixed, s.w, s.h, r, "specials r" + std::to_string(r));
             CompareLevels(zerosWithNan, s.w, s.h, r, "zeros r" + std::to_string(r));
+            for (auto& v : mixed) v = std::fabs(v);  // +0, NaN, +inf and numbers only
+            CompareLevels(mixed, s.w, s.h, r, "non-negative specials r" + std::to_string(r));
         }
     }
 }
