@@ -1,5 +1,5 @@
 // Neighbourhood filters: correlation with a caller's kernel, Gaussian kernel and filter, box
-// (mean) filter by running sums, median filter by quickselect.
+// (mean) filter by running sums. The median filter is in median.cpp.
 #include "veltrano/filters.h"
 
 #include <omp.h>
@@ -10,7 +10,6 @@
 #include <memory>
 #include <vector>
 
-#include "imgproc/median_select.h"
 #include "imgproc/pixel_helpers.h"
 #include "imgproc/scratch_buffers.h"
 
@@ -19,8 +18,6 @@ namespace {
 
 constexpr int kFilterTooLarge = -5;  // filter2D / gaussFilter
 constexpr int kBoxTooLarge = -4;
-constexpr int kMedianNoScratch = -3;
-constexpr int kMedianBadRadius = -4;
 
 // ---------------------------------------------------------------------------------------------
 // Correlation core
@@ -287,76 +284,6 @@ int BoxFilter(const T* src, T* dst, int width, int height, int radius) {
     return 1;
 }
 
-// ---------------------------------------------------------------------------------------------
-// Median filter
-
-template <class T>
-int MedianFilter(const T* src, T* dst, int width, int height, int radius) {
-    const uint64_t count = PixelCount(width, height);
-    if (count == 0) return 1;
-    if (radius == 0) {
-        if (src != dst) std::memmove(dst, src, static_cast<size_t>(count) * sizeof(T));
-        return 1;
-    }
-    const int64_t r = radius;
-    BorderMargins lim{radius, radius, radius, radius};
-    lim = LimitMargins(lim, height, width);
-    const int64_t extCols = width + lim.left + lim.right;
-    const int64_t extRows = height + lim.top + lim.bottom;
-    const int64_t padCols = width + 2 * r;
-    const int64_t padRows = height + 2 * r;
-    const int64_t side = 2 * r + 1;
-    std::vector<T> ext;
-    std::vector<T> padded;
-    std::vector<T> window;
-    if (!TryResize(ext, static_cast<uint64_t>(extRows * extCols)) ||
-        !TryResize(window, static_cast<uint64_t>(side * side)))
-        return kMedianNoScratch;
-    ExtendBorderMirror(src, height, width, lim, ext.data());
-    const T* base = ext.data();
-    int64_t stride = extCols;
-    if (extCols != padCols || extRows != padRows) {
-        // A radius beyond the image: window positions past the mirrored extension repeat the
-        // extension's nearest pixel.
-        if (!TryResize(padded, static_cast<uint64_t>(padRows * padCols))) return kMedianNoScratch;
-        for (int64_t y = 0; y < padRows; ++y) {
-            const int64_t ey = std::clamp<int64_t>(y - (r - lim.top), 0, extRows - 1);
-            for (int64_t x = 0; x < padCols; ++x) {
-                const int64_t ex = std::clamp<int64_t>(x - (r - lim.left), 0, extCols - 1);
-                padded[y * padCols + x] = ext[ey * extCols + ex];
-            }
-        }
-        base = padded.data();
-        stride = padCols;
-    }
-    const int64_t n = side * side;
-    for (int64_t y = 0; y < height; ++y) {
-        for (int64_t x = 0; x < width; ++x) {
-            const T* corner = base + y * stride + x;
-            for (int64_t i = 0; i < side; ++i)
-                std::memcpy(window.data() + i * side, corner + i * stride, static_cast<size_t>(side) * sizeof(T));
-            dst[y * width + x] = SelectMedian(window.data(), n);
-        }
-    }
-    return 1;
-}
-
-// Largest radius whose window positions fit the pixel type, in which the selection has always
-// carried its index; hosts know these limits.
-template <class T>
-constexpr int MedianRadiusLimit() {
-    if constexpr (std::is_same_v<T, uint8_t>) return 7;
-    if constexpr (std::is_same_v<T, int16_t>) return 90;
-    if constexpr (std::is_same_v<T, uint16_t>) return 127;
-    return 2047;  // floats index exactly up to 2^24 elements
-}
-
-template <class T>
-int MedianDispatch(void* src, void* dst, int width, int height, int radius) {
-    if (radius < 0 || radius > MedianRadiusLimit<T>()) return kMedianBadRadius;
-    return MedianFilter(static_cast<const T*>(src), static_cast<T*>(dst), width, height, radius);
-}
-
 void StoreFiltered16U(const float* in, uint16_t* out, uint64_t count) {
     for (uint64_t i = 0; i < count; ++i) {
         float v = in[i];
@@ -425,17 +352,5 @@ int Box_Filter(void* src, void* dst, int width, int height, int pixelType, int r
         return BoxFilter(static_cast<const double*>(src), static_cast<double*>(dst), width, height, radius);
     default:
         return -3;
-    }
-}
-
-int Median_Blur(void* src, void* dst, int width, int height, int radius, int pixelType) {
-    if (src == nullptr) return -1;
-    if (dst == nullptr) return -2;
-    switch (pixelType) {
-    case kPix8U: return MedianDispatch<uint8_t>(src, dst, width, height, radius);
-    case kPix16U: return MedianDispatch<uint16_t>(src, dst, width, height, radius);
-    case kPix16S: return MedianDispatch<int16_t>(src, dst, width, height, radius);
-    case kPix32F: return MedianDispatch<float>(src, dst, width, height, radius);
-    default: return -3;
     }
 }
