@@ -41,6 +41,9 @@ constexpr uint64_t kWeightTableSize = 65536;
 // returns in its last bits. Distances from there on need no exp call; their weight is 0.
 constexpr float kZeroWeightExponent = 110.0f;
 
+// At most this many exp results past the table are kept (4 MiB).
+constexpr uint64_t kMaxKeptWeights = uint64_t{1} << 20;
+
 // Column sums and kept weights of symmetric displacements up to this many bytes take the paired
 // path; larger search windows take every displacement on its own.
 constexpr uint64_t kPairedBytes = uint64_t{2} << 20;
@@ -104,14 +107,17 @@ struct Extended {
 // table[d] = exp(-d k) for every distance below `limit`, and 0 at `limit` itself. Distances from
 // `zeroFrom` on have weight 0; `limit` is the smaller of zeroFrom and the table size, so a
 // distance d reads table[min(d, limit)] unless kWeightTableSize <= d < zeroFrom, where the
-// weight is exp called directly.
+// weight is exp called directly. Those direct results are kept, for up to `lookups` distances
+// (there is no point keeping more than the filter will ask for), since a strong filter on a
+// noisy image asks for the same large distances again and again.
 struct Weights {
     std::vector<float> table;
+    std::vector<float> beyond;  // exp results of distances from kWeightTableSize on; -1 not yet
     uint64_t limit = 0;
     uint64_t zeroFrom = 0;
     float k = 0.0f;
 
-    bool build(const Settings& st) {
+    bool build(const Settings& st, uint64_t lookups) {
         k = st.k;
         // The smallest distance whose exponent reaches the zero bound; float(d) * k grows with d,
         // so a binary search finds it. Past the largest possible distance it does not matter.
@@ -126,6 +132,10 @@ struct Weights {
         if (!TryResize(table, limit + 1)) return false;
         for (uint64_t d = 0; d < limit; ++d) table[d] = WeightOf(d, k);
         table[limit] = 0.0f;
+        if (zeroFrom > kWeightTableSize) {
+            if (!TryResize(beyond, std::min({zeroFrom - kWeightTableSize, kMaxKeptWeights, lookups}))) return false;
+            std::fill(beyond.begin(), beyond.end(), -1.0f);
+        }
         return true;
     }
     // True when every distance reads the table: past `limit` all weights are 0.
@@ -135,9 +145,13 @@ struct Weights {
     template <class Sum>
     Sum clampAt() const { return tableOnly() ? static_cast<Sum>(limit) : std::numeric_limits<Sum>::max(); }
 
-    float operator()(uint64_t d) const {
+    float operator()(uint64_t d) {
         if (d < limit) return table[d];
-        return d < zeroFrom ? WeightOf(d, k) : 0.0f;
+        if (d >= zeroFrom) return 0.0f;
+        if (d - kWeightTableSize >= beyond.size()) return WeightOf(d, k);
+        float& w = beyond[d - kWeightTableSize];
+        if (w < 0.0f) w = WeightOf(d, k);
+        return w;
     }
 };
 
@@ -234,7 +248,7 @@ void WindowSums(const Sum* sums, Sum* distances, ptrdiff_t n, int patchW, Sum cl
 // The weight of every distance of a row. Plain loads: on the processors this was measured on,
 // eight of them cost about half of one vector gather instruction.
 template <class Sum>
-void LookUpWeights(const Sum* distances, float* out, ptrdiff_t n, const Weights& weights) {
+void LookUpWeights(const Sum* distances, float* out, ptrdiff_t n, Weights& weights) {
     if (weights.tableOnly()) {  // the distances come clamped to the table
         const float* table = weights.table.data();
         for (ptrdiff_t x = 0; x < n; ++x) out[x] = table[distances[x]];
@@ -433,7 +447,7 @@ public:
         return bytes;
     }
 
-    PairedFilter(const Extended& e, const Settings& st, const Weights& weights, RowSteps<Sum> steps)
+    PairedFilter(const Extended& e, const Settings& st, Weights& weights, RowSteps<Sum> steps)
         : e_(e), st_(st), weights_(weights), steps_(steps) {
         for (ptrdiff_t b = 0; b <= st.sy; ++b)
             for (ptrdiff_t a = b == 0 ? 1 : -st.sx; a <= st.sx; ++a) {
@@ -520,7 +534,7 @@ private:
 
     const Extended& e_;
     const Settings& st_;
-    const Weights& weights_;
+    Weights& weights_;
     RowSteps<Sum> steps_;
     std::vector<Half> half_;
     std::vector<float> ones_;  // the weights of the zero displacement
@@ -532,7 +546,7 @@ private:
 // displacements are taken in groups (still in order), each group over the whole image, and the
 // per-pixel sums span the whole image instead of one row.
 template <class Sum>
-bool DenoiseGrouped(const Extended& e, uint8_t* out, const Settings& st, const Weights& weights, RowSteps<Sum> steps) {
+bool DenoiseGrouped(const Extended& e, uint8_t* out, const Settings& st, Weights& weights, RowSteps<Sum> steps) {
     const int w = st.width, ht = st.height;
     const ptrdiff_t cols = static_cast<ptrdiff_t>(w) + st.patchW() - 1;
     const ptrdiff_t perGroup = std::max<ptrdiff_t>(1, static_cast<ptrdiff_t>(kColumnSumBytes / (sizeof(Sum) * cols)));
@@ -579,7 +593,7 @@ bool DenoiseGrouped(const Extended& e, uint8_t* out, const Settings& st, const W
 }
 
 template <class Sum>
-bool DenoiseFast(const Extended& e, uint8_t* out, const Settings& st, const Weights& weights, RowSteps<Sum> steps) {
+bool DenoiseFast(const Extended& e, uint8_t* out, const Settings& st, Weights& weights, RowSteps<Sum> steps) {
     if (PairedFilter<Sum>::WorkBytes(st) > kPairedBytes) return DenoiseGrouped<Sum>(e, out, st, weights, steps);
     return PairedFilter<Sum>(e, st, weights, steps).run(out);
 }
@@ -590,7 +604,9 @@ int Denoise(const uint8_t* src, uint8_t* dst, const Settings& st) {
     const Impl level = ActiveImpl();
     if (level == Impl::Reference) return DenoiseReference(e, dst, st) ? 1 : kTooLarge;
     Weights weights;
-    if (!weights.build(st)) return kTooLarge;
+    const uint64_t lookups = SaturatingProduct(PixelCount(st.width, st.height),
+                                               PixelCount(2 * st.sx + 1, 2 * st.sy + 1));
+    if (!weights.build(st, lookups)) return kTooLarge;
     bool done = false;
     if (st.maxDistance() < (uint64_t{1} << 32)) {
         done = DenoiseFast<uint32_t>(e, dst, st, weights, RowSteps<uint32_t>{level >= Impl::Avx2});
