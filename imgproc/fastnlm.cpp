@@ -627,6 +627,8 @@ int FastNLM(uint8_t* src, uint8_t* dst, int width, int height, float h, int p, i
     // h = 0 (or an h so small that h^2 underflows) makes k infinite and every weight 0 * inf.
     if (!std::isfinite(h) || !std::isfinite(settings.k)) return -3;
     if (width < 1 || height < 1) return 1;
+    // An absurd size is refused before anything is allocated or read, and a failed allocation
+    // is reported (below) rather than left to crash the host.
     if (veltrano::PixelCount(width, height) > veltrano::kMaxElements) return veltrano::kTooLarge;
     // Both implementations read only their own mirrored copy of the source, made before anything
     // is written, so an in-place call needs no temporary output.
