@@ -112,23 +112,8 @@ int CorrelateFast(Impl impl, const T* src, Out* dst, int width, int height, cons
     const BorderMargins m = KernelMargins(kw, kh);
     const size_t taps = static_cast<size_t>(kw) * static_cast<size_t>(kh);
     const size_t w = static_cast<size_t>(width);
-    // Taps grouped by partial sum, each group in kernel order.
-    std::vector<float> weights;
-    std::vector<uint32_t> tapRow;
-    std::vector<uint32_t> tapCol;
-    if (!TryResize(weights, taps) || !TryResize(tapRow, taps) || !TryResize(tapCol, taps))
-        return kFilterTooLarge;
-    uint32_t laneBegin[9];
-    size_t k = 0;
-    for (size_t l = 0; l < 8; ++l) {
-        laneBegin[l] = static_cast<uint32_t>(k);
-        for (size_t t = l; t < taps; t += 8, ++k) {
-            weights[k] = kernel[t];
-            tapRow[k] = static_cast<uint32_t>(t / static_cast<size_t>(kw));
-            tapCol[k] = static_cast<uint32_t>(t % static_cast<size_t>(kw));
-        }
-    }
-    laneBegin[8] = static_cast<uint32_t>(k);
+    LaneTaps lanes;
+    if (!lanes.build(kernel, kw, kh)) return kFilterTooLarge;
 
     // The rings read source rows as the window reaches them; in place they read a copy.
     std::vector<T> copy;
@@ -156,12 +141,11 @@ int CorrelateFast(Impl impl, const T* src, Out* dst, int width, int height, cons
         const int64_t y1 = static_cast<int64_t>(b + 1) * height / blocks;
         for (int64_t y = y0; y < y1; ++y) {
             for (int i = 0; i < kh; ++i) s.rows[static_cast<size_t>(i)] = ring.row(y - m.top + i);
-            for (size_t t = 0; t < taps; ++t) s.taps[t] = s.rows[tapRow[t]] + tapCol[t];
             Out* outRow = dst + static_cast<size_t>(y) * w;
             if constexpr (std::is_same_v<Out, float>) {
-                LaneSumRow(impl, s.taps.data(), weights.data(), laneBegin, w, outRow);
+                LaneSumRow(impl, lanes, s.rows.data(), s.taps.data(), w, outRow);
             } else {
-                LaneSumRow(impl, s.taps.data(), weights.data(), laneBegin, w, s.out.data());
+                LaneSumRow(impl, lanes, s.rows.data(), s.taps.data(), w, s.out.data());
                 StoreClampedU16(s.out.data(), w, outRow);
             }
         }

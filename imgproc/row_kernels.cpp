@@ -1,5 +1,7 @@
 #include "imgproc/row_kernels.h"
 
+#include "imgproc/scratch_buffers.h"
+
 #include <algorithm>
 #include <cstring>
 #include <type_traits>
@@ -39,15 +41,15 @@ void SequentialSumRowsPlain(const float* const* in0, const float* const* in1, co
     if (out1 != nullptr) SequentialSumRowPlain(in1, weights, taps, width, out1);
 }
 
-void LaneSumRowPlain(const float* const* in, const float* weights, const uint32_t* laneBegin,
+void LaneSumRowPlain(const float* const* in, const float* weights, const uint32_t* groupBegin,
                      size_t width, float* out) {
     for (size_t x0 = 0; x0 < width; x0 += kChunk) {
         const size_t n = std::min(kChunk, width - x0);
         float sum[kChunk];
         float acc[kChunk];
         for (int l = 0; l < 8; ++l) {
-            const uint32_t b = laneBegin[l];
-            const uint32_t e = laneBegin[l + 1];
+            const uint32_t b = groupBegin[l];
+            const uint32_t e = groupBegin[l + 1];
             if (b == e) break;  // only the last groups of a kernel under 8 taps are empty
             float* a = l == 0 ? sum : acc;
             for (size_t x = 0; x < n; ++x) a[x] = in[b][x0 + x] * weights[b];
@@ -173,12 +175,12 @@ VELTRANO_TARGET_AVX2 inline void LaneGroup(const float* const* in, const float* 
 
 template <int V>
 VELTRANO_TARGET_AVX2 inline void LaneSumBlock(const float* const* in, const float* weights,
-                                              const uint32_t* laneBegin, size_t x, float* out) {
+                                              const uint32_t* groupBegin, size_t x, float* out) {
     __m256 sum[V];
     __m256 acc[V];
-    LaneGroup<V>(in, weights, laneBegin[0], laneBegin[1], x, sum);  // group 0 is never empty
-    for (int l = 1; l < 8 && laneBegin[l] != laneBegin[l + 1]; ++l) {
-        LaneGroup<V>(in, weights, laneBegin[l], laneBegin[l + 1], x, acc);
+    LaneGroup<V>(in, weights, groupBegin[0], groupBegin[1], x, sum);  // group 0 is never empty
+    for (int l = 1; l < 8 && groupBegin[l] != groupBegin[l + 1]; ++l) {
+        LaneGroup<V>(in, weights, groupBegin[l], groupBegin[l + 1], x, acc);
         for (int v = 0; v < V; ++v) sum[v] = _mm256_add_ps(sum[v], acc[v]);
     }
     const __m256 zero = _mm256_setzero_ps();
@@ -186,16 +188,54 @@ VELTRANO_TARGET_AVX2 inline void LaneSumBlock(const float* const* in, const floa
 }
 
 VELTRANO_TARGET_AVX2 void LaneSumRowAvx2(const float* const* in, const float* weights,
-                                         const uint32_t* laneBegin, size_t width, float* out) {
+                                         const uint32_t* groupBegin, size_t width, float* out) {
     size_t x = 0;
-    for (; x + 32 <= width; x += 32) LaneSumBlock<4>(in, weights, laneBegin, x, out);
-    for (; x + 8 <= width; x += 8) LaneSumBlock<1>(in, weights, laneBegin, x, out);
+    for (; x + 48 <= width; x += 48) LaneSumBlock<6>(in, weights, groupBegin, x, out);
+    for (; x + 8 <= width; x += 8) LaneSumBlock<1>(in, weights, groupBegin, x, out);
     if (x == width) return;
+    // The last pixels, fewer than eight: one more vector ending at the row's end (recomputing a
+    // few pixels with the same result), or the plain form for a row under eight pixels.
     if (width < 8) {
-        LaneSumRowPlain(in, weights, laneBegin, width, out);
+        LaneSumRowPlain(in, weights, groupBegin, width, out);
     } else {
-        LaneSumBlock<1>(in, weights, laneBegin, width - 8, out);
+        LaneSumBlock<1>(in, weights, groupBegin, width - 8, out);
     }
+}
+
+// The same for a kernel size known at compile time (the common 3 x 3 and 5 x 5): the taps'
+// positions become constants, which saves a pointer load per tap and vector block.
+template <int KW, int KH, int V>
+VELTRANO_TARGET_AVX2 inline void LaneSumFixedBlock(const float* const* rows, const float* kernel,
+                                                   size_t x, float* out) {
+    constexpr int kTaps = KW * KH;
+    __m256 sum[V];
+    __m256 acc[V];
+    for (int l = 0; l < 8 && l < kTaps; ++l) {
+        __m256* a = l == 0 ? sum : acc;
+        for (int t = l; t < kTaps; t += 8) {
+            const __m256 w = _mm256_broadcast_ss(kernel + t);
+            const float* p = rows[t / KW] + x + t % KW;
+            for (int v = 0; v < V; ++v) {
+                const __m256 product = _mm256_mul_ps(_mm256_loadu_ps(p + 8 * v), w);
+                a[v] = t == l ? product : _mm256_add_ps(a[v], product);
+            }
+        }
+        if (l > 0)
+            for (int v = 0; v < V; ++v) sum[v] = _mm256_add_ps(sum[v], acc[v]);
+    }
+    const __m256 zero = _mm256_setzero_ps();
+    for (int v = 0; v < V; ++v) _mm256_storeu_ps(out + x + 8 * v, _mm256_add_ps(sum[v], zero));
+}
+
+template <int KW, int KH>
+VELTRANO_TARGET_AVX2 void LaneSumFixedRowAvx2(const float* const* rows, const float* kernel, size_t width,
+                                              float* out) {
+    const float* r[KH];
+    for (int i = 0; i < KH; ++i) r[i] = rows[i];
+    size_t x = 0;
+    for (; x + 48 <= width; x += 48) LaneSumFixedBlock<KW, KH, 6>(r, kernel, x, out);
+    for (; x + 8 <= width; x += 8) LaneSumFixedBlock<KW, KH, 1>(r, kernel, x, out);
+    if (x < width) LaneSumFixedBlock<KW, KH, 1>(r, kernel, width - 8, out);  // width >= 8 here
 }
 
 // Eight elements widened to 32-bit integers.
@@ -329,10 +369,36 @@ void SequentialSumRows(Impl impl, const float* const* in0, const float* const* i
                   SequentialSumRowsPlain(in0, in1, weights, taps, width, out0, out1));
 }
 
-void LaneSumRow(Impl impl, const float* const* in, const float* weights, const uint32_t* laneBegin,
+bool LaneTaps::build(const float* k, int width, int height) {
+    kernel = k;
+    kw = width;
+    kh = height;
+    const uint64_t taps = static_cast<uint64_t>(kw) * static_cast<uint64_t>(kh);
+    if (!TryResize(weights, taps) || !TryResize(rows, taps) || !TryResize(cols, taps)) return false;
+    size_t n = 0;
+    for (size_t l = 0; l < 8; ++l) {
+        groupBegin[l] = static_cast<uint32_t>(n);
+        for (size_t t = l; t < taps; t += 8, ++n) {
+            weights[n] = kernel[t];
+            rows[n] = static_cast<uint32_t>(t / static_cast<size_t>(kw));
+            cols[n] = static_cast<uint32_t>(t % static_cast<size_t>(kw));
+        }
+    }
+    groupBegin[8] = static_cast<uint32_t>(n);
+    return true;
+}
+
+void LaneSumRow(Impl impl, const LaneTaps& taps, const float* const* rows, const float** scratch,
                 size_t width, float* out) {
-    VELTRANO_PICK(impl, LaneSumRowAvx2(in, weights, laneBegin, width, out),
-                  LaneSumRowPlain(in, weights, laneBegin, width, out));
+#if VELTRANO_HAS_AVX2_PATHS
+    if (UseAvx2(impl) && width >= 8) {
+        if (taps.kw == 5 && taps.kh == 5) return LaneSumFixedRowAvx2<5, 5>(rows, taps.kernel, width, out);
+        if (taps.kw == 3 && taps.kh == 3) return LaneSumFixedRowAvx2<3, 3>(rows, taps.kernel, width, out);
+    }
+#endif
+    for (size_t t = 0; t < taps.weights.size(); ++t) scratch[t] = rows[taps.rows[t]] + taps.cols[t];
+    VELTRANO_PICK(impl, LaneSumRowAvx2(scratch, taps.weights.data(), taps.groupBegin, width, out),
+                  LaneSumRowPlain(scratch, taps.weights.data(), taps.groupBegin, width, out));
 }
 
 void ColumnUpdate(Impl impl, int32_t* col, const uint8_t* add, const uint8_t* sub, size_t n) {

@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 #include "imgproc/dispatch.h"
 
@@ -21,12 +22,28 @@ bool UseAvx2(Impl impl);
 void SequentialSumRows(Impl impl, const float* const* in0, const float* const* in1,
                        const float* weights, size_t taps, size_t width, float* out0, float* out1);
 
-// The correlation core's sum. The taps come grouped by partial sum: group l holds, in kernel
-// order, the taps whose kernel index is l modulo 8, from laneBegin[l] to laneBegin[l + 1]. Each
-// group is summed on its own in that order, and the eight group sums are added in group order.
-// The described sums start from 0; here they start from their first product and the result gets
-// a final + 0, which gives the same value (see the definition).
-void LaneSumRow(Impl impl, const float* const* in, const float* weights, const uint32_t* laneBegin,
+// The correlation core's taps, grouped by the partial sum they belong to: group l holds, in
+// kernel order, the taps whose kernel index i * kw + j is l modulo 8.
+struct LaneTaps {
+    int kw = 0;
+    int kh = 0;
+    const float* kernel = nullptr;  // kh rows of kw weights, kernel order
+    std::vector<float> weights;     // group order, like rows and cols
+    std::vector<uint32_t> rows;
+    std::vector<uint32_t> cols;
+    uint32_t groupBegin[9] = {};  // group l is [groupBegin[l], groupBegin[l + 1])
+
+    // False when the lists cannot be allocated.
+    bool build(const float* k, int width, int height);
+};
+
+// The correlation core's sum for one output row: rows[i] is the extended input row that kernel
+// row i reads (element x + j for pixel x and kernel column j). Each group is summed on its own
+// in kernel order and the eight group sums are added in group order. The described sums start
+// from 0; here they start from their first product and the result gets a final + 0, which gives
+// the same value: a sum of products that starts from +0 can never be -0, and the two differ at
+// most in the sign of a zero. `scratch` holds taps.weights.size() pointers.
+void LaneSumRow(Impl impl, const LaneTaps& taps, const float* const* rows, const float** scratch,
                 size_t width, float* out);
 
 // Integer box sums. col[x] += add[x] and then col[x] -= sub[x] (either may be null).

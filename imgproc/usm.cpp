@@ -131,14 +131,21 @@ bool SeparateSource(const T*& src, const U* dst, size_t count, std::vector<T>& c
     return true;
 }
 
+// True when no element is an infinity or NaN: none has an exponent of all ones. Written with
+// integer operations of the baseline instruction set so that it runs as vector code.
 template <class T>
 bool AllFinite(const T* p, size_t n) {
     if constexpr (std::is_integral_v<T>) {
         return true;
     } else {
-        bool finite = true;
-        for (size_t i = 0; i < n; ++i) finite &= std::isfinite(p[i]);
-        return finite;
+        static_assert(sizeof(T) == sizeof(uint32_t), "float elements");
+        uint32_t any = 0;
+        for (size_t i = 0; i < n; ++i) {
+            uint32_t bits;
+            std::memcpy(&bits, p + i, sizeof bits);
+            any |= (bits & 0x7f800000u) + 0x00800000u;  // carries into the top bit for all ones
+        }
+        return (any & 0x80000000u) == 0;
     }
 }
 
@@ -191,45 +198,49 @@ public:
         } else {
             direct_.build(kernel, kw, kh);
         }
-        finiteSource_ = AllFinite(src, width_ * static_cast<size_t>(height));
+        // Only a kernel with zero weights has taps to leave out.
+        const TapList& first = separable_ ? vertical_ : direct_;
+        finiteSource_ = first.nonZero.size() < first.weights.size() &&
+                        AllFinite(src, width_ * static_cast<size_t>(height));
         if (!rows_.init(src, width, height, m, Border::AnyMargin, static_cast<size_t>(kh) + 1)) return false;
         const size_t taps = static_cast<size_t>(kw) * static_cast<size_t>(kh);
         return TryResize(window_, 2 * static_cast<uint64_t>(kh) + 2) && TryResize(in0_, taps) &&
-               TryResize(in1_, taps) && TryResize(out_, 2 * width_ + rows_.length());
+               TryResize(in1_, taps) && TryResize(columns_, rows_.length());
     }
 
-    // sink(y, row) for every output row, from the top. With a mask (not on the separable path),
-    // a pixel whose mask byte is 0 takes the source value.
-    template <class Sink>
-    void run(const uint8_t* mask, Sink sink) {
-        float* out0 = out_.data();
-        float* out1 = out0 + width_;
+    // Every output row from the top is written to target(y) (width floats), then sink(y) is
+    // called. With a mask (not on the separable path), a pixel whose mask byte is 0 takes the
+    // source value.
+    template <class Target, class Sink>
+    void run(const uint8_t* mask, Target target, Sink sink) {
         for (int y = 0; y < height_; ++y) {
             if (separable_) {
-                Separable(y, out0);
-                sink(y, out0);
+                Separable(y, target(y));
+                sink(y);
                 continue;
             }
             const bool two = y + 1 < height_;
+            float* out0 = target(y);
+            float* out1 = two ? target(y + 1) : nullptr;
             Direct(y, two, out0, out1);
             if (mask != nullptr) {
                 KeepMasked(y, mask, out0);
                 if (two) KeepMasked(y + 1, mask, out1);
             }
-            sink(y, out0);
-            if (two) sink(++y, out1);
+            sink(y);
+            if (two) sink(++y);
         }
     }
 
 private:
     void Separable(int y, float* out) {
         for (size_t i = 0; i < kh_; ++i) window_[i] = rows_.row(static_cast<ptrdiff_t>(y) - top_ + static_cast<ptrdiff_t>(i));
-        float* columns = out + width_;
+        float* columns = columns_.data();
         Taps(vertical_, finiteSource_, [&](size_t t) { return window_[vertical_.rows[t]]; }, in0_.data());
         const bool skipV = finiteSource_;
         SequentialSumRows(impl_, in0_.data(), nullptr, skipV ? vertical_.nonZeroWeights.data() : vertical_.weights.data(),
                           skipV ? vertical_.nonZero.size() : kh_, rows_.length(), columns, nullptr);
-        const bool skipH = AllFinite(columns, rows_.length());
+        const bool skipH = horizontal_.nonZero.size() < horizontal_.weights.size() && AllFinite(columns, rows_.length());
         Taps(horizontal_, skipH, [&](size_t t) { return columns + horizontal_.cols[t]; }, in0_.data());
         SequentialSumRows(impl_, in0_.data(), nullptr,
                           skipH ? horizontal_.nonZeroWeights.data() : horizontal_.weights.data(),
@@ -284,7 +295,7 @@ private:
     std::vector<const float*> window_;
     std::vector<const float*> in0_;
     std::vector<const float*> in1_;
-    std::vector<float> out_;
+    std::vector<float> columns_;  // the separable column pass over one extended row
 };
 
 // Sizes ImageConv takes on: the image, the kernel and the extended image that the
@@ -339,12 +350,14 @@ int UsmGaussianRows(Impl impl, const uint16_t* src, uint16_t* dst, int width, in
     const size_t w = static_cast<size_t>(width);
     const size_t count = w * static_cast<size_t>(height);
     std::vector<uint16_t> copy;
-    if (!SeparateSource(src, dst, count, copy)) return -4;
+    std::vector<float> rows;  // two output rows of correlations
+    if (!SeparateSource(src, dst, count, copy) || !TryResize(rows, 2 * static_cast<uint64_t>(w))) return -4;
     if (mask != nullptr) {
         ConvRows<uint16_t> plain;
         if (!plain.init(impl, src, width, height, kernel.data(), side, side)) return -4;
         const float limit = static_cast<float>(threshold);
-        plain.run(nullptr, [&](int y, const float* conv) {
+        plain.run(nullptr, [&](int y) { return rows.data() + (y & 1) * w; }, [&](int y) {
+            const float* conv = rows.data() + (y & 1) * w;
             const uint16_t* in = src + static_cast<size_t>(y) * w;
             uint8_t* m = mask + static_cast<size_t>(y) * w;
             for (size_t x = 0; x < w; ++x) m[x] = std::fabs(static_cast<float>(in[x]) - conv[x]) >= limit ? 1 : 0;
@@ -357,12 +370,12 @@ int UsmGaussianRows(Impl impl, const uint16_t* src, uint16_t* dst, int width, in
     }
     const float gain = weightSum * amount + 1.0f;
     ConvRows<uint16_t> conv;
-    std::vector<float> row;
-    if (!conv.init(impl, src, width, height, kernel.data(), side, side) || !TryResize(row, w)) return -4;
-    conv.run(mask, [&](int y, const float* c) {
+    if (!conv.init(impl, src, width, height, kernel.data(), side, side)) return -4;
+    conv.run(mask, [&](int y) { return rows.data() + (y & 1) * w; }, [&](int y) {
+        float* c = rows.data() + (y & 1) * w;
         const uint16_t* in = src + static_cast<size_t>(y) * w;
-        for (size_t x = 0; x < w; ++x) row[x] = static_cast<float>(in[x]) * gain - c[x];
-        StoreClampedU16(row.data(), w, dst + static_cast<size_t>(y) * w);
+        for (size_t x = 0; x < w; ++x) c[x] = static_cast<float>(in[x]) * gain - c[x];
+        StoreClampedU16(c, w, dst + static_cast<size_t>(y) * w);
     });
     return 1;
 }
@@ -390,7 +403,7 @@ int ImageConv(const float* src, float* dst, const float* kernel, int32_t width, 
     if (!veltrano::SeparateSource(src, dst, w * static_cast<size_t>(height), copy) ||
         !conv.init(impl, src, width, height, kernel, kw, kh))
         return -4;
-    conv.run(mask, [&](int y, const float* row) { std::memcpy(dst + static_cast<size_t>(y) * w, row, w * sizeof(float)); });
+    conv.run(mask, [&](int y) { return dst + static_cast<size_t>(y) * w; }, [](int) {});
     return 1;
 }
 
