@@ -360,7 +360,7 @@ BENCHMARK(BM_EquHist_16U)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_EquHist_8U)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_filter2D_16U)->Arg(3)->Arg(5)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_filter2D_8U)->Arg(3)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_filter2D_32F)->Arg(3)->Arg(5)->Arg(7)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_filter2D_32F)->Arg(1)->Arg(3)->Arg(5)->Arg(7)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_getGaussker_32F)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_getGaussker_64F)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_gaussFilter_16U)->Unit(benchmark::kMillisecond);

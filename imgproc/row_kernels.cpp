@@ -211,17 +211,15 @@ VELTRANO_TARGET_AVX2 inline void LaneSumFixedBlock(const float* const* rows, con
     __m256 sum[V];
     __m256 acc[V];
     for (int l = 0; l < 8 && l < kTaps; ++l) {
-        __m256* a = l == 0 ? sum : acc;
         for (int t = l; t < kTaps; t += 8) {
             const __m256 w = _mm256_broadcast_ss(kernel + t);
             const float* p = rows[t / KW] + x + t % KW;
             for (int v = 0; v < V; ++v) {
                 const __m256 product = _mm256_mul_ps(_mm256_loadu_ps(p + 8 * v), w);
-                a[v] = t == l ? product : _mm256_add_ps(a[v], product);
+                acc[v] = t == l ? product : _mm256_add_ps(acc[v], product);
             }
         }
-        if (l > 0)
-            for (int v = 0; v < V; ++v) sum[v] = _mm256_add_ps(sum[v], acc[v]);
+        for (int v = 0; v < V; ++v) sum[v] = l == 0 ? acc[v] : _mm256_add_ps(sum[v], acc[v]);
     }
     const __m256 zero = _mm256_setzero_ps();
     for (int v = 0; v < V; ++v) _mm256_storeu_ps(out + x + 8 * v, _mm256_add_ps(sum[v], zero));
