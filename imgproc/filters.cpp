@@ -101,11 +101,14 @@ bool CorrelationFits(int width, int height, int kw, int kh) {
 
 // Scratch of one block of the fast correlation.
 struct CorrelationBlock {
-    std::vector<const float*> rows;
+    std::vector<const float*> rows;  // the extended rows of the window
+    std::vector<const float*> in;    // the rows a part of the output row reads
     std::vector<const float*> taps;
     std::vector<float> out;
 };
 
+// A float source is read in place for the pixels whose window lies inside the image; the ring
+// then builds only the edges of the extended rows, for the pixels near the left and right edges.
 template <class T, class Out>
 int CorrelateFast(Impl impl, const T* src, Out* dst, int width, int height, const float* kernel,
                   int kw, int kh) {
@@ -128,9 +131,10 @@ int CorrelateFast(Impl impl, const T* src, Out* dst, int width, int height, cons
     std::vector<CorrelationBlock> scratch(static_cast<size_t>(blocks));
     for (int b = 0; b < blocks; ++b) {
         CorrelationBlock& s = scratch[static_cast<size_t>(b)];
-        if (!rings[static_cast<size_t>(b)].init(src, width, height, m, Border::Limited, static_cast<size_t>(kh)) ||
-            !TryResize(s.rows, static_cast<uint64_t>(kh)) || !TryResize(s.taps, taps) ||
-            !TryResize(s.out, std::is_same_v<Out, float> ? 0 : w))
+        if (!rings[static_cast<size_t>(b)].init(src, width, height, m, Border::Limited, static_cast<size_t>(kh),
+                                                std::is_same_v<T, float>) ||
+            !TryResize(s.rows, static_cast<uint64_t>(kh)) || !TryResize(s.in, static_cast<uint64_t>(kh)) ||
+            !TryResize(s.taps, taps) || !TryResize(s.out, std::is_same_v<Out, float> ? 0 : w))
             return kFilterTooLarge;
     }
 #pragma omp parallel for schedule(static)
@@ -142,12 +146,28 @@ int CorrelateFast(Impl impl, const T* src, Out* dst, int width, int height, cons
         for (int64_t y = y0; y < y1; ++y) {
             for (int i = 0; i < kh; ++i) s.rows[static_cast<size_t>(i)] = ring.row(y - m.top + i);
             Out* outRow = dst + static_cast<size_t>(y) * w;
+            float* out = nullptr;
             if constexpr (std::is_same_v<Out, float>) {
-                LaneSumRow(impl, lanes, s.rows.data(), s.taps.data(), w, outRow);
+                out = outRow;
             } else {
-                LaneSumRow(impl, lanes, s.rows.data(), s.taps.data(), w, s.out.data());
-                StoreClampedU16(s.out.data(), w, outRow);
+                out = s.out.data();
             }
+            if constexpr (std::is_same_v<T, float>) {
+                if (ring.edgesOnly()) {
+                    const size_t left = static_cast<size_t>(m.left);
+                    const size_t right = static_cast<size_t>(m.right);
+                    LaneSumRow(impl, lanes, s.rows.data(), s.taps.data(), left, out);
+                    for (int i = 0; i < kh; ++i) s.in[static_cast<size_t>(i)] = ring.source(y - m.top + i);
+                    LaneSumRow(impl, lanes, s.in.data(), s.taps.data(), w - left - right, out + left);
+                    for (int i = 0; i < kh; ++i) s.in[static_cast<size_t>(i)] = s.rows[static_cast<size_t>(i)] + (w - right);
+                    LaneSumRow(impl, lanes, s.in.data(), s.taps.data(), right, out + (w - right));
+                } else {
+                    LaneSumRow(impl, lanes, s.rows.data(), s.taps.data(), w, out);
+                }
+            } else {
+                LaneSumRow(impl, lanes, s.rows.data(), s.taps.data(), w, out);
+            }
+            if constexpr (!std::is_same_v<Out, float>) StoreClampedU16(out, w, outRow);
         }
     }
     return 1;
@@ -252,29 +272,44 @@ int GaussSeparable(Impl impl, const T* src, T* dst, int width, int height, int k
         std::memcpy(copy.data(), src, count * sizeof(T));
         src = copy.data();
     }
+    // A float source runs its column pass over the source rows in place and mirrors the result
+    // into the margins; a 16-bit one is widened into a ring of extended rows first.
+    constexpr bool inPlace = std::is_same_v<T, float>;
+    const size_t length = w + static_cast<size_t>(m.left) + static_cast<size_t>(m.right);
     const int blocks = CorrelationBlocks(height);
     std::vector<ExtendedRows<T>> rings(static_cast<size_t>(blocks));
     std::vector<CorrelationBlock> scratch(static_cast<size_t>(blocks));
     for (int b = 0; b < blocks; ++b) {
         CorrelationBlock& s = scratch[static_cast<size_t>(b)];
-        if (!rings[static_cast<size_t>(b)].init(src, width, height, m, Border::Limited, static_cast<size_t>(k)) ||
+        if ((!inPlace && !rings[static_cast<size_t>(b)].init(src, width, height, m, Border::Limited,
+                                                              static_cast<size_t>(k))) ||
             !TryResize(s.rows, static_cast<uint64_t>(k)) || !TryResize(s.taps, static_cast<uint64_t>(k)) ||
-            !TryResize(s.out, 2 * w + static_cast<uint64_t>(k)))
+            !TryResize(s.out, length + w))
             return kFilterTooLarge;
     }
 #pragma omp parallel for schedule(static)
     for (int b = 0; b < blocks; ++b) {
         ExtendedRows<T>& ring = rings[static_cast<size_t>(b)];
         CorrelationBlock& s = scratch[static_cast<size_t>(b)];
-        float* columns = s.out.data();          // the column pass over the extended row
-        float* result = columns + ring.length();  // the row pass
+        float* columns = s.out.data();      // the column pass over the extended row
+        float* result = columns + length;  // the row pass
         for (int i = 0; i < k; ++i) s.taps[static_cast<size_t>(i)] = columns + i;
         const int64_t y0 = static_cast<int64_t>(b) * height / blocks;
         const int64_t y1 = static_cast<int64_t>(b + 1) * height / blocks;
         for (int64_t y = y0; y < y1; ++y) {
-            for (int i = 0; i < k; ++i) s.rows[static_cast<size_t>(i)] = ring.row(y - m.top + i);
-            SequentialSumRows(impl, s.rows.data(), nullptr, factors.data(), static_cast<size_t>(k), ring.length(),
-                              columns, nullptr);
+            if constexpr (inPlace) {
+                for (int i = 0; i < k; ++i) {
+                    const ptrdiff_t row = BorderIndex(Border::Limited, y - m.top + i, height, m.top, m.bottom);
+                    s.rows[static_cast<size_t>(i)] = src + row * static_cast<ptrdiff_t>(w);
+                }
+                SequentialSumRows(impl, s.rows.data(), nullptr, factors.data(), static_cast<size_t>(k), w,
+                                  columns + m.left, nullptr);
+                FillMargins(columns, width, m, Border::Limited);
+            } else {
+                for (int i = 0; i < k; ++i) s.rows[static_cast<size_t>(i)] = ring.row(y - m.top + i);
+                SequentialSumRows(impl, s.rows.data(), nullptr, factors.data(), static_cast<size_t>(k), length,
+                                  columns, nullptr);
+            }
             T* outRow = dst + static_cast<size_t>(y) * w;
             if constexpr (std::is_same_v<T, float>) {
                 SequentialSumRows(impl, s.taps.data(), nullptr, factors.data(), static_cast<size_t>(k), w, outRow,

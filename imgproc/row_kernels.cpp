@@ -83,11 +83,13 @@ void WindowSumsPlain(const int32_t* ext, size_t n, size_t k, uint32_t* prefix, i
     for (size_t x = 0; x < n; ++x) sums[x] = static_cast<int32_t>(prefix[x + k] - prefix[x]);
 }
 
-// The mean of a window sum for the rows after the first. A float quotient lands within one of
-// the floor (|sum / a| <= 65536, so its error stays below 0.02); one step on the integer
-// remainder makes it exact.
+// The mean of a window sum for the rows after the first. The floor of a float quotient lies
+// within one of the true floor (|sum / a| <= 65536, so the quotient is off by less than 0.02);
+// one step on the integer remainder makes it exact.
 inline int32_t BoxMean(int32_t s, int32_t a, float inv) {
-    int32_t t = static_cast<int32_t>(static_cast<float>(s) * inv);
+    const float q = static_cast<float>(s) * inv;
+    int32_t t = static_cast<int32_t>(q);
+    if (static_cast<float>(t) > q) --t;  // toward minus infinity
     int64_t rem = static_cast<int64_t>(s) - static_cast<int64_t>(t) * a;
     if (rem < 0) {
         --t;
@@ -298,7 +300,7 @@ VELTRANO_TARGET_AVX2 void WindowSumsAvx2(const int32_t* ext, size_t n, size_t k,
 // BoxMean on eight sums.
 VELTRANO_TARGET_AVX2 inline __m256i BoxMean8(__m256i s, __m256i a, __m256 inv, bool isSigned) {
     const __m256i one = _mm256_set1_epi32(1);
-    __m256i t = _mm256_cvttps_epi32(_mm256_mul_ps(_mm256_cvtepi32_ps(s), inv));
+    __m256i t = _mm256_cvttps_epi32(_mm256_floor_ps(_mm256_mul_ps(_mm256_cvtepi32_ps(s), inv)));
     __m256i rem = _mm256_sub_epi32(s, _mm256_mullo_epi32(t, a));
     const __m256i below = _mm256_cmpgt_epi32(_mm256_setzero_si256(), rem);  // rem < 0
     const __m256i above = _mm256_cmpgt_epi32(rem, _mm256_sub_epi32(a, one));  // rem >= a

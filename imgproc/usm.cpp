@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <type_traits>
 #include <vector>
 
 #include "imgproc/dispatch.h"
@@ -179,7 +180,8 @@ struct TapList {
 // over each extended row and its row pass over the result (which is what the two passes compute
 // at every pixel, the row pass's mirrored columns being column passes over mirrored columns); any
 // other kernel sums its taps in order, two output rows at a time. Positions outside the image
-// follow MirrorIndex, as in ExtendMirrorAnyMargin.
+// follow MirrorIndex, as in ExtendMirrorAnyMargin. A float source is read in place wherever the
+// window lies inside it; a 16-bit one is widened into a ring of extended rows.
 template <class T>
 class ConvRows {
 public:
@@ -187,11 +189,9 @@ public:
         impl_ = impl;
         width_ = static_cast<size_t>(width);
         height_ = height;
-        top_ = kh / 2;
-        left_ = static_cast<size_t>(kw / 2);
+        margins_ = BorderMargins{kh / 2, kh - kh / 2 - 1, kw / 2, kw - kw / 2 - 1};
         kh_ = static_cast<size_t>(kh);
         separable_ = kw >= 2 && kh >= 2 && SplitSeparable(kernel, kw, kh, parts_);
-        const BorderMargins m{kh / 2, kh - kh / 2 - 1, kw / 2, kw - kw / 2 - 1};
         if (separable_) {
             vertical_.build(parts_.columnFactors.data(), 1, kh);
             horizontal_.build(parts_.row.data(), kw, 1);
@@ -202,10 +202,12 @@ public:
         const TapList& first = separable_ ? vertical_ : direct_;
         finiteSource_ = first.nonZero.size() < first.weights.size() &&
                         AllFinite(src, width_ * static_cast<size_t>(height));
-        if (!rows_.init(src, width, height, m, Border::AnyMargin, static_cast<size_t>(kh) + 1)) return false;
+        if (!rows_.init(src, width, height, margins_, Border::AnyMargin,
+                        kInPlace && separable_ ? 1 : static_cast<size_t>(kh) + 1, kInPlace))
+            return false;
         const size_t taps = static_cast<size_t>(kw) * static_cast<size_t>(kh);
-        return TryResize(window_, 2 * static_cast<uint64_t>(kh) + 2) && TryResize(in0_, taps) &&
-               TryResize(in1_, taps) && TryResize(columns_, rows_.length());
+        return TryResize(window_, static_cast<uint64_t>(kh) + 1) && TryResize(bases_, 2 * static_cast<uint64_t>(kh) + 2) &&
+               TryResize(in0_, taps) && TryResize(in1_, taps) && TryResize(columns_, rows_.length());
     }
 
     // Every output row from the top is written to target(y) (width floats), then sink(y) is
@@ -233,13 +235,25 @@ public:
     }
 
 private:
+    static constexpr bool kInPlace = std::is_same_v<T, float>;
+
+    ptrdiff_t Position(int y, size_t i) const { return static_cast<ptrdiff_t>(y) - margins_.top + static_cast<ptrdiff_t>(i); }
+
     void Separable(int y, float* out) {
-        for (size_t i = 0; i < kh_; ++i) window_[i] = rows_.row(static_cast<ptrdiff_t>(y) - top_ + static_cast<ptrdiff_t>(i));
         float* columns = columns_.data();
-        Taps(vertical_, finiteSource_, [&](size_t t) { return window_[vertical_.rows[t]]; }, in0_.data());
         const bool skipV = finiteSource_;
-        SequentialSumRows(impl_, in0_.data(), nullptr, skipV ? vertical_.nonZeroWeights.data() : vertical_.weights.data(),
-                          skipV ? vertical_.nonZero.size() : kh_, rows_.length(), columns, nullptr);
+        const float* weightsV = skipV ? vertical_.nonZeroWeights.data() : vertical_.weights.data();
+        const size_t tapsV = skipV ? vertical_.nonZero.size() : kh_;
+        if constexpr (kInPlace) {
+            for (size_t i = 0; i < kh_; ++i) window_[i] = rows_.source(Position(y, i));
+            Taps(vertical_, skipV, [&](size_t t) { return window_[vertical_.rows[t]]; }, in0_.data());
+            SequentialSumRows(impl_, in0_.data(), nullptr, weightsV, tapsV, width_, columns + margins_.left, nullptr);
+            FillMargins(columns, static_cast<int>(width_), margins_, Border::AnyMargin);
+        } else {
+            for (size_t i = 0; i < kh_; ++i) window_[i] = rows_.row(Position(y, i));
+            Taps(vertical_, skipV, [&](size_t t) { return window_[vertical_.rows[t]]; }, in0_.data());
+            SequentialSumRows(impl_, in0_.data(), nullptr, weightsV, tapsV, rows_.length(), columns, nullptr);
+        }
         const bool skipH = horizontal_.nonZero.size() < horizontal_.weights.size() && AllFinite(columns, rows_.length());
         Taps(horizontal_, skipH, [&](size_t t) { return columns + horizontal_.cols[t]; }, in0_.data());
         SequentialSumRows(impl_, in0_.data(), nullptr,
@@ -247,18 +261,41 @@ private:
                           skipH ? horizontal_.nonZero.size() : horizontal_.weights.size(), width_, out, nullptr);
     }
 
-    void Direct(int y, bool two, float* out0, float* out1) {
-        for (size_t i = 0; i < kh_ + (two ? 1 : 0); ++i)
-            window_[i] = rows_.row(static_cast<ptrdiff_t>(y) - top_ + static_cast<ptrdiff_t>(i));
+    // Rows y (and y + 1) over the pixels [x0, x0 + n), reading row i of the window (i up to kh)
+    // from bases_[i], positioned for pixel x0.
+    void DirectPart(bool two, size_t x0, size_t n, float* out0, float* out1) {
+        if (n == 0) return;
         const bool skip = finiteSource_;
-        Taps(direct_, skip, [&](size_t t) { return window_[direct_.rows[t]] + direct_.cols[t]; }, in0_.data());
-        const size_t n = skip ? direct_.nonZero.size() : direct_.weights.size();
+        const float* const* b = bases_.data();
+        Taps(direct_, skip, [&](size_t t) { return b[direct_.rows[t]] + direct_.cols[t]; }, in0_.data());
+        const size_t taps = skip ? direct_.nonZero.size() : direct_.weights.size();
         const float* weights = skip ? direct_.nonZeroWeights.data() : direct_.weights.data();
         if (two) {
-            Taps(direct_, skip, [&](size_t t) { return window_[direct_.rows[t] + 1] + direct_.cols[t]; }, in1_.data());
-            SequentialSumRows(impl_, in0_.data(), in1_.data(), weights, n, width_, out0, out1);
+            Taps(direct_, skip, [&](size_t t) { return b[direct_.rows[t] + 1] + direct_.cols[t]; }, in1_.data());
+            SequentialSumRows(impl_, in0_.data(), in1_.data(), weights, taps, n, out0 + x0, out1 + x0);
         } else {
-            SequentialSumRows(impl_, in0_.data(), nullptr, weights, n, width_, out0, nullptr);
+            SequentialSumRows(impl_, in0_.data(), nullptr, weights, taps, n, out0 + x0, nullptr);
+        }
+    }
+
+    void Direct(int y, bool two, float* out0, float* out1) {
+        const size_t rows = kh_ + (two ? 1 : 0);
+        for (size_t i = 0; i < rows; ++i) window_[i] = rows_.row(Position(y, i));
+        if (!rows_.edgesOnly()) {
+            for (size_t i = 0; i < rows; ++i) bases_[i] = window_[i];
+            DirectPart(two, 0, width_, out0, out1);
+            return;
+        }
+        if constexpr (kInPlace) {
+            // The edges from the extended rows, the interior from the source rows in place.
+            const size_t left = static_cast<size_t>(margins_.left);
+            const size_t right = static_cast<size_t>(margins_.right);
+            for (size_t i = 0; i < rows; ++i) bases_[i] = window_[i];
+            DirectPart(two, 0, left, out0, out1);
+            for (size_t i = 0; i < rows; ++i) bases_[i] = rows_.source(Position(y, i));
+            DirectPart(two, left, width_ - left - right, out0, out1);
+            for (size_t i = 0; i < rows; ++i) bases_[i] = window_[i] + (width_ - right);
+            DirectPart(two, width_ - right, right, out0, out1);
         }
     }
 
@@ -273,7 +310,12 @@ private:
     }
 
     void KeepMasked(int y, const uint8_t* mask, float* out) {
-        const float* source = rows_.row(y) + left_;
+        const float* source = nullptr;
+        if constexpr (kInPlace) {
+            source = rows_.source(y);
+        } else {
+            source = rows_.row(y) + margins_.left;
+        }
         const uint8_t* m = mask + static_cast<size_t>(y) * width_;
         for (size_t x = 0; x < width_; ++x)
             if (m[x] == 0) out[x] = source[x];
@@ -282,8 +324,7 @@ private:
     Impl impl_ = Impl::Scalar;
     size_t width_ = 0;
     int height_ = 0;
-    ptrdiff_t top_ = 0;
-    size_t left_ = 0;
+    BorderMargins margins_;
     size_t kh_ = 0;
     bool separable_ = false;
     bool finiteSource_ = true;
@@ -292,7 +333,8 @@ private:
     TapList horizontal_;
     TapList direct_;
     ExtendedRows<T> rows_;
-    std::vector<const float*> window_;
+    std::vector<const float*> window_;  // the extended rows of the window
+    std::vector<const float*> bases_;   // where each window row is read for a part of the row
     std::vector<const float*> in0_;
     std::vector<const float*> in1_;
     std::vector<float> columns_;  // the separable column pass over one extended row

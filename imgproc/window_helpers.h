@@ -118,33 +118,51 @@ inline ptrdiff_t BorderIndex(Border border, ptrdiff_t i, ptrdiff_t n, ptrdiff_t 
 // ring so that a window sliding down the image builds each row once and stays in the cache. The
 // rows are read from the source when first asked for, so a caller writing its results into the
 // source must work from a copy.
+//
+// A float source needs no widening: a caller can read the interior of its rows in place
+// (source()) and have the ring build only the parts of each extended row that the pixels near
+// the left and right edges read (edgesOnly), which spares a copy of the frame.
 template <class T>
 class ExtendedRows {
 public:
     // `kept` rows stay available at once. False when the scratch cannot be had.
-    bool init(const T* src, int width, int height, BorderMargins margins, Border border, size_t kept) {
+    bool init(const T* src, int width, int height, BorderMargins margins, Border border, size_t kept,
+              bool edgesOnly = false) {
         src_ = src;
         width_ = width;
         height_ = height;
         margins_ = margins;
         border_ = border;
         length_ = static_cast<size_t>(width) + static_cast<size_t>(margins.left) + static_cast<size_t>(margins.right);
+        // The pixels within `left` of the left edge read extended columns below index
+        // 2 left + right; those within `right` of the right edge from index width - right on.
+        leftEnd_ = length_;
+        rightBegin_ = length_;
+        if (edgesOnly) {
+            const size_t reach = 2 * static_cast<size_t>(margins.left) + static_cast<size_t>(margins.right);
+            const size_t from = static_cast<size_t>(std::max(0, width - margins.right));
+            if (reach < from) {
+                leftEnd_ = reach;
+                rightBegin_ = from;
+            }
+        }
         if (!TryResize(rows_, SaturatingProduct(kept, length_)) || !TryResize(zeros_, length_) ||
-            !TryResize(columns_, static_cast<uint64_t>(margins.left) + static_cast<uint64_t>(margins.right)))
+            !TryResize(columns_, length_))
             return false;
         tags_.assign(kept, kNone);
-        for (ptrdiff_t c = 0; c < margins.left; ++c)
-            columns_[c] = BorderIndex(border, c - margins.left, width, margins.left, margins.right);
-        for (ptrdiff_t c = 0; c < margins.right; ++c)
-            columns_[margins.left + c] = BorderIndex(border, width + c, width, margins.left, margins.right);
+        for (size_t e = 0; e < length_; ++e)
+            columns_[e] = BorderIndex(border, static_cast<ptrdiff_t>(e) - margins.left, width, margins.left, margins.right);
         return true;
     }
 
     // Row length: width + left + right.
     size_t length() const { return length_; }
 
-    // The extended row at source row position v (any integer); element c is the extended
-    // column c - left. Stays valid until `kept` other rows have been asked for.
+    // True when only the edges of the rows are built (see init).
+    bool edgesOnly() const { return leftEnd_ < rightBegin_; }
+
+    // The extended row at source row position v (any integer); element e is the extended
+    // column e - left. Stays valid until `kept` other rows have been asked for.
     const float* row(ptrdiff_t v) {
         const ptrdiff_t s = BorderIndex(border_, v, height_, margins_.top, margins_.bottom);
         if (s < 0) return zeros_.data();
@@ -155,18 +173,33 @@ public:
         if (tags_[slot] == v) return out;
         tags_[slot] = v;
         const T* in = src_ + s * static_cast<ptrdiff_t>(width_);
-        const size_t left = static_cast<size_t>(margins_.left);
-        for (size_t c = 0; c < left; ++c) out[c] = columns_[c] < 0 ? 0.0f : static_cast<float>(in[columns_[c]]);
-        for (size_t x = 0; x < static_cast<size_t>(width_); ++x) out[left + x] = static_cast<float>(in[x]);
-        float* right = out + left + static_cast<size_t>(width_);
-        for (size_t c = 0; c < static_cast<size_t>(margins_.right); ++c) {
-            const ptrdiff_t i = columns_[left + c];
-            right[c] = i < 0 ? 0.0f : static_cast<float>(in[i]);
+        Fill(in, out, 0, leftEnd_);
+        Fill(in, out, rightBegin_, length_);
+        // A window sliding down asks for the next row soon: start fetching it from memory now,
+        // so that the work on this one hides the wait.
+        if (s + 1 < height_) {
+            const char* next = reinterpret_cast<const char*>(in + width_);
+            for (size_t b = 0; b < static_cast<size_t>(width_) * sizeof(T); b += 64) __builtin_prefetch(next + b);
         }
         return out;
     }
 
+    // The source row at row position v, or null where the row reads 0.
+    const T* source(ptrdiff_t v) const {
+        const ptrdiff_t s = BorderIndex(border_, v, height_, margins_.top, margins_.bottom);
+        return s < 0 ? nullptr : src_ + s * static_cast<ptrdiff_t>(width_);
+    }
+
 private:
+    void Fill(const T* in, float* out, size_t from, size_t to) const {
+        const size_t left = static_cast<size_t>(margins_.left);
+        const size_t interiorEnd = left + static_cast<size_t>(width_);
+        size_t e = from;
+        for (; e < std::min(to, left); ++e) out[e] = columns_[e] < 0 ? 0.0f : static_cast<float>(in[columns_[e]]);
+        for (; e < std::min(to, interiorEnd); ++e) out[e] = static_cast<float>(in[e - left]);
+        for (; e < to; ++e) out[e] = columns_[e] < 0 ? 0.0f : static_cast<float>(in[columns_[e]]);
+    }
+
     static constexpr ptrdiff_t kNone = PTRDIFF_MIN;
     const T* src_ = nullptr;
     int width_ = 0;
@@ -174,11 +207,27 @@ private:
     BorderMargins margins_;
     Border border_ = Border::Limited;
     size_t length_ = 0;
+    size_t leftEnd_ = 0;  // built: [0, leftEnd_) and [rightBegin_, length_)
+    size_t rightBegin_ = 0;
     std::vector<float> rows_;
     std::vector<float> zeros_;
     std::vector<ptrdiff_t> tags_;
-    std::vector<ptrdiff_t> columns_;  // source columns of the left, then the right margin
+    std::vector<ptrdiff_t> columns_;  // source column of every extended column, -1 for 0
 };
+
+// Fills the margins of an extended row whose interior [left, left + width) holds the values of
+// the source columns, by the border rule. A column pass works on each column alone, so running
+// it over the interior and filling the margins this way gives it over the whole extended row.
+inline void FillMargins(float* ext, int width, BorderMargins m, Border border) {
+    const size_t left = static_cast<size_t>(m.left);
+    const size_t end = left + static_cast<size_t>(width);
+    auto fill = [&](size_t e) {
+        const ptrdiff_t c = BorderIndex(border, static_cast<ptrdiff_t>(e) - m.left, width, m.left, m.right);
+        ext[e] = c < 0 ? 0.0f : ext[left + static_cast<size_t>(c)];
+    };
+    for (size_t e = 0; e < left; ++e) fill(e);
+    for (size_t e = end; e < end + static_cast<size_t>(m.right); ++e) fill(e);
+}
 
 // Undivided sums over the (2r+1) x (2r+1) window of every pixel of an integer image (8- or
 // 16-bit), one output row at a time from the top. Sums of integers are exact in any order, so
