@@ -167,7 +167,7 @@ int CorrelateFast(Impl impl, const T* src, Out* dst, int width, int height, cons
             } else {
                 LaneSumRow(impl, lanes, s.rows.data(), s.taps.data(), w, out);
             }
-            if constexpr (!std::is_same_v<Out, float>) StoreClampedU16(out, w, outRow);
+            if constexpr (!std::is_same_v<Out, float>) StoreClampedU16(impl, out, w, outRow);
         }
     }
     return 1;
@@ -208,7 +208,7 @@ int Filter2D(const T* src, T* dst, int width, int height, const float* kernel, i
         CorrelateReference(in.data(), dst, width, height, kernel, kw, kh);
     } else {
         CorrelateReference(in.data(), out.data(), width, height, kernel, kw, kh);
-        StoreClampedU16(out.data(), static_cast<size_t>(count), dst);
+        StoreClampedU16(Impl::Reference, out.data(), static_cast<size_t>(count), dst);
     }
     return 1;
 }
@@ -317,7 +317,7 @@ int GaussSeparable(Impl impl, const T* src, T* dst, int width, int height, int k
             } else {
                 SequentialSumRows(impl, s.taps.data(), nullptr, factors.data(), static_cast<size_t>(k), w, result,
                                   nullptr);
-                StoreClampedU16(result, w, outRow);
+                StoreClampedU16(impl, result, w, outRow);
             }
         }
     }

@@ -109,6 +109,15 @@ void BoxMeanRowPlain(const int32_t* sums, size_t n, int32_t a, T* out) {
     for (size_t x = 0; x < n; ++x) out[x] = static_cast<T>(BoxMean(sums[x], a, inv));
 }
 
+void StoreClampedU16Plain(const float* in, size_t n, uint16_t* out) {
+    for (size_t i = 0; i < n; ++i) {
+        float v = in[i];
+        if (v > 65535.0f) v = 65535.0f;
+        if (!(v > 0.0f)) v = 0.0f;  // also NaN
+        out[i] = static_cast<uint16_t>(v);
+    }
+}
+
 // ---------------------------------------------------------------------------------------------
 // AVX2
 
@@ -279,9 +288,9 @@ VELTRANO_TARGET_AVX2 void WindowSumsAvx2(const int32_t* ext, size_t n, size_t k,
         // Each 128-bit half holds its own prefix sums; the upper half also gets the lower's total.
         const __m256i low = _mm256_permutevar8x32_epi32(v, third);
         v = _mm256_add_epi32(v, _mm256_blend_epi32(_mm256_setzero_si256(), low, 0xF0));
-        v = _mm256_add_epi32(v, carry);
-        _mm256_storeu_si256(reinterpret_cast<__m256i*>(prefix + i + 1), v);
-        carry = _mm256_permutevar8x32_epi32(v, last);
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(prefix + i + 1), _mm256_add_epi32(v, carry));
+        // The running total takes one addition per vector; the shuffle stays off that chain.
+        carry = _mm256_add_epi32(carry, _mm256_permutevar8x32_epi32(v, last));
     }
     uint32_t run = prefix[i];
     for (; i < len; ++i) {
@@ -338,6 +347,24 @@ VELTRANO_TARGET_AVX2 void BoxMeanRowAvx2(const int32_t* sums, size_t n, int32_t 
         }
     }
     for (; x < n; ++x) out[x] = static_cast<T>(BoxMean(sums[x], a, invScalar));
+}
+
+// Values not above 0 (NaN among them) become 0 first, then the rest is capped at 65535: the same
+// values as capping first.
+VELTRANO_TARGET_AVX2 inline __m256i ClampToU16(__m256 v) {
+    v = _mm256_and_ps(v, _mm256_cmp_ps(v, _mm256_setzero_ps(), _CMP_GT_OQ));
+    return _mm256_cvttps_epi32(_mm256_min_ps(v, _mm256_set1_ps(65535.0f)));
+}
+
+VELTRANO_TARGET_AVX2 void StoreClampedU16Avx2(const float* in, size_t n, uint16_t* out) {
+    size_t i = 0;
+    for (; i + 16 <= n; i += 16) {
+        const __m256i lo = ClampToU16(_mm256_loadu_ps(in + i));
+        const __m256i hi = ClampToU16(_mm256_loadu_ps(in + i + 8));
+        const __m256i packed = _mm256_permute4x64_epi64(_mm256_packus_epi32(lo, hi), 0xD8);
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + i), packed);
+    }
+    StoreClampedU16Plain(in + i, n - i, out + i);
 }
 
 #endif  // VELTRANO_HAS_AVX2_PATHS
@@ -425,15 +452,10 @@ void BoxMeanRow(Impl impl, const int32_t* sums, size_t n, int32_t a, int16_t* ou
     VELTRANO_PICK(impl, BoxMeanRowAvx2(sums, n, a, out), BoxMeanRowPlain(sums, n, a, out));
 }
 
-#undef VELTRANO_PICK
-
-void StoreClampedU16(const float* in, size_t n, uint16_t* out) {
-    for (size_t i = 0; i < n; ++i) {
-        float v = in[i];
-        if (v > 65535.0f) v = 65535.0f;
-        if (!(v > 0.0f)) v = 0.0f;  // also NaN
-        out[i] = static_cast<uint16_t>(v);
-    }
+void StoreClampedU16(Impl impl, const float* in, size_t n, uint16_t* out) {
+    VELTRANO_PICK(impl, StoreClampedU16Avx2(in, n, out), StoreClampedU16Plain(in, n, out));
 }
+
+#undef VELTRANO_PICK
 
 }  // namespace veltrano

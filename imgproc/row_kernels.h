@@ -66,6 +66,6 @@ void BoxMeanRow(Impl impl, const int32_t* sums, size_t n, int32_t a, int16_t* ou
 
 // 16-bit store of the linear filters: values above 65535 become 65535, values not above 0 (and
 // NaN) become 0, the rest are truncated toward zero.
-void StoreClampedU16(const float* in, size_t n, uint16_t* out);
+void StoreClampedU16(Impl impl, const float* in, size_t n, uint16_t* out);
 
 }  // namespace veltrano

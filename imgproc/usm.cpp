@@ -372,7 +372,7 @@ int UsmBoxIntegers(Impl impl, const uint16_t* src, uint16_t* dst, int width, int
         const uint16_t* in = src + y * w;
         float* out = sharpened.data() + (normalise ? y * w : 0);
         for (size_t x = 0; x < w; ++x) out[x] = static_cast<float>(in[x]) * gain - static_cast<float>(sums[x]) * amount;
-        if (!normalise) StoreClampedU16(out, w, dst + y * w);
+        if (!normalise) StoreClampedU16(impl, out, w, dst + y * w);
     }
     if (!normalise) return 1;
     // normalize_32F writes into the widened source; when it exits early without writing, that
@@ -382,7 +382,7 @@ int UsmBoxIntegers(Impl impl, const uint16_t* src, uint16_t* dst, int width, int
     for (size_t i = 0; i < count; ++i) image[i] = static_cast<float>(src[i]);
     normalize_32F(sharpened.data(), image.data(), static_cast<uint32_t>(width), static_cast<uint32_t>(height), 0.0f,
                   65535.0f);
-    StoreClampedU16(image.data(), count, dst);
+    StoreClampedU16(impl, image.data(), count, dst);
     return 1;
 }
 
@@ -417,7 +417,7 @@ int UsmGaussianRows(Impl impl, const uint16_t* src, uint16_t* dst, int width, in
         float* c = rows.data() + (y & 1) * w;
         const uint16_t* in = src + static_cast<size_t>(y) * w;
         for (size_t x = 0; x < w; ++x) c[x] = static_cast<float>(in[x]) * gain - c[x];
-        StoreClampedU16(c, w, dst + static_cast<size_t>(y) * w);
+        StoreClampedU16(impl, c, w, dst + static_cast<size_t>(y) * w);
     });
     return 1;
 }
@@ -476,7 +476,7 @@ int USM_BOX(uint16_t* src, uint16_t* dst, int32_t width, int32_t height, int32_t
     if (normalise)
         normalize_32F(sharpened.data(), image.data(), static_cast<uint32_t>(width),
                       static_cast<uint32_t>(height), 0.0f, 65535.0f);
-    veltrano::StoreClampedU16(normalise ? image.data() : sharpened.data(), count, dst);
+    veltrano::StoreClampedU16(Impl::Reference, normalise ? image.data() : sharpened.data(), count, dst);
     return 1;
 }
 
@@ -540,6 +540,6 @@ int USM_Gaussian(uint16_t* src, uint16_t* dst, int32_t width, int32_t height, in
     const int result =
         ImageConv(image.data(), conv.data(), kernel.data(), width, height, side, side, mask);
     for (size_t i = 0; i < count; ++i) conv[i] = image[i] * gain - conv[i];
-    veltrano::StoreClampedU16(conv.data(), count, dst);
+    veltrano::StoreClampedU16(Impl::Reference, conv.data(), count, dst);
     return result;
 }
