@@ -221,10 +221,14 @@ VELTRANO_TARGET_AVX2 inline void LaneSumFixedBlock(const float* const* rows, con
     constexpr int kTaps = KW * KH;
     __m256 sum[V];
     __m256 acc[V];
+    // Unrolled in full, so that every position is a constant offset from a row pointer.
+#pragma GCC unroll 8
     for (int l = 0; l < 8 && l < kTaps; ++l) {
+#pragma GCC unroll 8
         for (int t = l; t < kTaps; t += 8) {
             const __m256 w = _mm256_broadcast_ss(kernel + t);
             const float* p = rows[t / KW] + x + t % KW;
+#pragma GCC unroll 8
             for (int v = 0; v < V; ++v) {
                 const __m256 product = _mm256_mul_ps(_mm256_loadu_ps(p + 8 * v), w);
                 acc[v] = t == l ? product : _mm256_add_ps(acc[v], product);
