@@ -122,8 +122,10 @@ int RunDecode(png_structp png, png_infop info, std::FILE* file, ReadState* state
     }
     png_init_io(png, file);
     png_set_sig_bytes(png, 8);
-    // libpng's own guard on each side; the pixel count is checked against maxPixels as well.
-    png_set_user_limits(png, 1u << 20, 1u << 20);
+    // The pixel count is checked against maxPixels right after the header, before libpng sizes
+    // anything by the width, so libpng may accept every size the format allows: a header that
+    // declares too much is then refused in those words, not as damaged.
+    png_set_user_limits(png, 0x7fffffff, 0x7fffffff);
     return DecodeRows(png, info, *state);
 }
 
