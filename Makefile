@@ -1,5 +1,5 @@
 # Thin wrapper over the CMake presets (CMakePresets.json holds the real configuration).
-.PHONY: all build test demo bench clean
+.PHONY: all build test demo bench fuzz soak clean
 
 all: build
 
@@ -22,6 +22,13 @@ bench:
 	cmake --preset bench
 	cmake --build --preset bench
 	./build/bench/bin/veltrano_bench --benchmark_min_time=0.2
+
+# Every fuzz target for FUZZ_SECONDS each (clang, AddressSanitizer, UBSan); docs/reliability.md.
+FUZZ_SECONDS ?= 60
+fuzz:
+	cmake --preset fuzz
+	cmake --build --preset fuzz
+	fuzz/run_fuzzers.sh $(FUZZ_SECONDS)
 
 clean:
 	rm -rf build

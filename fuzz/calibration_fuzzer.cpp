@@ -40,10 +40,12 @@ const Sensor& GenuineSensor() {
         fs::create_directories(s.workDir);
         fuzz::WriteFile(s.workDir + "/VirtualSensor.ini",
                         "[VirtualSensor]\nSensorSize=1000\nScene=flat\nDose=20000\nExposureMs=1\n");
-        veltrano::platform::DynamicLibrary driver;
+        // Held open for the life of the process: the detector objects load and unload the driver
+        // with every input, and libFuzzer must never see an instrumented library unmapped.
+        static veltrano::platform::DynamicLibrary* const driver = new veltrano::platform::DynamicLibrary;
         using WriteFn = int (*)(const char*, int);
-        auto write = driver.open("FpdSys")
-                         ? reinterpret_cast<WriteFn>(driver.symbol("VirtualSensor_WriteCalibration"))
+        auto write = driver->open("FpdSys")
+                         ? reinterpret_cast<WriteFn>(driver->symbol("VirtualSensor_WriteCalibration"))
                          : nullptr;
         FUZZ_CHECK(write != nullptr && write(s.workDir.c_str(), 1) == 0, "no virtual sensor");
         s.gain = fuzz::ReadFile(s.folder + "/VirtualSensor.gn");
