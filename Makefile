@@ -30,5 +30,11 @@ fuzz:
 	cmake --build --preset fuzz
 	fuzz/run_fuzzers.sh $(FUZZ_SECONDS)
 
+# The soak test under AddressSanitizer; VELTRANO_SOAK_ACQUISITIONS=N for a longer run.
+soak:
+	cmake --preset asan
+	cmake --build --preset asan --target test_soak
+	ctest --preset soak
+
 clean:
 	rm -rf build
