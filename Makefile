@@ -1,5 +1,5 @@
 # Thin wrapper over the CMake presets (CMakePresets.json holds the real configuration).
-.PHONY: all build test demo bench clean
+.PHONY: all build test demo bench fuzz soak clean
 
 all: build
 
@@ -28,6 +28,19 @@ bench:
 	cmake --build --preset bench
 	./build/bench/bin/veltrano_compare
 	./build/bench/bin/veltrano_compare --threads 2 --filter '^filter2D'
+
+# Every fuzz target for FUZZ_SECONDS each (clang, AddressSanitizer, UBSan); docs/reliability.md.
+FUZZ_SECONDS ?= 60
+fuzz:
+	cmake --preset fuzz
+	cmake --build --preset fuzz
+	fuzz/run_fuzzers.sh $(FUZZ_SECONDS)
+
+# The soak test under AddressSanitizer; VELTRANO_SOAK_ACQUISITIONS=N for a longer run.
+soak:
+	cmake --preset asan
+	cmake --build --preset asan --target test_soak
+	ctest --preset soak
 
 clean:
 	rm -rf build

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "chain/chain_file.h"
+#include "imgproc/scratch_buffers.h"
 #include "veltrano/clahe.h"
 #include "veltrano/contrast.h"
 #include "veltrano/fastnlm.h"
@@ -187,6 +188,11 @@ int Img_Post_Process_Chain(const uint16_t* src, uint16_t* dst, int width, int he
     // size) is not refused: nothing is copied, every step refuses it on its own, and the chain
     // still reports that it ran.
     if (src == nullptr || dst == nullptr || width < 0 || height < 0) {
+        return -3;
+    }
+    // Nor is an image larger than any processing function takes on: every step would refuse
+    // it, and the denoising step would first allocate a copy of it.
+    if (static_cast<uint64_t>(width) * static_cast<uint64_t>(height) > veltrano::kMaxElements) {
         return -3;
     }
 

@@ -92,6 +92,9 @@ TEST_F(PostProcessChain, FailuresPrintTheirLineAndLeaveTheDestination) {
     EXPECT_EQ(Img_Post_Process_Chain(nullptr, dst.data(), kW, kH, ChainPath().c_str(), text), -3);
     EXPECT_EQ(Img_Post_Process_Chain(in.data(), nullptr, kW, kH, ChainPath().c_str(), text), -3);
     EXPECT_EQ(Img_Post_Process_Chain(in.data(), dst.data(), kW, -1, ChainPath().c_str(), text), -3);
+    // So is a size beyond the library's limit of 2^28 pixels, before anything is read or copied.
+    EXPECT_EQ(Img_Post_Process_Chain(in.data(), dst.data(), 1 << 14, (1 << 14) + 1,
+                                     ChainPath().c_str(), text), -3);
     EXPECT_EQ(dst, untouched);
 }
 

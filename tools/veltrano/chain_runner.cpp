@@ -28,14 +28,9 @@ std::string DefaultChainPath() {
     return "chains/default.chain";
 }
 
-bool CanOpenFile(const std::string& path) {
-    std::error_code ec;
-    return !std::filesystem::is_directory(path, ec) && std::ifstream(path).good();
-}
-
 bool RunChain(const std::string& chainPath, const Image16& in, Image16& out, std::string& error) {
-    if (!CanOpenFile(chainPath)) {
-        error = "cannot be opened";
+    // The library would open a FIFO and wait for a writer: only regular files go to it.
+    if (!CheckInputFile(chainPath, error)) {
         return false;
     }
     out.width = in.width;

@@ -16,7 +16,7 @@ inline const char kMainUsage[] =
     "  info       show the state, serial number, USB information and size of the sensor\n"
     "\n"
     "Run 'veltrano <command> --help' for the options of a command.\n"
-    "Exit codes: 0 done, 1 failure, 2 usage error.\n";
+    "Exit codes: 0 done, 1 failure, 2 usage error, 130 exposure stopped with Ctrl-C.\n";
 
 inline const char kDemoUsage[] =
     "usage: veltrano demo [--out DIR] [--chain FILE]\n"
