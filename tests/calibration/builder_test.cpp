@@ -1,0 +1,238 @@
+// CalibrationBuilder on a small synthetic sensor: averaging, the defect search by kind, the gain
+// frames and the arguments it refuses.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <map>
+#include <utility>
+
+#include "synthetic_sensor.h"
+#include "veltrano/calibration_builder.h"
+
+namespace {
+
+using caltest::SyntheticSensor;
+using veltrano::CalibrationBuilder;
+using veltrano::DefectThresholds;
+
+const double kDoses[4] = {3000, 6000, 12000, 18000};
+
+// Feeds `exposures` exposures at each of the builder's levels.
+void Feed(CalibrationBuilder& builder, SyntheticSensor& sensor, int exposures,
+          std::vector<std::vector<float>>* kept = nullptr) {
+    const int levels = builder.Levels();
+    for (int l = 0; l < levels; ++l) {
+        for (int e = 0; e < exposures; ++e) {
+            const std::vector<float> frame = sensor.expose(levels == 1 ? kDoses[3] : kDoses[l]);
+            ASSERT_EQ(builder.AddExposure(l, frame.data()), 1);
+            if (kept != nullptr) kept->push_back(frame);
+        }
+    }
+}
+
+// Every kind of defect planted once; the search must find exactly these, under these kinds.
+TEST(CalibrationBuilder, FindsEachKindOfDefectAndNothingElse) {
+    SyntheticSensor sensor(3);
+    std::map<std::pair<int, int>, uint8_t> planted;
+    auto plant = [&](int x, int y, uint8_t kind) { planted[{x, y}] = kind; };
+    sensor.stuck(40, 30, 10.0f), plant(40, 30, veltrano::kDefectDead);
+    sensor.stuck(70, 50, 60000.0f), plant(70, 50, veltrano::kDefectHot);
+    sensor.scaled(85, 25, 0.3), plant(85, 25, veltrano::kDefectDead);
+    sensor.scaled(95, 75, 1.7), plant(95, 75, veltrano::kDefectHot);
+    // Within half and one and a half of its neighbours at every dose, but rising by 0.4 of theirs.
+    sensor.weakResponse(90, 60, 0.4, 2700.0), plant(90, 60, veltrano::kDefectUnresponsive);
+    sensor.frozen(30, 75), plant(30, 75, veltrano::kDefectUnresponsive);
+    sensor.noisy(50, 80, 10.0), plant(50, 80, veltrano::kDefectNoisy);
+    // Two neighbouring dead pixels are not yet a cluster.
+    sensor.stuck(100, 40, 0.0f), plant(100, 40, veltrano::kDefectDead);
+    sensor.stuck(101, 41, 0.0f), plant(101, 41, veltrano::kDefectDead);
+    // A dead column, and a row that reads 20 % low: no pixel of it is condemned alone.
+    for (int y = 0; y < sensor.height; ++y) {
+        if (!sensor.isCut(60, y)) sensor.stuck(60, y, 30.0f), plant(60, y, veltrano::kDefectColumn);
+    }
+    for (int x = 0; x < sensor.width; ++x) {
+        if (!sensor.isCut(x, 70) && x != 60) {
+            sensor.scaled(x, 70, 0.8), plant(x, 70, veltrano::kDefectRow);
+        }
+    }
+    // A 3 x 3 cluster with a weak pixel on its rim (70 %: too good to be condemned alone), and
+    // an equally weak pixel far from any defect, which stays good.
+    for (int y = 40; y <= 42; ++y) {
+        for (int x = 20; x <= 22; ++x) sensor.stuck(x, y, 5.0f), plant(x, y, veltrano::kDefectCluster);
+    }
+    sensor.scaled(23, 41, 0.7), plant(23, 41, veltrano::kDefectCluster);
+    sensor.scaled(100, 20, 0.7);
+
+    CalibrationBuilder builder(sensor.width, sensor.height, sensor.cut, 4);
+    ASSERT_TRUE(builder.IsValid());
+    Feed(builder, sensor, 3);
+    ASSERT_EQ(builder.Analyse(DefectThresholds()), 1);
+    const uint8_t* map = builder.DefectMap();
+    ASSERT_NE(map, nullptr);
+    size_t wrong = 0;
+    for (int y = 0; y < sensor.height; ++y) {
+        for (int x = 0; x < sensor.width; ++x) {
+            const auto it = planted.find({x, y});
+            const uint8_t want = it == planted.end() ? 0 : it->second;
+            const uint8_t got = map[sensor.index(x, y)];
+            if (got != want && wrong++ < 10) {
+                ADD_FAILURE() << "pixel (" << x << ", " << y << "): kind " << int(got) << ", planted "
+                              << int(want);
+            }
+            if (sensor.isCut(x, y)) {
+                EXPECT_EQ(got, 0) << x << ", " << y;
+            }
+        }
+    }
+    EXPECT_EQ(wrong, 0u);
+    const veltrano::DefectCounts counts = builder.Counts();
+    EXPECT_EQ(counts.columns, 1u);
+    EXPECT_EQ(counts.rows, 1u);
+    EXPECT_EQ(counts.clusters, 1u);
+    EXPECT_EQ(counts.clusterPixels, 10u);
+    EXPECT_EQ(counts.dead, 4u);
+    EXPECT_EQ(counts.hot, 2u);
+    EXPECT_EQ(counts.unresponsive, 2u);
+    EXPECT_EQ(counts.noisy, 1u);
+    EXPECT_EQ(counts.total, planted.size());
+
+    // Thresholds are the caller's: a stricter dead fraction condemns the weak lone pixel too,
+    // and the noisy pixel passes a factor above its own spread.
+    DefectThresholds strict;
+    strict.deadFraction = 0.75f;
+    strict.noisyFactor = 30.0f;
+    ASSERT_EQ(builder.Analyse(strict), 1);
+    EXPECT_EQ(builder.DefectMap()[sensor.index(100, 20)], veltrano::kDefectDead);
+    EXPECT_EQ(builder.DefectMap()[sensor.index(50, 80)], veltrano::kDefectNone);
+    EXPECT_EQ(builder.Thresholds().deadFraction, 0.75f);
+}
+
+// Without six degrees of freedom the spread says nothing: no noisy or frozen pixel is judged,
+// and no good pixel is condemned by chance.
+TEST(CalibrationBuilder, JudgesTheSpreadOnlyWithEnoughExposures) {
+    for (int exposures : {2, 7}) {
+        SyntheticSensor sensor(11);
+        sensor.noisy(50, 50, 10.0);
+        sensor.frozen(60, 60);
+        CalibrationBuilder builder(sensor.width, sensor.height, sensor.cut, 1);
+        Feed(builder, sensor, exposures);
+        ASSERT_EQ(builder.Analyse(DefectThresholds()), 1);
+        const bool judged = exposures == 7;
+        EXPECT_EQ(builder.DefectMap()[sensor.index(50, 50)], judged ? veltrano::kDefectNoisy : 0);
+        EXPECT_EQ(builder.DefectMap()[sensor.index(60, 60)], judged ? veltrano::kDefectUnresponsive : 0);
+        EXPECT_EQ(builder.Counts().total, judged ? 2u : 0u) << exposures;
+    }
+}
+
+// Each frame is its level's average, with the neighbourhood's value at a defect and the level
+// in the first pixel; the levels rise with the dose.
+TEST(CalibrationBuilder, GainFramesAreTheAveragesWithTheirLevelInTheFirstPixel) {
+    SyntheticSensor sensor(5);
+    sensor.stuck(40, 30, 60000.0f);
+    CalibrationBuilder builder(sensor.width, sensor.height, sensor.cut, 4);
+    std::vector<std::vector<float>> frames;
+    Feed(builder, sensor, 3, &frames);
+    ASSERT_EQ(builder.Analyse(DefectThresholds()), 1);
+    const size_t n = frames[0].size();
+    for (int l = 0; l < 4; ++l) {
+        const uint16_t* frame = builder.GainFrame(l);
+        ASSERT_NE(frame, nullptr);
+        double bright = 0.0;
+        size_t off = 0;
+        for (int e = 0; e < 3; ++e) {
+            bright += veltrano::BrightMean(frames[3 * l + e].data(), n) / 3.0;
+        }
+        EXPECT_EQ(frame[0], builder.FrameLevel(l));
+        EXPECT_EQ(builder.FrameLevel(l), static_cast<uint32_t>(std::lround(bright)));
+        double sum = 0.0, active = 0.0;
+        for (size_t i = 1; i < n; ++i) {
+            const double average = (frames[3 * l][i] + frames[3 * l + 1][i] + frames[3 * l + 2][i]) / 3.0;
+            if (i != sensor.index(40, 30)) off += std::fabs(frame[i] - average) > 0.5 + 1e-3;
+            if (!sensor.isCut(static_cast<int>(i % 120), static_cast<int>(i / 120))) {
+                sum += average;
+                active += 1.0;
+            }
+        }
+        EXPECT_EQ(off, 0u) << l;
+        EXPECT_NEAR(builder.LevelDose(l), sum / active, 1e-3 * sum / active);
+        // The hot pixel's entry is what its neighbours read, not 60000.
+        const double around = frame[sensor.index(41, 30)];
+        EXPECT_NEAR(frame[sensor.index(40, 30)], around, 0.15 * around) << l;
+        if (l > 0) {
+            EXPECT_GT(builder.FrameLevel(l), 1.3 * builder.FrameLevel(l - 1));
+        }
+    }
+}
+
+TEST(CalibrationBuilder, RefusesWhatItCannotBuild) {
+    for (auto args : {std::vector<int>{0, 90, 12, 1}, {120, -1, 12, 1}, {70000, 10, 2, 1},
+                      {120, 90, -1, 1}, {120, 90, 12, 2}, {120, 90, 12, 0}, {1 << 15, 1 << 14, 9, 4}}) {
+        CalibrationBuilder bad(args[0], args[1], args[2], args[3]);
+        EXPECT_FALSE(bad.IsValid()) << args[0] << " " << args[1] << " " << args[2] << " " << args[3];
+        std::vector<float> frame(16, 1.0f);
+        EXPECT_EQ(bad.AddExposure(0, frame.data()), -3);
+        EXPECT_EQ(bad.Analyse(DefectThresholds()), -1);
+    }
+
+    SyntheticSensor sensor(2);
+    CalibrationBuilder builder(sensor.width, sensor.height, sensor.cut, 4);
+    const std::vector<float> dim = sensor.expose(2000), bright = sensor.expose(9000);
+    EXPECT_EQ(builder.AddExposure(0, nullptr), -1);
+    EXPECT_EQ(builder.AddExposure(1, dim.data()), -2);  // levels in order, from the first
+    ASSERT_EQ(builder.AddExposure(0, bright.data()), 1);
+    EXPECT_EQ(builder.Analyse(DefectThresholds()), -1);  // three levels without exposures
+    EXPECT_EQ(builder.AddExposure(2, dim.data()), -2);
+    ASSERT_EQ(builder.AddExposure(1, dim.data()), 1);
+    EXPECT_EQ(builder.AddExposure(0, dim.data()), -2);  // no going back
+    ASSERT_EQ(builder.AddExposure(2, sensor.expose(12000).data()), 1);
+    ASSERT_EQ(builder.AddExposure(3, sensor.expose(18000).data()), 1);
+    EXPECT_EQ(builder.Exposures(0), 1);
+    EXPECT_EQ(builder.Exposures(4), 0);
+    // The second level is darker than the first: the acquisition could not choose between them.
+    EXPECT_EQ(builder.Analyse(DefectThresholds()), -3);
+    EXPECT_FALSE(builder.IsAnalysed());
+    EXPECT_EQ(builder.GainFrame(0), nullptr);
+    EXPECT_EQ(builder.DefectMap(), nullptr);
+    EXPECT_EQ(builder.WriteFiles("a.gn", "a.dft", veltrano::CalibrationHeader()), -2);
+
+    CalibrationBuilder one(sensor.width, sensor.height, sensor.cut, 1);
+    ASSERT_EQ(one.AddExposure(0, bright.data()), 1);
+    const auto with = [](auto change) {
+        DefectThresholds t;
+        change(t);
+        return t;
+    };
+    const DefectThresholds unusable[] = {
+        with([](DefectThresholds& t) { t.deadFraction = 1.0f; }),
+        with([](DefectThresholds& t) { t.hotFraction = 0.9f; }),
+        with([](DefectThresholds& t) { t.noisyFactor = std::nanf(""); }),
+        with([](DefectThresholds& t) { t.lineFraction = 0.0f; }),
+        with([](DefectThresholds& t) { t.responseTolerance = -1.0f; }),
+        with([](DefectThresholds& t) { t.clusterMinPixels = 0; }),
+        with([](DefectThresholds& t) { t.localBlock = 0; }),
+        with([](DefectThresholds& t) { t.localRadius = 2048; }),
+    };
+    for (const DefectThresholds& t : unusable) EXPECT_EQ(one.Analyse(t), -2);
+    EXPECT_EQ(one.Analyse(DefectThresholds()), 1);
+    EXPECT_EQ(one.WriteFiles(nullptr, "a.dft", veltrano::CalibrationHeader()), -1);
+    EXPECT_EQ(one.WriteFiles("a.gn", "", veltrano::CalibrationHeader()), -1);
+}
+
+// The acquisition's own choice among four frames takes the mean of whole histogram bins from the
+// top until 5000 pixels are counted.
+TEST(CalibrationBuilder, BrightMeanTakesWholeBinsFromTheTop) {
+    std::vector<float> pixels(10000, 0.0f);
+    std::fill(pixels.begin(), pixels.begin() + 3000, 200.7f);  // bin 200
+    std::fill(pixels.begin() + 3000, pixels.begin() + 9000, 100.0f);
+    pixels[9000] = 70000.0f;  // out of range: not counted
+    pixels[9001] = -5.0f;
+    EXPECT_DOUBLE_EQ(veltrano::BrightMean(pixels.data(), pixels.size()), (3000 * 200.0 + 6000 * 100.0) / 9000);
+    std::fill(pixels.begin(), pixels.end(), 70000.0f);
+    EXPECT_EQ(veltrano::BrightMean(pixels.data(), pixels.size()), 0.0);
+    pixels.assign(100, 42.9f);  // fewer than 5000 pixels: all of them
+    EXPECT_DOUBLE_EQ(veltrano::BrightMean(pixels.data(), pixels.size()), 42.0);
+    EXPECT_EQ(veltrano::BrightMean(nullptr, 5), 0.0);
+}
+
+}  // namespace
