@@ -27,6 +27,10 @@ constexpr int kMaxRadius = 2047;
 
 bool Positive(float value) { return std::isfinite(value) && value > 0.0f; }
 
+}  // namespace
+
+namespace calibration {
+
 bool ThresholdsUsable(const DefectThresholds& t) {
     return Positive(t.deadFraction) && t.deadFraction < 1.0f && Positive(t.hotFraction) &&
            t.hotFraction > 1.0f && Positive(t.responseTolerance) && Positive(t.noisyFactor) &&
@@ -34,6 +38,10 @@ bool ThresholdsUsable(const DefectThresholds& t) {
            Positive(t.clusterEdgeDeviation) && t.clusterMinPixels >= 1 && t.localBlock >= 1 &&
            t.localRadius >= 1 && t.localRadius <= kMaxRadius;
 }
+
+}  // namespace calibration
+
+namespace {
 
 uint16_t ToSample(double value) {
     if (!(value > 0.0)) return 0;
@@ -247,7 +255,7 @@ int CalibrationBuilder::Analyse(const DefectThresholds& thresholds) {
 int CalibrationBuilder::State::analyse(const DefectThresholds& t) {
     analysed = false;
     if (std::count(exposures.begin(), exposures.end(), 0) != 0) return -1;
-    if (!ThresholdsUsable(t)) return -2;
+    if (!calibration::ThresholdsUsable(t)) return -2;
     const size_t L = static_cast<size_t>(levels);
 
     // The frames' levels: the mean of the exposures' bright means. The acquisition compares an

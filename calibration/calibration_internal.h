@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -39,5 +40,32 @@ bool DecodeHeader(const std::vector<uint8_t>& bytes, CalibrationHeader& header);
 // Writes header and body to path; on any failure removes what was written and returns false.
 bool WriteWholeFile(const std::string& path, const std::vector<uint8_t>& header,
                     const std::vector<uint8_t>& body);
+
+// False for thresholds the defect search cannot work with (see CalibrationBuilder::Analyse).
+bool ThresholdsUsable(const DefectThresholds& thresholds);
+
+// The sensor's calibration folder below a work directory, and the private one of a run.
+std::string CalibrationFolderOf(const std::string& workDir);
+std::string ScratchFolderOf(const std::string& workDir);
+
+// Every file below folder whose extension (the text after the last dot of its name) is ext, in
+// the order in which the detector's loader meets them: it takes the first.
+std::vector<std::string> FindByExtension(const std::string& folder, const std::string& ext);
+
+// The files put in place by ReplaceCalibration and the backups of the ones they replaced.
+struct Replaced {
+    std::string gain;
+    std::string defect;
+    std::string gainBackup;
+    std::string defectBackup;
+};
+
+// Puts a new gain and defect file into the calibration folder of workDir (see RunCalibration):
+// write(gainPath, defectPath) must write both files completely to the temporary paths it is
+// given. Returns true when the new files are in place; otherwise the previous calibration is as
+// it was and message says what failed.
+bool ReplaceCalibration(const std::string& workDir,
+                        const std::function<bool(const std::string&, const std::string&)>& write,
+                        Replaced& replaced, std::string& message);
 
 }  // namespace veltrano::calibration

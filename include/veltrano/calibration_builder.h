@@ -216,8 +216,8 @@ struct FlatCheckLimits {
     // Not uniform: half the distance between the 16th and the 84th percentile (one standard
     // deviation of a normal spread, not moved by defects) exceeds this fraction of the median.
     float maxNonUniformity = 0.25f;
-    // Inconsistent: the mean differs from the mean of the level's first exposure by more than
-    // this fraction of it.
+    // Inconsistent: the mean differs from the mean of the exposure before it in the same level
+    // (for the check exposure: the last exposure of the last level) by more than this fraction.
     float maxDoseChange = 0.1f;
     // Each level's mean must exceed the previous level's by at least this fraction of it.
     float minLevelStep = 0.15f;

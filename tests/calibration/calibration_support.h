@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cmath>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
@@ -104,6 +105,20 @@ inline bool InCut(size_t index, int width, int cut) {
     const long long x = static_cast<long long>(index % static_cast<size_t>(width));
     const long long y = static_cast<long long>(index / static_cast<size_t>(width));
     return y + x <= cut || x - y >= width - cut;
+}
+
+// Coefficient of variation over the pixels outside the cut corners.
+inline double ActiveCv(const float* data, size_t count, int width, int cut) {
+    double sum = 0.0, squares = 0.0, n = 0.0;
+    for (size_t i = 0; i < count; ++i) {
+        if (!InCut(i, width, cut)) {
+            sum += data[i];
+            squares += static_cast<double>(data[i]) * data[i];
+            n += 1.0;
+        }
+    }
+    const double mean = sum / n;
+    return std::sqrt(std::max(0.0, squares / n - mean * mean)) / mean;
 }
 
 }  // namespace caltest
