@@ -17,10 +17,13 @@ const char* NullDevice() {
 #endif
 }
 
+// Beside the program in a build tree; in share/veltrano/ once installed.
 std::string DefaultChainPath() {
-    const std::string beside = ExecutableDir() + "chains/default.chain";
-    if (std::ifstream(beside).good()) {
-        return beside;
+    for (const char* place : {"chains/default.chain", "../share/veltrano/chains/default.chain"}) {
+        const std::string path = ExecutableDir() + place;
+        if (std::ifstream(path).good()) {
+            return path;
+        }
     }
     return "chains/default.chain";
 }
