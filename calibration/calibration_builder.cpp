@@ -179,6 +179,7 @@ CalibrationBuilder::CalibrationBuilder(int width, int height, int cornerCut, int
     s.levels = levels;
     s.valid = width >= 1 && height >= 1 && width <= 65535 && height <= 65535 &&
               static_cast<long long>(width) * height <= kMaxPixels && cornerCut >= 0 &&
+              cornerCut < width &&
               (levels == 1 || levels == 4);
     if (s.valid) {
         s.pixels = static_cast<size_t>(width) * static_cast<size_t>(height);

@@ -6,6 +6,7 @@
 #include <fstream>
 
 #include "calibration/calibration_internal.h"
+#include "imgproc/frame_passes.h"
 
 namespace veltrano {
 namespace {
@@ -169,32 +170,32 @@ bool WriteWholeFile(const std::string& path, const std::vector<uint8_t>& header,
 FlatStatistics MeasureFlat(const float* pixels, int width, int height, int cut,
                            float saturationLevel) {
     FlatStatistics s;
-    std::vector<uint32_t> histogram(kBins, 0);
+    std::vector<int32_t> histogram(kBins, 0);
     double sum = 0.0;
     uint64_t saturated = 0;
     for (long long r = 0; r < height; ++r) {
-        for (long long c = 0; c < width; ++c) {
-            if (InCutCorner(r, c, width, cut)) continue;
-            const float v = pixels[r * width + c];
-            sum += v;
-            saturated += v >= saturationLevel;
-            const int bin = !(v > 0.0f) ? 0 : v >= 65535.0f ? kBins - 1 : static_cast<int>(v);
-            ++histogram[static_cast<size_t>(bin)];
-            ++s.pixels;
-        }
+        long long first = 0, end = 0;
+        ActiveSpan(r, width, cut, first, end);
+        if (first >= end) continue;
+        const float* row = pixels + r * width + first;
+        const size_t n = static_cast<size_t>(end - first);
+        CountFloatBins(row, n, FloatBinRule::Clamped, histogram.data());
+        sum += SumInDouble(row, n);
+        for (size_t i = 0; i < n; ++i) saturated += row[i] >= saturationLevel;
+        s.pixels += n;
     }
     if (s.pixels == 0) {
         return s;
     }
     s.mean = sum / static_cast<double>(s.pixels);
     s.saturatedFraction = static_cast<double>(saturated) / static_cast<double>(s.pixels);
-    // The first bin at which the running count passes each fraction of the pixels.
+    // The first bin at which the running count reaches each fraction of the pixels.
     const double targets[3] = {0.16, 0.5, 0.84};
     int* results[3] = {&s.p16, &s.median, &s.p84};
     uint64_t running = 0;
     size_t next = 0;
     for (int bin = 0; bin < kBins && next < 3; ++bin) {
-        running += histogram[static_cast<size_t>(bin)];
+        running += static_cast<uint64_t>(histogram[static_cast<size_t>(bin)]);
         while (next < 3 && static_cast<double>(running) >= targets[next] * static_cast<double>(s.pixels)) {
             *results[next++] = bin;
         }
@@ -206,11 +207,11 @@ double CoefficientOfVariation(const float* pixels, int width, int height, int cu
     double sum = 0.0;
     double n = 0.0;
     for (long long r = 0; r < height; ++r) {
-        for (long long c = 0; c < width; ++c) {
-            if (!InCutCorner(r, c, width, cut)) {
-                sum += pixels[r * width + c];
-                n += 1.0;
-            }
+        long long first = 0, end = 0;
+        ActiveSpan(r, width, cut, first, end);
+        if (first < end) {
+            sum += SumInDouble(pixels + r * width + first, static_cast<size_t>(end - first));
+            n += static_cast<double>(end - first);
         }
     }
     if (n == 0.0 || sum == 0.0) {
@@ -219,11 +220,11 @@ double CoefficientOfVariation(const float* pixels, int width, int height, int cu
     const double mean = sum / n;
     double squares = 0.0;
     for (long long r = 0; r < height; ++r) {
-        for (long long c = 0; c < width; ++c) {
-            if (!InCutCorner(r, c, width, cut)) {
-                const double d = pixels[r * width + c] - mean;
-                squares += d * d;
-            }
+        long long first = 0, end = 0;
+        ActiveSpan(r, width, cut, first, end);
+        for (long long c = first; c < end; ++c) {
+            const double d = pixels[r * width + c] - mean;
+            squares += d * d;
         }
     }
     return std::sqrt(squares / n) / mean;
@@ -251,13 +252,9 @@ double BrightMean(const float* pixels, unsigned long long count) {
     if (pixels == nullptr) {
         return 0.0;
     }
-    std::vector<uint32_t> histogram(kBins, 0);
-    for (unsigned long long i = 0; i < count; ++i) {
-        const float v = pixels[i];
-        if (v > -1.0f && v < static_cast<float>(kBins)) {
-            ++histogram[static_cast<size_t>(v)];
-        }
-    }
+    // The same bins as the acquisition's choice among four gain frames.
+    std::vector<int32_t> histogram(kBins, 0);
+    CountFloatBins(pixels, static_cast<size_t>(count), FloatBinRule::InRangeOnly, histogram.data());
     double weighted = 0.0;
     double counted = 0.0;
     for (int bin = kBins - 1; bin >= 0 && counted < 5000.0; --bin) {

@@ -17,6 +17,12 @@ inline bool InCutCorner(long long row, long long column, long long width, long l
     return row + column <= cut || column - row >= width - cut;
 }
 
+// The columns of a row outside the cut corners: [first, end), empty when first >= end.
+inline void ActiveSpan(long long row, long long width, long long cut, long long& first, long long& end) {
+    first = row > cut ? 0 : cut - row + 1;
+    end = width - cut + row < width ? width - cut + row : width;
+}
+
 // What the checks of a calibration run look at, over the pixels outside the cut corners.
 struct FlatStatistics {
     uint64_t pixels = 0;

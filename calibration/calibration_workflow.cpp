@@ -307,6 +307,7 @@ int Run::execute() {
     if (!problem.empty()) return fail(kCalibrationRefused, problem + "; nothing was changed");
     ++taken_;
 
+    if (cancelled()) return fail(kCalibrationCancelled, "cancelled; nothing was changed");
     report(options_.levels, 0, "finding the defective pixels", 91);
     const int analysed = builder.Analyse(options_.thresholds);
     if (analysed == -3) {
@@ -356,6 +357,8 @@ int Run::verifyAndCommit(CVeltrano& detector, CalibrationBuilder& builder, const
                            100.0 * header.cvAfter, 100.0 * options_.checks.maxCorrectedCv));
     }
 
+    // The last moment a cancel is heeded: once the files are being replaced, that finishes.
+    if (cancelled()) return fail(kCalibrationCancelled, "cancelled; nothing was changed");
     report(options_.levels, 0, "replacing the calibration", 97);
     calibration::Replaced replaced;
     std::string message;

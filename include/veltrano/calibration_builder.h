@@ -154,8 +154,8 @@ public:
     CalibrationBuilder(const CalibrationBuilder&) = delete;
     CalibrationBuilder& operator=(const CalibrationBuilder&) = delete;
 
-    // False for dimensions below 1, above 65535 or of more than 2^28 pixels, a corner cut below 0,
-    // or a level count other than 1 and 4; every call then fails.
+    // False for dimensions below 1, above 65535 or of more than 2^28 pixels, a corner cut below 0
+    // or not below the width, or a level count other than 1 and 4; every call then fails.
     bool IsValid() const;
     int Width() const;
     int Height() const;

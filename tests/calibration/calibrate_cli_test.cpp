@@ -13,86 +13,55 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class CalibrateCli : public testing::Test {
-protected:
-    void SetUp() override {
-        program_ = fs::absolute("veltrano");
-        if (!fs::exists(program_)) {
-            GTEST_SKIP() << "the veltrano program is not part of this build";
-        }
-        caltest::WriteText(dir.path() / "VirtualSensor.ini",
-                           "[VirtualSensor]\nSensorSize=1000\nSeed=8\nExposureMs=0\n");
-    }
-    struct Outcome {
-        int code;
-        std::string out, err;
-    };
-    Outcome Run(const std::string& args) const {
-        const std::string out = dir / "stdout.txt", err = dir / "stderr.txt";
-        const std::string command = "'" + program_.string() + "' calibrate " + args + " </dev/null >'" +
-                                    out + "' 2>'" + err + "'";
-        const int status = std::system(command.c_str());
-        auto text = [](const std::string& path) {
-            const auto bytes = caltest::ReadBytes(path);
-            return std::string(bytes.begin(), bytes.end());
-        };
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, text(out), text(err)};
-    }
-    fs::path program_;
+TEST(CalibrateCli, CalibratesTheVirtualSensorReportsAndRefusesBadUse) {
+    const fs::path program = fs::absolute("veltrano");
+    if (!fs::exists(program)) GTEST_SKIP() << "the veltrano program is not part of this build";
     caltest::TempFolder dir;
-};
+    caltest::WriteText(dir.path() / "VirtualSensor.ini", "[VirtualSensor]\nSensorSize=1000\nSeed=8\nExposureMs=0\n");
+    // Exit code, standard output and standard error of one run.
+    auto run = [&](const std::string& args) {
+        const std::string command = "'" + program.string() + "' calibrate --workdir '" + dir.str() + "' " + args +
+                                    " </dev/null >'" + (dir / "out") + "' 2>'" + (dir / "err") + "'";
+        const int status = std::system(command.c_str());
+        const auto out = caltest::ReadBytes(dir / "out"), err = caltest::ReadBytes(dir / "err");
+        return std::make_tuple(WIFEXITED(status) ? WEXITSTATUS(status) : -1, std::string(out.begin(), out.end()),
+                               std::string(err.begin(), err.end()));
+    };
 
-TEST_F(CalibrateCli, CalibratesTheVirtualSensorAndReportsWhatItFound) {
-    const std::string work = "--workdir '" + dir.str() + "'";
-    Outcome first = Run(work + " --levels 1 --exposures 2");
-    ASSERT_EQ(first.code, 0) << first.err;
+    auto [code, out, err] = run("--levels 1 --exposures 2");
+    ASSERT_EQ(code, 0) << err;
     for (const char* part : {"calibration of sensor VS1000-00000008 (size 1000: 1000 x 1500 pixels)",
-                             "previous:     none", "defective pixels: ", "in defective columns     1500 (1 column",
+                             "previous:     none", "in defective columns     1500 (1 column)",
                              "flat-field variation of the check exposure: ", "report image: "}) {
-        EXPECT_NE(first.out.find(part), std::string::npos) << part << "\n" << first.out;
+        EXPECT_NE(out.find(part), std::string::npos) << part << "\n" << out;
     }
-    EXPECT_NE(first.err.find("virtual source at 1.00 of its dose"), std::string::npos) << first.err;
-    EXPECT_NE(first.err.find("[100%] done"), std::string::npos) << first.err;
-    EXPECT_TRUE(fs::exists(dir.calibration() / "Calibration.gn"));
-    EXPECT_TRUE(fs::exists(dir.calibration() / "Calibration.dft"));
-    if (first.out.find("not written") == std::string::npos) {
+    EXPECT_NE(err.find("virtual source at 1.00 of its dose"), std::string::npos) << err;
+    if (out.find("not written") == std::string::npos) {  // a build with PNG support
         const auto png = caltest::ReadBytes(dir.path() / "calibration-report.png");
         ASSERT_GT(png.size(), 24u);
-        EXPECT_EQ(std::string(png.begin() + 1, png.begin() + 4), "PNG");
-        const int width = png[18] << 8 | png[19], height = png[22] << 8 | png[23];
-        EXPECT_EQ(width, 3 * 1000 + 2 * 12);  // raw, corrected, defects
-        EXPECT_EQ(height, 1500);
+        EXPECT_EQ((png[18] << 8 | png[19]) * 10000 + (png[22] << 8 | png[23]), 3024 * 10000 + 1500);
     }
-
     // A second run keeps the first run's files beside the new ones.
-    const auto firstGain = caltest::ReadBytes(dir.calibration() / "Calibration.gn");
-    Outcome second = Run(work + " --levels 1 --exposures 2 --yes");
-    ASSERT_EQ(second.code, 0) << second.err;
-    EXPECT_NE(second.out.find("Calibration.gn.previous"), std::string::npos) << second.out;
-    EXPECT_EQ(caltest::ReadBytes(dir.calibration() / "Calibration.gn.previous"), firstGain);
-
+    const auto first = caltest::ReadBytes(dir.calibration() / "Calibration.gn");
+    std::tie(code, out, err) = run("--levels 1 --exposures 2 --yes");
+    ASSERT_EQ(code, 0) << err;
+    EXPECT_NE(out.find("Calibration.gn.previous"), std::string::npos) << out;
+    EXPECT_EQ(caltest::ReadBytes(dir.calibration() / "Calibration.gn.previous"), first);
     // The virtual sensor's own files, as before.
-    Outcome own = Run(work + " --virtual --frames 4");
-    ASSERT_EQ(own.code, 0) << own.err;
+    ASSERT_EQ(std::get<0>(run("--virtual --frames 4")), 0);
     EXPECT_EQ(caltest::ReadBytes(dir.calibration() / "VirtualSensor.gn").size(), 1040u + 4 * 2 * 1000 * 1500);
-}
 
-TEST_F(CalibrateCli, RefusesBadUseWithoutTouchingTheCalibration) {
-    const std::string work = "--workdir '" + dir.str() + "'";
-    for (const char* args : {"--levels 2", "--exposures 1", "--exposures 65", "--frames 4",
-                             "--virtual --levels 4", "--virtual --frames 3", "--bogus"}) {
-        const Outcome o = Run(work + " " + args);
-        EXPECT_EQ(o.code, 2) << args;
-        EXPECT_NE(o.err.find("usage: veltrano calibrate"), std::string::npos) << args << o.err;
+    const auto before = caltest::Snapshot(dir.calibration());
+    for (const char* args : {"--levels 2", "--exposures 1", "--frames 4", "--virtual --levels 4", "--bogus"}) {
+        std::tie(code, out, err) = run(args);
+        EXPECT_EQ(code, 2) << args;
+        EXPECT_NE(err.find("usage: veltrano calibrate"), std::string::npos) << args << err;
     }
-    Outcome missing = Run("--workdir '" + dir.str() + "/missing'");
-    EXPECT_EQ(missing.code, 1);
-    EXPECT_NE(missing.err.find("missing: is not a folder"), std::string::npos) << missing.err;
     caltest::WriteText(dir.path() / "VirtualSensor.ini", "[VirtualSensor]\nSensorSize=7\n");
-    Outcome refused = Run(work);
-    EXPECT_EQ(refused.code, 1);
-    EXPECT_NE(refused.err.find("could not be loaded or started (code 10)"), std::string::npos) << refused.err;
-    EXPECT_FALSE(fs::exists(dir.calibration()));
+    std::tie(code, out, err) = run("");
+    EXPECT_EQ(code, 1);
+    EXPECT_NE(err.find("could not be loaded or started (code 10)"), std::string::npos) << err;
+    EXPECT_TRUE(caltest::Snapshot(dir.calibration()) == before);
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 #include <cstring>
 
 #include "calibration_support.h"
-#include "synthetic_sensor.h"
 #include "veltrano/calibration_builder.h"
 
 namespace {
@@ -104,48 +103,6 @@ TEST(CalibrationHeader, AVersionOneHeaderIsReadByThisAndLaterVersions) {
     ASSERT_EQ(veltrano::ReadCalibrationHeader((dir / "two.dft").c_str(), later), 1);
     EXPECT_EQ(later.version, 2u);
     ExpectVersionOneFields(later);
-}
-
-TEST(CalibrationHeader, WhatTheBuilderWritesReadsBackFieldForField) {
-    caltest::SyntheticSensor sensor(4, 64, 48, 6);
-    veltrano::CalibrationBuilder builder(64, 48, 6, 1);
-    ASSERT_EQ(builder.AddExposure(0, sensor.expose(20000).data()), 1);
-    veltrano::DefectThresholds t;
-    t.hotFraction = 1.75f;
-    ASSERT_EQ(builder.Analyse(t), 1);
-    CalibrationHeader written;
-    builder.DescribeIn(written);
-    written.sensorSize = 1000;
-    written.serialNumber = std::string(40, 'S');  // longer than the field
-    written.created = 1700000000;
-    written.cvBefore = 0.07f;
-    written.cvAfter = 0.011f;
-    TempFolder dir;
-    ASSERT_EQ(builder.WriteFiles((dir / "x.gn").c_str(), (dir / "x.dft").c_str(), written), 1);
-    EXPECT_EQ(caltest::ReadBytes(dir / "x.gn").size(), 1040u + 64 * 48 * 2);
-    EXPECT_EQ(caltest::ReadBytes(dir / "x.dft").size(), 1040u + 64 * 48);
-    for (const char* name : {"x.gn", "x.dft"}) {
-        CalibrationHeader h;
-        ASSERT_EQ(veltrano::ReadCalibrationHeader((dir / name).c_str(), h), 1);
-        EXPECT_EQ(h.kind, name[2] == 'g' ? CalibrationHeader::kGainFile : CalibrationHeader::kDefectFile);
-        EXPECT_EQ(h.version, 1u);
-        EXPECT_EQ(h.width, 64u);
-        EXPECT_EQ(h.height, 48u);
-        EXPECT_EQ(h.cornerCut, 6);
-        EXPECT_EQ(h.sensorSize, 1000);
-        EXPECT_EQ(h.serialNumber, std::string(31, 'S'));
-        EXPECT_EQ(h.frames, 1u);
-        EXPECT_EQ(h.levels[0], builder.FrameLevel(0));
-        EXPECT_EQ(h.levels[1], 0u);
-        EXPECT_EQ(h.doses[0], builder.LevelDose(0));
-        EXPECT_EQ(h.exposures, 1u);
-        EXPECT_EQ(h.created, 1700000000);
-        EXPECT_EQ(h.thresholds.hotFraction, 1.75f);
-        EXPECT_EQ(h.thresholds.localRadius, t.localRadius);
-        EXPECT_EQ(h.defects.total, builder.Counts().total);
-        EXPECT_EQ(h.cvBefore, 0.07f);
-        EXPECT_EQ(h.cvAfter, 0.011f);
-    }
 }
 
 TEST(CalibrationHeader, RefusesWhatIsNotAHeaderOfOurs) {

@@ -48,7 +48,7 @@ TEST(CalibrationFiles, OneAndFourLevelFilesRoundTripThroughTheDetectorsLoader) {
     for (int levels : {1, 4}) {
         SCOPED_TRACE(levels);
         caltest::SyntheticSensor sensor(7, 1000, 1500, 211);
-        sensor.stuck(500, 700, 0.0f);
+        sensor.plant(500, 700, caltest::Stuck(0));
         veltrano::CalibrationBuilder builder(1000, 1500, 211, levels);
         for (int l = 0; l < levels; ++l) {
             for (int e = 0; e < 2; ++e) {

@@ -1,8 +1,9 @@
-// A small synthetic sensor for the builder's tests: smooth shading and pixel-to-pixel gain,
-// dark offsets, noise that grows with the signal, and defects of every kind planted where the
-// test wants them. Exposures are deterministic for a given seed.
+// A small synthetic sensor for the builder's tests: smooth shading and pixel-to-pixel gain, dark
+// offsets, noise that grows with the signal, and planted pixels that read what the test wants.
+// Exposures are deterministic for a given seed.
 #pragma once
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <functional>
@@ -12,89 +13,56 @@
 namespace caltest {
 
 struct SyntheticSensor {
-    int width = 120;
-    int height = 90;
-    int cut = 12;
-    std::vector<float> gain;
-    std::vector<float> dark;
-    // A planted pixel: what it reads for a dose, ignoring the sensor's own model (noise included).
-    std::vector<std::function<float(double dose, std::mt19937& noise)>> planted;
+    // What a planted pixel reads, from its gain, the dose, its dark offset and a unit normal draw.
+    using Reading = std::function<double(double gain, double dose, double dark, double unit)>;
+
+    int width, height, cut;
+    std::vector<float> gain, dark;
+    std::vector<Reading> planted;
     std::mt19937 noise;
 
     explicit SyntheticSensor(uint32_t seed = 1, int w = 120, int h = 90, int c = 12)
-        : width(w), height(h), cut(c), noise(seed) {
-        const size_t n = static_cast<size_t>(w) * h;
-        gain.resize(n);
-        dark.resize(n);
-        planted.resize(n);
-        std::normal_distribution<double> pixel(0.0, 0.03);
-        for (int y = 0; y < h; ++y) {
-            for (int x = 0; x < w; ++x) {
-                const size_t i = static_cast<size_t>(y) * w + x;
-                const double shading = 1.0 + 0.08 * std::sin(x / 23.0) * std::cos(y / 31.0);
-                gain[i] = static_cast<float>(shading * (1.0 + pixel(noise)));
-                dark[i] = static_cast<float>(50.0 + 5.0 * pixel(noise) / 0.03);
-            }
+        : width(w), height(h), cut(c), gain(size_t(w) * h), dark(gain.size()), planted(gain.size()), noise(seed) {
+        std::normal_distribution<double> unit(0.0, 1.0);
+        for (size_t i = 0; i < gain.size(); ++i) {
+            const double x = double(i % size_t(w)), y = double(i / size_t(w));
+            gain[i] = float((1.0 + 0.08 * std::sin(x / 23.0) * std::cos(y / 31.0)) * (1.0 + 0.03 * unit(noise)));
+            dark[i] = float(50.0 + 5.0 * unit(noise));
         }
     }
 
-    size_t index(int x, int y) const { return static_cast<size_t>(y) * width + x; }
+    size_t index(int x, int y) const { return size_t(y) * width + x; }
     bool isCut(int x, int y) const { return y + x <= cut || x - y >= width - cut; }
+    void plant(int x, int y, Reading reading) { planted[index(x, y)] = std::move(reading); }
 
-    // What a good pixel reads on average.
-    double expected(size_t i, double dose) const { return gain[i] * dose + dark[i]; }
+    // An ordinary pixel: gain x dose + dark offset, and noise of variance 2 x signal + 36.
+    static double Good(double g, double dose, double dark, double unit) {
+        return g * dose + dark + std::sqrt(2.0 * g * dose + 36.0) * unit;
+    }
 
     std::vector<float> expose(double dose) {
         std::vector<float> frame(gain.size(), 0.0f);
         std::normal_distribution<double> unit(0.0, 1.0);
         for (int y = 0; y < height; ++y) {
             for (int x = 0; x < width; ++x) {
-                const size_t i = index(x, y);
                 if (isCut(x, y)) continue;  // no pixel there
-                double v = planted[i] ? planted[i](dose, noise)
-                                      : expected(i, dose) +
-                                            std::sqrt(2.0 * gain[i] * dose + 36.0) * unit(noise);
-                frame[i] = static_cast<float>(std::round(std::clamp(v, 0.0, 65535.0)));
+                const size_t i = index(x, y);
+                const double v = (planted[i] ? planted[i] : Good)(gain[i], dose, dark[i], unit(noise));
+                frame[i] = float(std::round(std::clamp(v, 0.0, 65535.0)));
             }
         }
         return frame;
     }
-
-    // Plants a pixel stuck at a value, one that reads a fraction of what it should, and so on.
-    void stuck(int x, int y, float value) {
-        planted[index(x, y)] = [value](double, std::mt19937&) { return value; };
-    }
-    void scaled(int x, int y, double factor) {
-        const size_t i = index(x, y);
-        planted[i] = [this, i, factor](double dose, std::mt19937& n) {
-            std::normal_distribution<double> unit(0.0, 1.0);
-            return static_cast<float>(factor * gain[i] * dose + dark[i] +
-                                      std::sqrt(2.0 * factor * gain[i] * dose + 36.0) * unit(n));
-        };
-    }
-    // Reads slope x dose + intercept (times its gain): follows the dose, but too weakly.
-    void weakResponse(int x, int y, double slope, double intercept) {
-        const size_t i = index(x, y);
-        planted[i] = [this, i, slope, intercept](double dose, std::mt19937&) {
-            return static_cast<float>(gain[i] * (slope * dose + intercept) + dark[i]);
-        };
-    }
-    void noisy(int x, int y, double factor) {
-        const size_t i = index(x, y);
-        planted[i] = [this, i, factor](double dose, std::mt19937& n) {
-            std::normal_distribution<double> unit(0.0, 1.0);
-            return static_cast<float>(expected(i, dose) +
-                                      factor * std::sqrt(2.0 * gain[i] * dose + 36.0) * unit(n));
-        };
-    }
-    // Follows the dose exactly, without any noise: a pixel that does not see the radiation
-    // but copies its neighbours' mean would, for instance.
-    void frozen(int x, int y) {
-        const size_t i = index(x, y);
-        planted[i] = [this, i](double dose, std::mt19937&) {
-            return static_cast<float>(std::round(expected(i, dose)));
-        };
-    }
 };
+
+inline SyntheticSensor::Reading Stuck(double value) {
+    return [value](double, double, double, double) { return value; };
+}
+// A good pixel with its gain scaled.
+inline SyntheticSensor::Reading Scaled(double factor) {
+    return [factor](double g, double dose, double dark, double unit) {
+        return SyntheticSensor::Good(factor * g, dose, dark, unit);
+    };
+}
 
 }  // namespace caltest
