@@ -90,12 +90,21 @@ bool ReadJournal(const std::string& path, std::vector<Change>& changes) {
     return false;
 }
 
+// Copies a file to a name whose previous file, if any, is removed first. (The standard
+// library's overwriting copy takes every pair of files on Windows for one and the same file.)
+bool CopyFresh(const std::string& from, const std::string& to, std::error_code& ec) {
+    fs::remove(to, ec);
+    if (!ec) {
+        fs::copy_file(from, to, ec);
+    }
+    return !ec;
+}
+
 // Replaces `to` by a copy of `from` in one rename, so that `to` is never half-written.
 bool CopyOver(const std::string& from, const std::string& to) {
     const std::string temporary = to + kNewSuffix;
     std::error_code ec;
-    fs::copy_file(from, temporary, fs::copy_options::overwrite_existing, ec);
-    if (!ec) {
+    if (CopyFresh(from, temporary, ec)) {
         fs::rename(temporary, to, ec);
     }
     if (ec) {
@@ -197,8 +206,7 @@ bool ReplaceCalibration(const std::string& workDir,
         const bool existed = Exists(target);
         changes.push_back({true, target, existed ? target + kBackupSuffix : std::string()});
         if (existed) {
-            fs::copy_file(target, target + kBackupSuffix, fs::copy_options::overwrite_existing, ec);
-            if (ec) {
+            if (!CopyFresh(target, target + kBackupSuffix, ec)) {
                 removeNew();
                 message = "the previous calibration file " + target + " could not be kept as " +
                           target + kBackupSuffix;

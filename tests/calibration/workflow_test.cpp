@@ -55,13 +55,14 @@ bool ExtensionIs(const std::string& path, const std::string& ext) {
 }
 
 TEST_F(Calibration, BuildsFilesFromTheSensorsOwnExposuresAndKeepsTheOldOnes) {
-    // The sensor's previous calibration, a stray gain file in a sub-folder, and what an
-    // interrupted run left behind.
+    // The sensor's previous calibration with an older backup, a stray gain file in a
+    // sub-folder, and what an interrupted run left behind.
     ASSERT_EQ(Driver().writeCalibration(work.str().c_str(), 1), 0);
     const auto oldGain = caltest::ReadBytes(work.calibration() / "VirtualSensor.gn");
     const auto oldDefects = caltest::ReadBytes(work.calibration() / "VirtualSensor.dft");
     caltest::WriteText(work.calibration() / "old" / "stray.gn", "an older gain file");
     caltest::WriteText(work.calibration() / "VirtualSensor.gn.veltrano-new", "half");
+    caltest::WriteText(work.calibration() / "VirtualSensor.gn.previous", "an older backup");
     caltest::WriteText(work.path() / "calibration-scratch" / "Correct" / "Default" / "x.gn", "junk");
 
     veltrano::CalibrationCallbacks callbacks = VirtualCallbacks(4);
@@ -300,7 +301,7 @@ TEST(CalibrationRecovery, UndoesAnInterruptedReplacementFromItsJournal) {
                            "aside\t" + f + "/sub/B.gn\t" + f + "/sub/B.gn.previous\nend\n");
     std::string message;
     EXPECT_EQ(veltrano::RecoverCalibrationFolder(work.str().c_str(), message), 1);
-    EXPECT_NE(message.find("undone"), std::string::npos);
+    EXPECT_NE(message.find("undone"), std::string::npos) << message;
     const auto text = [&](const fs::path& p) {
         const auto bytes = caltest::ReadBytes(p);
         return std::string(bytes.begin(), bytes.end());
