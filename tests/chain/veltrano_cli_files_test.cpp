@@ -300,7 +300,7 @@ TEST_F(VeltranoCli, AStopBeforeTheSensorIsArmedIsReportedAsStopped) {
     // acquisition there, before the sensor is armed, until this test opens the other end.
     fs::create_directories(dir_ / "w");
     Write("w/VirtualSensor.ini", "[VirtualSensor]\nSensorSize=1000\nExposureMs=50\n");
-    ASSERT_EQ(Veltrano("calibrate --workdir w").first, 0);
+    ASSERT_EQ(Veltrano("calibrate --workdir w --virtual").first, 0);
     const fs::path defects = dir_ / "w/Correct/Default/VirtualSensor.dft";
     ASSERT_TRUE(fs::remove(defects));
     ASSERT_EQ(::mkfifo(defects.c_str(), 0600), 0);
@@ -352,12 +352,13 @@ TEST_F(VeltranoCli, WorkFoldersAndLogsThatCannotServeAreRefusedBeforeTheExposure
     fs::create_directories(dir_ / "nocalibration");
     fs::create_directories(dir_ / "fifolog");
     ASSERT_EQ(::mkfifo((dir_ / "fifolog/veltrano.log").c_str(), 0600), 0);
-    ASSERT_EQ(Veltrano("calibrate --workdir w").first, 0);
+    ASSERT_EQ(Veltrano("calibrate --workdir w --virtual").first, 0);
     const char* cases[][2] = {
         {"info --workdir missing", "missing: is not a folder"},
         {"info --workdir fifo", "fifo: is not a folder"},
         {"acquire --workdir file --out out.png", "file: is not a folder"},
-        {"calibrate --workdir file", "file: cannot be created"},
+        {"calibrate --workdir file --virtual", "file: cannot be created"},
+        {"calibrate --workdir file", "file: is not a folder"},
         {"acquire --workdir w --out missing/out.png",
          "missing/out.png: cannot be written: the folder missing does not exist"},
         {"acquire --workdir w --out fifo", "fifo: is a FIFO, not a regular file"},

@@ -170,7 +170,7 @@ int RunAcquire(int argc, char** argv) {
     return kExitDone;
 }
 
-int RunCalibrate(int argc, char** argv) {
+int RunVirtualCalibrate(int argc, char** argv) {
     const Options options(argc, argv, 2, {"workdir", "frames"});
     if (options.Help()) {
         std::fputs(kCalibrateUsage, stdout);

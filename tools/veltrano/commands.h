@@ -20,6 +20,8 @@ int RunDemo(int argc, char** argv);
 int RunAcquire(int argc, char** argv);
 int RunProcess(int argc, char** argv);
 int RunCalibrate(int argc, char** argv);
+// The virtual sensor writes its own calibration files (calibrate --virtual, without the switch).
+int RunVirtualCalibrate(int argc, char** argv);
 int RunInfo(int argc, char** argv);
 
 // Shared by the subcommands.
