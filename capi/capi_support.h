@@ -19,6 +19,7 @@ namespace veltrano::capi {
 // The last-error text of the calling thread. A fixed buffer, so that reporting an error can
 // itself never fail for want of memory.
 void ClearLastError() noexcept;
+bool HasLastError() noexcept;
 void SetLastError(const char* format, ...) noexcept
 #if defined(__GNUC__)
     __attribute__((format(printf, 1, 2)))
@@ -39,13 +40,14 @@ inline bool NonZeroFails(int result) { return result != 0; }
 inline bool NotOneFails(int result) { return result != 1; }
 
 // Runs call, which returns the C++ function's int result, so that no exception escapes: the
-// last error is cleared first and set when the result fails by `fails` or an exception arrives.
+// last error is cleared first and set when the result fails by `fails` (unless call set a more
+// telling text itself) or an exception arrives.
 template <class Call>
 int Guard(const char* function, Call&& call, bool (*fails)(int) = NegativeFails) noexcept {
     ClearLastError();
     try {
         const int result = call();
-        if (fails(result)) {
+        if (fails(result) && !HasLastError()) {
             SetLastError("%s returned %d", function, result);
         }
         return result;

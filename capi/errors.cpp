@@ -17,6 +17,8 @@ thread_local char t_lastError[512];
 
 void ClearLastError() noexcept { t_lastError[0] = '\0'; }
 
+bool HasLastError() noexcept { return t_lastError[0] != '\0'; }
+
 void SetLastError(const char* format, ...) noexcept {
     va_list args;
     va_start(args, format);
