@@ -895,7 +895,7 @@ public:
     }
 
     // One exposure on a worker thread, while this thread reports the progress to `progress`
-    // (each new value, the last one included) and watches for KeyboardInterrupt; an exception
+    // (each new value after the reset to 0, the last one included) and watches for KeyboardInterrupt; an exception
     // from either stops the acquisition and is raised once it has ended. Returns (code, image or
     // None, message).
     py::tuple acquire(int delayTime, int triggerMode, int triggerThreshold, py::object progress) {
@@ -924,7 +924,7 @@ public:
             worker.join();
         };
         try {
-            int last = -1;
+            int last = 0;  // the value it was reset to: not news
             for (bool done = false; !done;) {
                 {
                     py::gil_scoped_release unlocked;
