@@ -131,8 +131,8 @@ class Detector:
         """One exposure: a float32 array (height, width) of corrected 16-bit sensor values.
 
         Blocks until the image has arrived; other Python threads run meanwhile, and any of them
-        may call stop(). ``progress`` is called on this thread with each new progress value
-        (6 armed ... 11 handed over). The end sign and progress are reset before the exposure,
+        may call stop(). ``progress`` is called on this thread with each new progress value it
+        sees (6 armed ... 11 handed over; it looks every 20 ms). The end sign and progress are reset before the exposure,
         the user stop is not: after stop(), call reset_user_stop() before the next one.
         Raises DetectorError with the acquisition's code and message when no image came, or
         when a setting could not be written (codes -4 to -7, the image then in ``image``).
