@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "acquisition.h"
+#include "dicom_output.h"
 #include "host_system.h"
 #include "options.h"
 #include "png_io.h"
@@ -50,7 +51,10 @@ int ReportExposure(const std::string& subject, const ExposureResult& exposure) {
 }
 
 int RunProcess(int argc, char** argv) {
-    const Options options(argc, argv, 2, {"chain", "in", "out", "width", "height", "type", "header"});
+    std::set<std::string> names = {"chain", "in", "out", "width", "height", "type", "header",
+                                   kPixelPitchOption};
+    names.insert(DicomOptionNames().begin(), DicomOptionNames().end());
+    const Options options(argc, argv, 2, names);
     if (options.Help()) {
         std::fputs(kProcessUsage, stdout);
         return kExitDone;
@@ -69,10 +73,18 @@ int RunProcess(int argc, char** argv) {
         if (!options.Has("width") || !options.Has("height") || !options.Has("type")) {
             throw UsageError("a raw input needs --width, --height and --type");
         }
-    } else if (!IsPngPath(in)) {
-        throw UsageError("'" + in + "' is not a .png file: give --width, --height and --type "
-                         "to read it as a raw file");
+    } else if (!IsPngPath(in) && !vdicom::IsDicomPath(in)) {
+        throw UsageError("'" + in + "' is not a .png or .dcm file: give --width, --height and "
+                         "--type to read it as a raw file");
     }
+    const bool dicomIn = !raw && vdicom::IsDicomPath(in);
+    if (dicomIn && HasDicomIdentityOptions(options)) {
+        throw UsageError("the patient and study of a DICOM input are kept: the patient options "
+                         "cannot change them");
+    }
+    vdicom::DicomIdentity identity = DicomIdentityFromOptions(options);
+    vdicom::DicomDetector detector;
+    detector.pixelPitchMm = PixelPitchFromOptions(options);
 
     std::string error;
     if (!CheckInputFile(chain, error)) {
@@ -82,9 +94,24 @@ int RunProcess(int argc, char** argv) {
         return Fail(out, kNoPngSupport);
     }
     Image16 image;
-    const bool read = raw ? ReadRawImage(in, layout, image, error) : ReadPngImage(in, image, error);
+    vdicom::DicomSource source;
+    const bool read = raw       ? ReadRawImage(in, layout, image, error)
+                      : dicomIn ? ReadDicomImage(in, image, source, error)
+                                : ReadPngImage(in, image, error);
     if (!read) {
         return Fail(in, error);
+    }
+    if (dicomIn) {
+        // The processed image joins the input's study and refers back to it.
+        identity = source.identity;
+        const double pitch = detector.pixelPitchMm;
+        detector = source.detector;
+        if (pitch > 0.0) {
+            detector.pixelPitchMm = pitch;
+        }
+    }
+    if (!CheckDicomOutput(out, detector.pixelPitchMm, error)) {
+        return Fail(out, error);
     }
     // The output is checked, and its temporary file made, before the chain runs.
     PendingOutput output;
@@ -95,7 +122,11 @@ int RunProcess(int argc, char** argv) {
     if (!RunChain(chain, image, result, error)) {
         return Fail(chain, error);
     }
-    if (!WriteImage(output, out, result, error)) {
+    const bool written = vdicom::IsDicomPath(out)
+                             ? WriteDicomImage(output, result, vdicom::DicomImageKind::ForPresentation,
+                                               identity, detector, error)
+                             : WriteImage(output, out, result, error);
+    if (!written) {
         return Fail(out, error);
     }
     std::printf("wrote %s (%u x %u)\n", out.c_str(), result.width, result.height);
@@ -103,9 +134,10 @@ int RunProcess(int argc, char** argv) {
 }
 
 int RunAcquire(int argc, char** argv) {
-    const Options options(argc, argv, 2,
-                          {"workdir", "delay", "trigger-mode", "threshold", "chain", "out"},
-                          {"verbose"});
+    std::set<std::string> names = {"workdir", "delay", "trigger-mode", "threshold", "chain", "out",
+                                   kPixelPitchOption};
+    names.insert(DicomOptionNames().begin(), DicomOptionNames().end());
+    const Options options(argc, argv, 2, names, {"verbose"});
     if (options.Help()) {
         std::fputs(kAcquireUsage, stdout);
         return kExitDone;
@@ -118,6 +150,9 @@ int RunAcquire(int argc, char** argv) {
     settings.threshold = static_cast<int>(options.Integer("threshold", settings.threshold, 0,
                                                           1000000));
     const std::string chain = options.Text("chain", "");
+    const vdicom::DicomIdentity identity = DicomIdentityFromOptions(options);
+    vdicom::DicomDetector sensor;
+    sensor.pixelPitchMm = PixelPitchFromOptions(options);
     if (!CheckWorkDir(workDir)) {
         return Fail(workDir, "is not a folder");
     }
@@ -127,6 +162,9 @@ int RunAcquire(int argc, char** argv) {
     }
     if (IsPngPath(out) && !PngSupported()) {
         return Fail(out, kNoPngSupport);  // before the exposure, not after it
+    }
+    if (!CheckDicomOutput(out, sensor.pixelPitchMm, error)) {
+        return Fail(out, error);
     }
     const std::string logPath = LogPathIn(workDir);
     if (!options.Has("verbose") && !CheckWritableFile(logPath, error)) {
@@ -149,6 +187,8 @@ int RunAcquire(int argc, char** argv) {
         if (!OpenDetector(detector, error)) {
             return Fail(workDir, error);
         }
+        sensor.serialNumber = detector.GetDectectorSerialNum();
+        sensor.sensorSize = detector.GetSensorSize();
         exposure = TakeExposure(detector, settings, frame);
         CloseDetector(detector);
     }
@@ -163,7 +203,14 @@ int RunAcquire(int argc, char** argv) {
         }
         image.pixels.swap(processed.pixels);
     }
-    if (!WriteImage(output, out, image, error)) {
+    const bool written =
+        vdicom::IsDicomPath(out)
+            ? WriteDicomImage(output, image,
+                              chain.empty() ? vdicom::DicomImageKind::ForProcessing
+                                            : vdicom::DicomImageKind::ForPresentation,
+                              identity, sensor, error)
+            : WriteImage(output, out, image, error);
+    if (!written) {
         return Fail(out, error);
     }
     std::printf("wrote %s (%u x %u)\n", out.c_str(), image.width, image.height);

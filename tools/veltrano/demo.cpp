@@ -8,6 +8,7 @@
 
 #include "acquisition.h"
 #include "commands.h"
+#include "dicom_output.h"
 #include "host_system.h"
 #include "options.h"
 #include "png_io.h"
@@ -28,6 +29,10 @@ const char kSensorIni[] =
     "ExposureMs=300\n"
     "Seed=20240601\n";
 
+// The virtual sensor's pixels stand for 20 micrometres: size 2000 then covers 26 x 36 mm, as an
+// intra-oral sensor of that size does.
+constexpr double kVirtualPixelPitchMm = 0.02;
+
 class Stopwatch {
 public:
     double Lap() {
@@ -44,7 +49,9 @@ private:
 }  // namespace
 
 int RunDemo(int argc, char** argv) {
-    const Options options(argc, argv, 2, {"out", "chain"});
+    std::set<std::string> names = {"out", "chain"};
+    names.insert(DicomOptionNames().begin(), DicomOptionNames().end());
+    const Options options(argc, argv, 2, names);
     if (options.Help()) {
         std::fputs(kDemoUsage, stdout);
         return kExitDone;
@@ -54,6 +61,9 @@ int RunDemo(int argc, char** argv) {
     if (!PngSupported()) {
         return Fail((outDir / "corrected.png").string(), kNoPngSupport);
     }
+    const vdicom::DicomIdentity identity = DicomIdentityFromOptions(options);
+    vdicom::DicomDetector sensor;
+    sensor.pixelPitchMm = kVirtualPixelPitchMm;
     std::string error;
     if (!CheckChain(chain, error)) {
         return Fail(chain, error);
@@ -109,6 +119,8 @@ int RunDemo(int argc, char** argv) {
             return Fail(workDir.string(), error);
         }
         openSeconds = watch.Lap();
+        sensor.serialNumber = detector.GetDectectorSerialNum();
+        sensor.sensorSize = detector.GetSensorSize();
         exposure = TakeExposure(detector, ExposureSettings{}, frame);
         acquireSeconds = watch.Lap();
         CloseDetector(detector);
@@ -144,6 +156,15 @@ int RunDemo(int argc, char** argv) {
     if (!WritePreview(previewPath, preview.width, preview.height, preview.pixels, error)) {
         return Fail(previewPath, error);
     }
+    const std::string dicomPath = (outDir / "processed.dcm").string();
+    if (vdicom::DicomSupported()) {
+        PendingOutput output;
+        if (!output.Open(dicomPath, error) ||
+            !WriteDicomImage(output, processed, vdicom::DicomImageKind::ForPresentation, identity,
+                             sensor, error)) {
+            return Fail(dicomPath, error);
+        }
+    }
     std::printf("  %-28s %6.2f s\n", "images written", watch.Lap());
     std::printf("wrote %s (%u x %u, 16-bit)\n", correctedPath.c_str(), corrected.width,
                 corrected.height);
@@ -151,6 +172,12 @@ int RunDemo(int argc, char** argv) {
                 processed.height);
     std::printf("wrote %s (%u x %u, 8-bit: corrected | processed)\n", previewPath.c_str(),
                 preview.width, preview.height);
+    if (vdicom::DicomSupported()) {
+        std::printf("wrote %s (%u x %u, DICOM intra-oral image for presentation)\n",
+                    dicomPath.c_str(), processed.width, processed.height);
+    } else {
+        std::printf("DICOM: not available (DCMTK was not found when this program was built)\n");
+    }
     std::printf("library log: %s\n", logPath.c_str());
     return kExitDone;
 }

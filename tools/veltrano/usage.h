@@ -26,10 +26,22 @@ inline const char kDemoUsage[] =
     "  DIR/corrected.png  the corrected exposure (16-bit grayscale)\n"
     "  DIR/processed.png  after the post-processing chain (16-bit grayscale)\n"
     "  DIR/preview.png    both side by side, for viewing (8-bit)\n"
+    "  DIR/processed.dcm  the processed image as DICOM (in a build with DCMTK)\n"
     "The library's console lines go to DIR/veltrano.log.\n"
     "\n"
     "  --out DIR     output folder (default demo-out)\n"
-    "  --chain FILE  chain file (default: chains/default.chain shipped with the program)\n";
+    "  --chain FILE  chain file (default: chains/default.chain shipped with the program)\n"
+    "\n"
+    "DICOM (.dcm; needs a build with DCMTK): a Digital Intra-Oral X-Ray Image, \"for processing\"\n"
+    "when unprocessed, \"for presentation\" after a chain. Without patient options the patient\n"
+    "is written as unknown. Bad values are refused before anything is acquired or processed.\n"
+    "  --patient-name NAME         Family^Given (UTF-8, at most 64 characters)\n"
+    "  --patient-id ID             at most 64 characters\n"
+    "  --birth-date DATE           YYYYMMDD or YYYY-MM-DD\n"
+    "  --sex M|F|O\n"
+    "  --study-description TEXT    at most 64 characters\n"
+    "  --tooth NN                  FDI number (11-48, 51-85): gives the side and the jaw\n"
+    "  --accession NUMBER          at most 16 characters\n";
 
 inline const char kAcquireUsage[] =
     "usage: veltrano acquire --workdir DIR [--delay MS] [--trigger-mode 6|7]\n"
@@ -46,7 +58,19 @@ inline const char kAcquireUsage[] =
     "  --threshold N       trigger threshold (default 100)\n"
     "  --chain FILE        post-processing chain to run on the image\n"
     "  --verbose           show the library's console lines (default: DIR/veltrano.log)\n"
-    "  --out FILE          output image\n";
+    "  --out FILE          output image\n"
+    "\n"
+    "DICOM (.dcm; needs a build with DCMTK): a Digital Intra-Oral X-Ray Image, \"for processing\"\n"
+    "when unprocessed, \"for presentation\" after a chain. Without patient options the patient\n"
+    "is written as unknown. Bad values are refused before anything is acquired or processed.\n"
+    "  --patient-name NAME         Family^Given (UTF-8, at most 64 characters)\n"
+    "  --patient-id ID             at most 64 characters\n"
+    "  --birth-date DATE           YYYYMMDD or YYYY-MM-DD\n"
+    "  --sex M|F|O\n"
+    "  --study-description TEXT    at most 64 characters\n"
+    "  --tooth NN                  FDI number (11-48, 51-85): gives the side and the jaw\n"
+    "  --accession NUMBER          at most 16 characters\n"
+    "  --pixel-pitch MM            the sensor's pixel pitch, needed for a .dcm output\n";
 
 inline const char kProcessUsage[] =
     "usage: veltrano process --chain FILE --in IMAGE --out IMAGE\n"
@@ -56,7 +80,21 @@ inline const char kProcessUsage[] =
     "its layout is given. Raw element codes: 0 int8, 1 uint8, 2 int16, 3 uint16, 4 int32,\n"
     "5 uint32, 6 int64, 7 uint64, 8 float32, 9 float64 (little-endian); values are clamped to\n"
     "0..65535 and rounded. An output ending in .png gets a 16-bit PNG, any other a raw file of\n"
-    "32-bit floats (element code 8). A failed run leaves an existing output file untouched.\n";
+    "32-bit floats (element code 8). A failed run leaves an existing output file untouched.\n"
+    "An input ending in .dcm is read as DICOM (16-bit grey, one frame); its patient and study\n"
+    "are kept and the output joins that study, referring back to the input.\n"
+    "\n"
+    "DICOM (.dcm; needs a build with DCMTK): a Digital Intra-Oral X-Ray Image, \"for processing\"\n"
+    "when unprocessed, \"for presentation\" after a chain. Without patient options the patient\n"
+    "is written as unknown. Bad values are refused before anything is acquired or processed.\n"
+    "  --patient-name NAME         Family^Given (UTF-8, at most 64 characters)\n"
+    "  --patient-id ID             at most 64 characters\n"
+    "  --birth-date DATE           YYYYMMDD or YYYY-MM-DD\n"
+    "  --sex M|F|O\n"
+    "  --study-description TEXT    at most 64 characters\n"
+    "  --tooth NN                  FDI number (11-48, 51-85): gives the side and the jaw\n"
+    "  --accession NUMBER          at most 16 characters\n"
+    "  --pixel-pitch MM            the pixel pitch for a .dcm output from a PNG or raw input\n";
 
 inline const char kCalibrateUsage[] =
     "usage: veltrano calibrate --workdir DIR [--levels 1|4] [--exposures N] [--yes] [--verbose]\n"

@@ -1,0 +1,116 @@
+// The program's DICOM outputs and inputs, run as a host runs the program.
+#include "chain/cli_support.h"
+
+#if !defined(_WIN32)
+#include <dcmtk/config/osconfig.h>
+#include <dcmtk/dcmdata/dcdeftag.h>
+#include <dcmtk/dcmdata/dcfilefo.h>
+
+namespace {
+using cli_test::ReadAll;
+using cli_test::VeltranoCli;
+namespace fs = std::filesystem;
+
+std::string Field(const fs::path& file, const DcmTagKey& tag) {
+    DcmFileFormat dicom;
+    if (dicom.loadFile(file.c_str()).bad()) {
+        return "(unreadable)";
+    }
+    OFString value;
+    dicom.getDataset()->findAndGetOFStringArray(tag, value);
+    return value.c_str();
+}
+
+class VeltranoDicom : public VeltranoCli {
+protected:
+    // dciodvfy's error lines for a file in the test's folder (empty: none).
+    std::string Errors(const std::string& name) const {
+        Shell("dciodvfy '" + name + "' 2>&1 | grep Error > dciodvfy.txt; true");
+        return ReadAll(dir_ / "dciodvfy.txt");
+    }
+};
+
+TEST_F(VeltranoDicom, AcquireProcessAndDemoWriteValidImagesOfOneStudy) {
+    if (std::system("command -v dciodvfy >/dev/null 2>&1") != 0) {
+        GTEST_SKIP() << "dciodvfy (dicom3tools) is not installed";
+    }
+    fs::create_directories(dir_ / "w");
+    Write("w/VirtualSensor.ini", "[VirtualSensor]\nSensorSize=1000\nExposureMs=50\n");
+    ASSERT_EQ(Veltrano("calibrate --workdir w --virtual").first, 0);
+
+    // Without patient options, and with all of them.
+    auto run = Veltrano("acquire --workdir w --pixel-pitch 0.02 --out plain.dcm");
+    ASSERT_EQ(run.first, 0) << run.second;
+    EXPECT_EQ(Errors("plain.dcm"), "");
+    EXPECT_EQ(Field(dir_ / "plain.dcm", DCM_PatientName), "UNKNOWN^PATIENT");
+    EXPECT_EQ(Field(dir_ / "plain.dcm", DCM_PresentationIntentType), "FOR PROCESSING");
+
+    run = Veltrano("acquire --workdir w --pixel-pitch 0.02 --patient-name 'Doe^Jane' "
+                   "--patient-id 42 --birth-date 1980-01-31 --sex F --study-description Check "
+                   "--tooth 21 --accession A1 --out named.dcm");
+    ASSERT_EQ(run.first, 0) << run.second;
+    EXPECT_EQ(Errors("named.dcm"), "");
+    EXPECT_EQ(Field(dir_ / "named.dcm", DCM_PatientBirthDate), "19800131");
+    EXPECT_EQ(Field(dir_ / "named.dcm", DCM_ImageLaterality), "L");
+    EXPECT_EQ(Field(dir_ / "named.dcm", DCM_Rows), "1500");
+
+    // process: the output joins the input's study and keeps its patient.
+    run = Veltrano("process --chain '" + (fs::absolute("chains") / "default.chain").string() +
+                   "' --in named.dcm --out processed.dcm");
+    ASSERT_EQ(run.first, 0) << run.second;
+    EXPECT_EQ(Errors("processed.dcm"), "");
+    EXPECT_EQ(Field(dir_ / "processed.dcm", DCM_StudyInstanceUID),
+              Field(dir_ / "named.dcm", DCM_StudyInstanceUID));
+    EXPECT_EQ(Field(dir_ / "processed.dcm", DCM_PatientName), "Doe^Jane");
+    EXPECT_EQ(Field(dir_ / "processed.dcm", DCM_PresentationIntentType), "FOR PRESENTATION");
+
+    run = Veltrano("demo --out demo --patient-name 'M\xC3\xBCller^Eva' --tooth 46");
+    ASSERT_EQ(run.first, 0) << run.second;
+    EXPECT_EQ(Errors("demo/processed.dcm"), "");
+    EXPECT_EQ(Field(dir_ / "demo/processed.dcm", DCM_SpecificCharacterSet), "ISO_IR 192");
+    // A viewer's reader renders it.
+    if (std::system("command -v dcm2pnm >/dev/null 2>&1") == 0) {
+        EXPECT_EQ(Shell("dcm2pnm demo/processed.dcm demo/view.pgm").first, 0);
+        EXPECT_TRUE(fs::exists(dir_ / "demo/view.pgm"));
+    }
+}
+
+TEST_F(VeltranoDicom, BadValuesAndInputsAreRefusedWithoutOutput) {
+    fs::create_directories(dir_ / "w");
+    Write("w/VirtualSensor.ini", "[VirtualSensor]\nSensorSize=1000\nExposureMs=50\n");
+    ASSERT_EQ(Veltrano("calibrate --workdir w --virtual").first, 0);
+    Write("old.dcm", "previous content");
+    const std::string chain = (fs::absolute("chains") / "default.chain").string();
+    const std::pair<const char*, const char*> cases[] = {
+        // Refused before the exposure: exit 2 and the option's own message.
+        {"acquire --workdir w --pixel-pitch 0.02 --tooth 19 --out old.dcm", "--tooth: '19'"},
+        {"acquire --workdir w --pixel-pitch 0.02 --birth-date 1980-02-30 --out old.dcm",
+         "--birth-date: '1980-02-30' is not a valid date"},
+        {"acquire --workdir w --pixel-pitch 0.02 --sex Q --out old.dcm", "--sex: 'Q'"},
+        {"acquire --workdir w --pixel-pitch abc --out old.dcm", "--pixel-pitch needs"},
+        {"acquire --workdir w --out old.dcm", "needs the sensor's pixel pitch"},
+        {"process --chain CHAIN --in text.dcm --out old.dcm", "text.dcm: is not a readable DICOM"},
+    };
+    Write("text.dcm", "not DICOM");
+    for (const auto& c : cases) {
+        std::string args = c.first;
+        const size_t at = args.find("CHAIN");
+        if (at != std::string::npos) {
+            args.replace(at, 5, chain);
+        }
+        const auto run = Veltrano(args);
+        EXPECT_NE(run.first, 0) << args;
+        EXPECT_NE(run.second.find(c.second), std::string::npos) << args << "\n" << run.second;
+        EXPECT_EQ(ReadAll(dir_ / "old.dcm"), "previous content") << args;
+    }
+    // The patient of a DICOM input cannot be changed on the way through.
+    ASSERT_EQ(Veltrano("acquire --workdir w --pixel-pitch 0.02 --out in.dcm").first, 0);
+    const auto run = Veltrano("process --chain '" + chain + "' --in in.dcm --patient-id 7 --out old.dcm");
+    EXPECT_EQ(run.first, 2);
+    EXPECT_NE(run.second.find("patient and study of a DICOM input are kept"), std::string::npos)
+        << run.second;
+    EXPECT_FALSE(fs::exists(dir_ / "old.dcm.part"));
+}
+
+}  // namespace
+#endif
