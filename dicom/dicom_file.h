@@ -45,8 +45,8 @@ struct DicomImage {
 };
 
 // Writes a new Digital Intra-Oral X-Ray Image instance to `path` (the file as given, replaced if
-// present: the program gives the temporary file of its atomic write). The identity is checked
-// with ValidateIdentity first. Bits stored cover the largest value; the window spans the values
+// present: the program gives the temporary file of its atomic write). A new identity is checked
+// with ValidateIdentity first; one read from an input file is written as it came. Bits stored cover the largest value; the window spans the values
 // between the 0.5 % and 99.5 % points of the histogram. With an identity read from an input file
 // the image joins that file's study in a series of its own and refers back to the input.
 bool WriteDicom(const std::string& path, const DicomImage& image, DicomImageKind kind,

@@ -179,11 +179,13 @@ bool WriteDicom(const std::string& path, const DicomImage& image, DicomImageKind
         return false;
     }
     DicomIdentity id = given;
-    if (!ValidateIdentity(id, error)) {
+    const bool derived = !id.sourceSopInstanceUid.empty();
+    // What a user entered is checked; what came from an input file is kept as that file has it
+    // (a name with ideographic forms, say), converted to UTF-8 by the reader.
+    if (!derived && !ValidateIdentity(id, error)) {
         return false;
     }
     const bool forProcessing = kind == DicomImageKind::ForProcessing;
-    const bool derived = !id.sourceSopInstanceUid.empty();
     const Clock now = Now();
     const std::string acquisitionDate =
         detector.acquisitionDate.empty() ? now.date : detector.acquisitionDate;
@@ -446,6 +448,7 @@ bool ReadDicom(const std::string& path, DicomImage& image, DicomSource& source,
         error = "is damaged: it ends before its pixel data does";
         return false;
     }
+    std::vector<uint16_t> pixels(data, data + needed);
     if (!Get(dataset, DCM_SpecificCharacterSet).empty() &&
         Get(dataset, DCM_SpecificCharacterSet) != "ISO_IR 192" &&
         dataset->convertToUTF8().bad()) {
@@ -456,7 +459,7 @@ bool ReadDicom(const std::string& path, DicomImage& image, DicomSource& source,
 
     image.width = columns;
     image.height = rows;
-    image.pixels.assign(data, data + needed);
+    image.pixels.swap(pixels);
     if (stored < 16) {
         const uint16_t mask = static_cast<uint16_t>((1u << stored) - 1);
         for (uint16_t& value : image.pixels) {

@@ -44,6 +44,8 @@ TEST_F(VeltranoDicom, AcquireProcessAndDemoWriteValidImagesOfOneStudy) {
     EXPECT_EQ(Errors("plain.dcm"), "");
     EXPECT_EQ(Field(dir_ / "plain.dcm", DCM_PatientName), "UNKNOWN^PATIENT");
     EXPECT_EQ(Field(dir_ / "plain.dcm", DCM_PresentationIntentType), "FOR PROCESSING");
+    // Drawn as radiographs are read (enamel bright), the sensor's values unchanged.
+    EXPECT_EQ(Field(dir_ / "plain.dcm", DCM_PhotometricInterpretation), "MONOCHROME1");
 
     run = Veltrano("acquire --workdir w --pixel-pitch 0.02 --patient-name 'Doe^Jane' "
                    "--patient-id 42 --birth-date 1980-01-31 --sex F --study-description Check "

@@ -124,7 +124,8 @@ int RunProcess(int argc, char** argv) {
     }
     const bool written = vdicom::IsDicomPath(out)
                              ? WriteDicomImage(output, result, vdicom::DicomImageKind::ForPresentation,
-                                               identity, detector, error)
+                                               identity, detector, error,
+                                               dicomIn ? source.photometric : kSensorPhotometric)
                              : WriteImage(output, out, result, error);
     if (!written) {
         return Fail(out, error);

@@ -68,7 +68,7 @@ bool CheckDicomOutput(const std::string& target, double pitchMm, std::string& er
 
 bool WriteDicomImage(PendingOutput& output, const Image16& image, vdicom::DicomImageKind kind,
                      const vdicom::DicomIdentity& identity, const vdicom::DicomDetector& detector,
-                     std::string& error) {
+                     std::string& error, vdicom::DicomPhotometric photometric) {
     // DCMTK writes by name: the temporary file made for us is closed and written again.
     if (!output.CloseFile(error)) {
         return false;
@@ -77,11 +77,8 @@ bool WriteDicomImage(PendingOutput& output, const Image16& image, vdicom::DicomI
     dicom.width = image.width;
     dicom.height = image.height;
     dicom.pixels = image.pixels;
-    // The sensor's values are high where little absorbs. MONOCHROME1 draws them dark, so that a
-    // viewer shows enamel bright, as the demo's preview and every radiograph do, while the
-    // values stay exactly as the sensor and the chain gave them.
     if (!vdicom::WriteDicom(output.TemporaryPath(), dicom, kind, identity, detector, error,
-                            vdicom::DicomPhotometric::Monochrome1)) {
+                            photometric)) {
         return false;
     }
     return output.Commit(error);

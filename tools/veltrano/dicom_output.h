@@ -30,10 +30,16 @@ double PixelPitchFromOptions(const Options& options);
 // pixel pitch (pitchMm 0). Returns false with a description of the problem.
 bool CheckDicomOutput(const std::string& target, double pitchMm, std::string& error);
 
+// How the program's own images are drawn. The sensor's values are high where little absorbs;
+// MONOCHROME1 draws them dark, so that a viewer shows enamel bright, as the demo's preview and
+// every radiograph do, while the values stay exactly as the sensor and the chain gave them.
+constexpr vdicom::DicomPhotometric kSensorPhotometric = vdicom::DicomPhotometric::Monochrome1;
+
 // Writes the image as DICOM into an opened output and commits it.
 bool WriteDicomImage(PendingOutput& output, const Image16& image, vdicom::DicomImageKind kind,
                      const vdicom::DicomIdentity& identity, const vdicom::DicomDetector& detector,
-                     std::string& error);
+                     std::string& error,
+                     vdicom::DicomPhotometric photometric = kSensorPhotometric);
 
 // Reads a DICOM input as a 16-bit image (the caller names the file in errors).
 bool ReadDicomImage(const std::string& path, Image16& image, vdicom::DicomSource& source,
