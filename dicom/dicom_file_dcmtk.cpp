@@ -10,6 +10,7 @@
 
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcdeftag.h>
+#include <dcmtk/dcmdata/dcdict.h>
 #include <dcmtk/dcmdata/dcfilefo.h>
 #include <dcmtk/dcmdata/dcrledrg.h>
 #include <dcmtk/dcmdata/dcuid.h>
@@ -26,6 +27,16 @@ constexpr uint64_t kMaxPixels = uint64_t(1) << 28;
 
 // The tooth travels in the image comments in these words, and is read back from them.
 const char kToothComment[] = "FDI tooth ";
+
+// DCMTK names elements through its data dictionary, a file of its installation; without it no
+// file can be read or written correctly.
+bool DictionaryLoaded(std::string& error) {
+    if (dcmDataDict.isDictionaryLoaded()) {
+        return true;
+    }
+    error = "cannot be handled: DCMTK's data dictionary is not loaded (see DCMDICTPATH)";
+    return false;
+}
 
 // DCMTK's own log would print on the console; the program reports failures in its own words.
 void QuietDcmtk() {
@@ -169,6 +180,9 @@ bool WriteDicom(const std::string& path, const DicomImage& image, DicomImageKind
                 const DicomIdentity& given, const DicomDetector& detector, std::string& error,
                 DicomPhotometric photometric) {
     QuietDcmtk();
+    if (!DictionaryLoaded(error)) {
+        return false;
+    }
     if (image.width == 0 || image.height == 0 || image.width > 65535 || image.height > 65535 ||
         image.pixels.size() != static_cast<size_t>(image.width) * image.height) {
         error = "image size does not match its pixels or exceeds 65535 x 65535";
@@ -378,6 +392,9 @@ bool WriteDicom(const std::string& path, const DicomImage& image, DicomImageKind
 bool ReadDicom(const std::string& path, DicomImage& image, DicomSource& source,
                std::string& error) {
     QuietDcmtk();
+    if (!DictionaryLoaded(error)) {
+        return false;
+    }
     DcmFileFormat file;
     const OFCondition loaded = file.loadFile(path.c_str());
     if (loaded.bad()) {
