@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <mutex>
@@ -151,6 +152,19 @@ unsigned BitsFor(uint16_t largest) {
     return std::max(bits, 6u);  // DX images store 6 to 16 bits
 }
 
+// Text from the driver, made fit for a DICOM string of at most maxChars: a backslash would
+// split the value and control characters are not allowed.
+std::string Clean(const std::string& text, size_t maxChars) {
+    std::string clean = text.substr(0, maxChars);
+    for (char& c : clean) {
+        const unsigned char u = static_cast<unsigned char>(c);
+        if (c == '\\' || u < 0x20 || u >= 0x7F) {
+            c = '_';
+        }
+    }
+    return clean;
+}
+
 std::string Get(DcmItem* item, const DcmTagKey& tag) {
     OFString value;
     if (item->findAndGetOFStringArray(tag, value).good()) {
@@ -264,11 +278,11 @@ bool WriteDicom(const std::string& path, const DicomImage& image, DicomImageKind
     // Equipment and detector.
     put.Empty(DCM_Manufacturer);
     if (!detector.serialNumber.empty()) {
-        put.Text(DCM_DeviceSerialNumber, detector.serialNumber.substr(0, 64));
-        put.Text(DCM_DetectorID, detector.serialNumber.substr(0, 16));
+        put.Text(DCM_DeviceSerialNumber, Clean(detector.serialNumber, 64));
+        put.Text(DCM_DetectorID, Clean(detector.serialNumber, 16));
     }
     if (!detector.softwareVersion.empty()) {
-        put.Text(DCM_SoftwareVersions, detector.softwareVersion.substr(0, 64));
+        put.Text(DCM_SoftwareVersions, Clean(detector.softwareVersion, 64));
     }
     put.Empty(DCM_DetectorType);
     if (detector.sensorSize > 0) {

@@ -3,6 +3,7 @@
 #include <cstdlib>
 
 #include "options.h"
+#include "veltrano_c.h"
 
 namespace vcli {
 
@@ -77,7 +78,9 @@ bool WriteDicomImage(PendingOutput& output, const Image16& image, vdicom::DicomI
     dicom.width = image.width;
     dicom.height = image.height;
     dicom.pixels = image.pixels;
-    if (!vdicom::WriteDicom(output.TemporaryPath(), dicom, kind, identity, detector, error,
+    vdicom::DicomDetector written = detector;
+    written.softwareVersion = std::string("veltrano ") + vt_version();
+    if (!vdicom::WriteDicom(output.TemporaryPath(), dicom, kind, identity, written, error,
                             photometric)) {
         return false;
     }
