@@ -1,5 +1,5 @@
 # Thin wrapper over the CMake presets (CMakePresets.json holds the real configuration).
-.PHONY: all build test demo bench clean
+.PHONY: all build test demo bench fuzz soak clean
 
 all: build
 
@@ -18,10 +18,29 @@ demo:
 	cmake --build --preset release --target veltrano_cli
 	./build/release/bin/veltrano demo
 
+# Benchmarks (bench preset; needs Google Benchmark and OpenCV, Debian's libbenchmark-dev and
+# libopencv-dev). Builds both benchmark programs and runs the comparison with OpenCV: every pair
+# on one thread, then the correlation core (filter2D_32F) on two threads as well; about a minute
+# in all. docs/performance.md explains the report. The per-function Google Benchmark program is
+# built but not run here: ./build/bench/bin/veltrano_bench --benchmark_min_time=0.2
 bench:
 	cmake --preset bench
 	cmake --build --preset bench
-	./build/bench/bin/veltrano_bench --benchmark_min_time=0.2
+	./build/bench/bin/veltrano_compare
+	./build/bench/bin/veltrano_compare --threads 2 --filter '^filter2D'
+
+# Every fuzz target for FUZZ_SECONDS each (clang, AddressSanitizer, UBSan); docs/reliability.md.
+FUZZ_SECONDS ?= 60
+fuzz:
+	cmake --preset fuzz
+	cmake --build --preset fuzz
+	fuzz/run_fuzzers.sh $(FUZZ_SECONDS)
+
+# The soak test under AddressSanitizer; VELTRANO_SOAK_ACQUISITIONS=N for a longer run.
+soak:
+	cmake --preset asan
+	cmake --build --preset asan --target test_soak
+	ctest --preset soak
 
 clean:
 	rm -rf build

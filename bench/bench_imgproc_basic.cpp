@@ -222,16 +222,31 @@ void BM_Median_Blur_16U(benchmark::State& state) {
 }
 
 void BM_Median_Blur_8U(benchmark::State& state) {
+    const int r = static_cast<int>(state.range(0));
     auto src = Frame8();
     std::vector<uint8_t> dst(kPixels);
-    for (auto _ : state) Median_Blur(src.data(), dst.data(), kWidth, kHeight, 1, 3);
+    for (auto _ : state) Median_Blur(src.data(), dst.data(), kWidth, kHeight, r, 3);
     Finish(state, dst);
 }
 
 void BM_Median_Blur_32F(benchmark::State& state) {
+    const int r = static_cast<int>(state.range(0));
     auto src = FrameF();
     std::vector<float> dst(kPixels);
-    for (auto _ : state) Median_Blur(src.data(), dst.data(), kWidth, kHeight, 1, 6);
+    for (auto _ : state) Median_Blur(src.data(), dst.data(), kWidth, kHeight, r, 6);
+    Finish(state, dst);
+}
+
+// Signed 16-bit: the frame shifted down by half the range, so that it holds negative values.
+void BM_Median_Blur_16S(benchmark::State& state) {
+    const int r = static_cast<int>(state.range(0));
+    static const std::vector<int16_t> src = [] {
+        std::vector<int16_t> f(kPixels);
+        for (size_t i = 0; i < kPixels; ++i) f[i] = static_cast<int16_t>(Frame16()[i] - 32768);
+        return f;
+    }();
+    std::vector<int16_t> dst(kPixels);
+    for (auto _ : state) Median_Blur(const_cast<int16_t*>(src.data()), dst.data(), kWidth, kHeight, r, 5);
     Finish(state, dst);
 }
 
@@ -360,17 +375,18 @@ BENCHMARK(BM_EquHist_16U)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_EquHist_8U)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_filter2D_16U)->Arg(3)->Arg(5)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_filter2D_8U)->Arg(3)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_filter2D_32F)->Arg(3)->Arg(7)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_filter2D_32F)->Arg(1)->Arg(3)->Arg(5)->Arg(7)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_getGaussker_32F)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_getGaussker_64F)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_gaussFilter_16U)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_gaussFilter_8U)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_gaussFilter_32F)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Box_Filter_16U)->Arg(1)->Arg(5)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Box_Filter_16U)->Arg(1)->Arg(2)->Arg(5)->Arg(10)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Box_Filter_32F)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Median_Blur_16U)->Arg(1)->Arg(2)->Arg(3)->Arg(4)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Median_Blur_8U)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Median_Blur_32F)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Median_Blur_16U)->Arg(1)->Arg(2)->Arg(3)->Arg(4)->Arg(10)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Median_Blur_8U)->Arg(1)->Arg(3)->Arg(7)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Median_Blur_32F)->Arg(1)->Arg(2)->Arg(4)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Median_Blur_16S)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_ImgFix)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_FixBadPixel)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_edgeClip_16U)->Unit(benchmark::kMillisecond);

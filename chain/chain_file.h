@@ -9,6 +9,7 @@
 // running any processing step.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <istream>
 #include <string>
@@ -27,12 +28,28 @@ struct ChainFile {
 // True when the line closes a block: it begins with "end" ("ending=1;" does, "x=1;end" not).
 inline bool ClosesBlock(const std::string& line) { return line.compare(0, 3, "end") == 0; }
 
-// Reads all lines of the stream and splits them into blocks.
+// The most of a chain file that is read; the rest is ignored as if the file ended there.
+constexpr size_t kMaxChainFileBytes = size_t(16) << 20;
+
+// Reads the lines of the stream (up to kMaxChainFileBytes) and splits them into blocks. Lines
+// end at a line feed; text after the last one is a line of its own, as std::getline reads it.
 inline ChainFile ReadChainFile(std::istream& in) {
+    std::string all;
+    char chunk[1 << 14];
+    while (all.size() < kMaxChainFileBytes && in) {
+        const size_t wanted = std::min(sizeof chunk, kMaxChainFileBytes - all.size());
+        in.read(chunk, static_cast<std::streamsize>(wanted));
+        all.append(chunk, static_cast<size_t>(in.gcount()));
+    }
+
     ChainFile file;
     Block current;
     std::string line;
-    while (std::getline(in, line)) {
+    for (size_t start = 0; start < all.size();) {
+        size_t end = all.find('\n', start);
+        if (end == std::string::npos) end = all.size();
+        line.assign(all, start, end - start);
+        start = end + 1;
         // A file written on Windows keeps its carriage returns when read elsewhere; drop them so
         // that the same chain file gives the same text and fields on every system.
         if (!line.empty() && line.back() == '\r') {

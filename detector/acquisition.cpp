@@ -1,5 +1,6 @@
 // One exposure: the hand-shake with the host, arming the sensor, waiting for the callback's
 // image, the corrections and the outlier statistics.
+#include <algorithm>
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -7,6 +8,7 @@
 
 #include "detector/detector_internal.h"
 #include "detector/driver_binding.h"
+#include "imgproc/frame_passes.h"
 #include "platform/system.h"
 #include "veltrano/detector.h"
 
@@ -22,20 +24,12 @@ namespace {
 
 constexpr int kHistogramBins = 65536;
 
-// A sample as a histogram bin: truncated towards zero and clamped to 0..65535 (NaN to 0).
-int ClampedBin(float value) {
-    if (!(value > 0.0f)) {
-        return 0;
-    }
-    if (value >= 65535.0f) {
-        return kHistogramBins - 1;
-    }
-    return static_cast<int>(value);
-}
-
-// The two upper corners (triangles of side cornerCut) are left out of the statistics.
-bool OutsideCutCorners(long long row, long long column, long long columns, long long cornerCut) {
-    return row + column > cornerCut && column - row < columns - cornerCut;
+// The columns c of row r with r + c > cornerCut and c - r < columns - cornerCut, the pixels
+// outside the two cut upper corners: begin .. end (exclusive), empty when begin >= end.
+void ColumnsOutsideCutCorners(long long r, long long columns, long long cornerCut, long long& begin,
+                              long long& end) {
+    begin = std::max(0LL, cornerCut - r + 1);
+    end = std::min(columns, columns - cornerCut + r);
 }
 
 }  // namespace
@@ -217,12 +211,15 @@ void CVeltrano::CalcOutlierMarks(const imgmat& image, int cornerCut, int& lowLev
     const long long rows = static_cast<long long>(image.height);
     const long long columns = static_cast<long long>(image.width);
 
+    // The pixels outside the two corners form one run of columns per row.
     std::vector<int32_t> histogram(kHistogramBins, 0);
     for (long long r = 0; r < rows; ++r) {
-        for (long long c = 0; c < columns; ++c) {
-            if (OutsideCutCorners(r, c, columns, cornerCut)) {
-                ++histogram[ClampedBin(image.data[r * columns + c])];
-            }
+        long long begin = 0;
+        long long end = 0;
+        ColumnsOutsideCutCorners(r, columns, cornerCut, begin, end);
+        if (begin < end) {
+            veltrano::CountFloatBins(image.data + r * columns + begin, static_cast<size_t>(end - begin),
+                                     veltrano::FloatBinRule::Clamped, histogram.data());
         }
     }
 
@@ -258,13 +255,17 @@ void CVeltrano::CalcOutlierMarks(const imgmat& image, int cornerCut, int& lowLev
         return;
     }
     marks = 0.0f;
+    const float low = static_cast<float>(lowLevel);
+    const float high = static_cast<float>(highLevel);
     for (long long r = 0; r < rows && r < markRows; ++r) {
-        for (long long c = 0; c < columns && c < markColumns; ++c) {
-            const float value = image.data[r * columns + c];
-            if (OutsideCutCorners(r, c, columns, cornerCut) &&
-                (value < static_cast<float>(lowLevel) || value > static_cast<float>(highLevel))) {
-                marks.data[r * markColumns + c] = 1.0f;
-            }
+        long long begin = 0;
+        long long end = 0;
+        ColumnsOutsideCutCorners(r, columns, cornerCut, begin, end);
+        end = std::min(end, markColumns);
+        const float* values = image.data + r * columns;
+        float* row = marks.data + r * markColumns;
+        for (long long c = begin; c < end; ++c) {
+            row[c] = (values[c] < low || values[c] > high) ? 1.0f : row[c];
         }
     }
 }

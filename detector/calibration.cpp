@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "detector/detector_internal.h"
+#include "imgproc/frame_passes.h"
 #include "platform/directory.h"
 #include "veltrano/defect_repair.h"
 #include "veltrano/detector.h"
@@ -127,15 +128,8 @@ void CVeltrano::CalcGainMat(imgmat& flat, imgmat& gain) {
             return;
         }
     }
-    double sum = 0.0;
-    for (unsigned long long i = 0; i < count; ++i) {
-        sum += flat.data[i];
-    }
-    const double mean = sum / static_cast<double>(count);
-    for (unsigned long long i = 0; i < count; ++i) {
-        const float pixel = flat.data[i] < 0.001f ? 0.001f : flat.data[i];
-        gain.data[i] = static_cast<float>(mean / pixel);
-    }
+    const double mean = veltrano::SumInDouble(flat.data, static_cast<size_t>(count)) / static_cast<double>(count);
+    veltrano::GainFromMean(flat.data, gain.data, static_cast<size_t>(count), mean);
 }
 
 int CVeltrano::GetBadPixelInfo() {
@@ -165,12 +159,8 @@ int CVeltrano::DoGainCorrection(imgmat& image) {
         // mean of the image's brightest 5000 pixels.
         std::vector<int32_t> histogram(kHistogramBins, 0);
         const unsigned long long count = image.width * image.height * image.depth;
-        for (unsigned long long i = 0; i < count; ++i) {
-            const float value = image.data[i];
-            if (value > -1.0f && value < static_cast<float>(kHistogramBins)) {
-                ++histogram[static_cast<int>(value)];
-            }
-        }
+        veltrano::CountFloatBins(image.data, static_cast<size_t>(count), veltrano::FloatBinRule::InRangeOnly,
+                                 histogram.data());
         double weighted = 0.0;
         double counted = 0.0;
         for (int bin = kHistogramBins - 1; bin >= 0; --bin) {

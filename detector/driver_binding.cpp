@@ -1,5 +1,6 @@
 #include "detector/driver_binding.h"
 
+#include <atomic>
 #include <cstring>
 
 namespace veltrano::detail {
@@ -7,6 +8,8 @@ namespace veltrano::detail {
 namespace {
 
 constexpr char kLibraryName[] = "FpdSys";
+
+std::atomic<uint32_t> g_timeoutCapMs{0};
 
 template <typename Fn>
 bool Resolve(const platform::DynamicLibrary& library, const char* name, Fn& out) {
@@ -25,6 +28,8 @@ void CopyText(char (&target)[512], const char* text) {
 }
 
 }  // namespace
+
+void SetCommandTimeoutCapForTesting(uint32_t ms) { g_timeoutCapMs = ms; }
 
 DriverBinding::DriverBinding() = default;
 
@@ -217,6 +222,10 @@ int DriverBinding::RunCommand(int id, const std::vector<fpdsys::Param>& params,
     const int started = StartCommand(id, params);
     if (started != 1) {
         return started;
+    }
+    const uint32_t cap = g_timeoutCapMs.load();
+    if (cap != 0 && cap < timeoutMs) {
+        timeoutMs = cap;
     }
     if (commandDone_.wait(timeoutMs) != platform::Event::WaitResult::Signalled) {
         return fpdsys::kErrTimeout;

@@ -16,8 +16,15 @@
 #include "detector/fpdsys_api.h"
 #include "platform/dynamic_library.h"
 #include "platform/event.h"
+#include "veltrano/export.h"
 
 namespace veltrano::detail {
+
+// Tests and diagnosis only, not part of the host interface: caps the time-out of every blocking
+// driver command (10 s for connect, 2 s and 1 s around each exposure) at ms milliseconds for the
+// whole process, so that a long run with hanging commands does not spend its time waiting; 0
+// restores the described time-outs.
+VELTRANO_API void SetCommandTimeoutCapForTesting(uint32_t ms);
 
 class DriverBinding {
 public:

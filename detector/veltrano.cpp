@@ -2,13 +2,17 @@
 // bringing the driver up and down, device queries and the exposure settings.
 #include "veltrano/detector.h"
 
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <new>
 #include <utility>
+#include <vector>
 
 #include "detector/detector_internal.h"
 #include "detector/driver_binding.h"
+#include "imgproc/scratch_buffers.h"
 #include "platform/system.h"
 
 using veltrano::detail::Detectors;
@@ -204,8 +208,22 @@ void CVeltrano::StoreDeliveredImage(const void* record) {
     if (image->pixels == nullptr || image->columns <= 0 || image->rows <= 0) {
         return;
     }
-    const size_t count = static_cast<size_t>(image->columns) * static_cast<size_t>(image->rows);
-    std::vector<uint16_t> pixels(image->pixels, image->pixels + count);
+    // A frame larger than any image the library takes on is not believed either: copying it
+    // would read gigabytes the driver may not have, and it could never be corrected.
+    const uint64_t count64 =
+        static_cast<uint64_t>(image->columns) * static_cast<uint64_t>(image->rows);
+    if (count64 > veltrano::kMaxElements) {
+        m_rawImage.clearData();
+        return;
+    }
+    const size_t count = static_cast<size_t>(count64);
+    std::vector<uint16_t> pixels;
+    try {
+        pixels.assign(image->pixels, image->pixels + count);
+    } catch (const std::bad_alloc&) {
+        m_rawImage.clearData();
+        return;  // no room for the frame: the acquisition reports it as not delivered
+    }
     m_rawImage.clearData();
     m_rawImage.width = static_cast<unsigned long long>(image->columns);
     m_rawImage.height = static_cast<unsigned long long>(image->rows);

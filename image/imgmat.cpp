@@ -9,6 +9,8 @@
 #include <limits>
 #include <vector>
 
+#include "imgproc/scratch_buffers.h"
+
 namespace {
 
 using u64 = unsigned long long;
@@ -17,6 +19,9 @@ using u64 = unsigned long long;
 // is refused on every platform, as a 32-bit allocator would refuse it, rather than wrapped
 // round to a buffer shorter than the count.
 constexpr u64 kMaxBytes = 0xFFFFFFFFull;
+// Nor does a matrix hold more samples than the processing functions take on (2^28, 1 GiB of
+// floats): a wrong size from a file or a driver must not make the library allocate gigabytes.
+constexpr u64 kMaxSamples = veltrano::kMaxElements;
 
 bool MultiplyFits(u64 a, u64 b, u64& product) {
     if (a != 0 && b > std::numeric_limits<u64>::max() / a) {
@@ -31,7 +36,7 @@ bool MultiplyFits(u64 a, u64 b, u64& product) {
 // large or the allocator refuses it.
 float* AllocateSamples(u64 count) {
     u64 bytes = 0;
-    if (!MultiplyFits(count, sizeof(float), bytes) || bytes > kMaxBytes ||
+    if (count > kMaxSamples || !MultiplyFits(count, sizeof(float), bytes) || bytes > kMaxBytes ||
         bytes > std::numeric_limits<size_t>::max()) {
         return nullptr;
     }

@@ -7,14 +7,22 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <new>
 #include <type_traits>
 #include <utility>
 #include <vector>
 
+#include "imgproc/dispatch.h"
+#include "imgproc/frame_passes.h"
 #include "imgproc/pixel_helpers.h"
+#include "imgproc/scratch_buffers.h"
 #include "imgproc/window_helpers.h"
 #include "veltrano/normalize.h"
 #include "veltrano/point_ops.h"
+
+#if VELTRANO_HAS_AVX2_PATHS
+#include <immintrin.h>
+#endif
 
 namespace veltrano {
 namespace {
@@ -91,6 +99,235 @@ void EnhanceExact(const T* src, T* dst, int w, int h, int radius, float alpha, f
     }
 }
 
+// ---- the exact form with integer sums --------------------------------------------------------
+//
+// The window sums of the exact form add whole numbers (pixel values and their squares) in
+// double precision. While every partial sum stays below 2^53 each addition is exact, so 64-bit
+// integer running sums give the very same numbers in any order and for any radius; the local
+// mean and mean square are then the same two divisions as in the plain code. The integer sums
+// are kept one row at a time: the horizontal sums of every row, then one running column sum
+// per column that moves down the image.
+
+struct ExactConstants {
+    double area;     // (2r + 1)^2
+    double k;        // alpha * global mean
+    double ceiling;  // maxGain
+    // A lane is surely capped when k > ceiling * sd * (1 + 1e-12): then k / sd rounds to at least
+    // the ceiling and the division can be skipped. Only for a finite, positive ceiling.
+    bool capTest;
+};
+
+template <class T>
+T ExactPixel(double x, int64_t s, int64_t q, const ExactConstants& c) {
+    const double m = static_cast<double>(s) / c.area;
+    const double mq = static_cast<double>(q) / c.area;
+    const double sd = std::sqrt(mq - m * m);
+    double r;
+    if (!(sd > 0.0)) {
+        r = m;
+    } else {
+        const double gain = std::min(c.k / sd, c.ceiling);
+        r = (x - m) * gain + m;
+    }
+    return StoreInRange<T>(r);
+}
+
+template <class T>
+void ExactRowScalar(const T* x, const int64_t* s, const int64_t* q, T* out, int w, const ExactConstants& c) {
+    for (int i = 0; i < w; ++i) out[i] = ExactPixel<T>(static_cast<double>(x[i]), s[i], q[i], c);
+}
+
+#if VELTRANO_HAS_AVX2_PATHS
+// Integers below 2^51 in magnitude as doubles: added to the bits of 1.5 * 2^52 they form that
+// number plus the integer exactly.
+VELTRANO_TARGET_AVX2 inline __m256d Int64ToDouble(__m256i v) {
+    const __m256d magic = _mm256_set1_pd(6755399441055744.0);
+    return _mm256_sub_pd(_mm256_castsi256_pd(_mm256_add_epi64(v, _mm256_castpd_si256(magic))), magic);
+}
+
+template <class T>
+VELTRANO_TARGET_AVX2 inline __m128i LoadFour(const T* p) {
+    if constexpr (std::is_same_v<T, uint16_t>) {
+        return _mm_cvtepu16_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)));
+    } else if constexpr (std::is_same_v<T, int16_t>) {
+        return _mm_cvtepi16_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)));
+    } else {
+        int32_t word;
+        std::memcpy(&word, p, 4);
+        return _mm_cvtepu8_epi32(_mm_cvtsi32_si128(word));
+    }
+}
+
+template <class T>
+VELTRANO_TARGET_AVX2 inline void StoreFour(T* p, __m128i v) {
+    if constexpr (std::is_same_v<T, uint16_t>) {
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(p), _mm_packus_epi32(v, v));
+    } else if constexpr (std::is_same_v<T, int16_t>) {
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(p), _mm_packs_epi32(v, v));
+    } else {
+        const __m128i w = _mm_packus_epi32(v, v);
+        const int32_t word = _mm_cvtsi128_si32(_mm_packus_epi16(w, w));
+        std::memcpy(p, &word, 4);
+    }
+}
+
+// Four pixels at a time with the same double operations as ExactPixel: the divisions, the
+// square root and the minimum are exactly rounded, so every lane equals the scalar result.
+template <class T>
+VELTRANO_TARGET_AVX2 void ExactRowAvx2(const T* x, const int64_t* s, const int64_t* q, T* out, int w,
+                                       const ExactConstants& c) {
+    double low = 0.0;
+    double high = 0.0;
+    int isFloat = 0;
+    PixelValueRange<T>(low, high, isFloat);
+    const __m256d area = _mm256_set1_pd(c.area);
+    const __m256d k = _mm256_set1_pd(c.k);
+    const __m256d ceiling = _mm256_set1_pd(c.ceiling);
+    const __m256d capScale = _mm256_set1_pd(1.0 + 1e-12);
+    const __m256d lo = _mm256_set1_pd(low);
+    const __m256d hi = _mm256_set1_pd(high);
+    const __m256d zero = _mm256_setzero_pd();
+    int i = 0;
+    for (; i + 4 <= w; i += 4) {
+        const __m256d xv = _mm256_cvtepi32_pd(LoadFour(x + i));
+        const __m256d m = _mm256_div_pd(Int64ToDouble(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(s + i))), area);
+        const __m256d mq = _mm256_div_pd(Int64ToDouble(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(q + i))), area);
+        const __m256d sd = _mm256_sqrt_pd(_mm256_sub_pd(mq, _mm256_mul_pd(m, m)));
+        const __m256d positive = _mm256_cmp_pd(sd, zero, _CMP_GT_OQ);
+        __m256d gain;
+        const int live = _mm256_movemask_pd(positive);
+        const bool capped = c.capTest && live != 0 &&
+                            (_mm256_movemask_pd(_mm256_cmp_pd(k, _mm256_mul_pd(_mm256_mul_pd(ceiling, sd), capScale), _CMP_GT_OQ)) | (~live & 0xf)) == 0xf;
+        if (capped) {
+            gain = ceiling;
+        } else {
+            // std::min(k / sd, ceiling) is ceiling < k / sd ? ceiling : k / sd, which is
+            // _mm256_min_pd(ceiling, k / sd) also for a not-a-number quotient.
+            gain = _mm256_min_pd(ceiling, _mm256_div_pd(k, sd));
+        }
+        const __m256d enhanced = _mm256_add_pd(_mm256_mul_pd(_mm256_sub_pd(xv, m), gain), m);
+        __m256d r = _mm256_blendv_pd(m, enhanced, positive);
+        r = _mm256_and_pd(r, _mm256_cmp_pd(r, r, _CMP_ORD_Q));  // not a number stores 0
+        r = _mm256_max_pd(_mm256_min_pd(r, hi), lo);
+        StoreFour(out + i, _mm256_cvttpd_epi32(r));
+    }
+    ExactRowScalar(x + i, s + i, q + i, out + i, w - i, c);
+}
+#endif
+
+// Returns false, having written nothing, when the sums could leave the exact range of a double
+// or the scratch cannot be allocated; the caller then runs the plain form.
+template <class T>
+bool EnhanceExactIntegerSums(const T* src, T* dst, int w, int h, int radius, float alpha, float maxGain) {
+    const int r = radius < 1 ? 1 : radius;
+    const size_t width = static_cast<size_t>(w);
+    const size_t count = width * static_cast<size_t>(h);
+    int64_t total = 0;
+    for (size_t i = 0; i < count; ++i) total += src[i];
+    T mn = src[0];
+    T mx = src[0];
+    FrameMinMax(src, count, mn, mx);
+    const int64_t maxAbs = std::max<int64_t>(mx, -static_cast<int64_t>(mn));
+    // The largest partial sum of squares: a window of (2r + 1)^2 squares plus one entering row
+    // or element; below 2^52 it is exact in a double and converts exactly.
+    const double side = 2.0 * r + 2.0;
+    if (side * side * static_cast<double>(maxAbs) * static_cast<double>(maxAbs) >= 4503599627370496.0) return false;
+
+    // The horizontal sums of a row are kept in a ring of 2r + 2 rows (or all rows of a shorter
+    // image): the rows a window needs, mirrored or not, always lie in the band y - r - 1 .. y + r,
+    // whose rows fall in distinct slots. No frame-sized scratch is needed.
+    const size_t k = 2 * static_cast<size_t>(r) + 1;
+    const size_t slots = std::min(static_cast<size_t>(h), k + 1);
+    std::vector<int64_t> ringSums;
+    std::vector<int64_t> ringSquares;
+    std::vector<int> slotRow(slots, -1);
+    std::vector<int64_t> colSums;
+    std::vector<int64_t> colSquares;
+    std::vector<int32_t> index;
+    std::vector<int64_t> ext;
+    std::vector<int64_t> extSquares;
+    if (!TryResize(ringSums, slots * width) || !TryResize(ringSquares, slots * width) || !TryResize(colSums, width) ||
+        !TryResize(colSquares, width) || !TryResize(index, width + k - 1) || !TryResize(ext, width + k - 1) ||
+        !TryResize(extSquares, width + k - 1))
+        return false;
+    for (size_t j = 0; j < index.size(); ++j) index[j] = static_cast<int32_t>(MirrorIndex(static_cast<ptrdiff_t>(j) - r, w));
+
+    // The horizontal sums of source row y (already mirrored into the image), computed on first use.
+    auto rowSums = [&](ptrdiff_t y, const int64_t*& sums, const int64_t*& squares) {
+        const int sourceRow = static_cast<int>(MirrorIndex(y, h));
+        const size_t slot = static_cast<size_t>(sourceRow) % slots;
+        int64_t* rs = ringSums.data() + slot * width;
+        int64_t* rq = ringSquares.data() + slot * width;
+        sums = rs;
+        squares = rq;
+        if (slotRow[slot] == sourceRow) return;
+        slotRow[slot] = sourceRow;
+        const T* row = src + static_cast<size_t>(sourceRow) * width;
+        for (size_t j = 0; j < ext.size(); ++j) {
+            const int64_t v = row[index[j]];
+            ext[j] = v;
+            extSquares[j] = v * v;
+        }
+        int64_t a = 0;
+        int64_t b = 0;
+        for (size_t j = 0; j < k; ++j) {
+            a += ext[j];
+            b += extSquares[j];
+        }
+        rs[0] = a;
+        rq[0] = b;
+        for (size_t x = 1; x < width; ++x) {
+            a += ext[x + k - 1] - ext[x - 1];
+            b += extSquares[x + k - 1] - extSquares[x - 1];
+            rs[x] = a;
+            rq[x] = b;
+        }
+    };
+
+    ExactConstants c;
+    c.area = static_cast<double>(2 * r + 1) * (2 * r + 1);
+    c.k = static_cast<double>(alpha) * (static_cast<double>(total) / static_cast<double>(count));
+    c.ceiling = static_cast<double>(maxGain);
+    c.capTest = std::isfinite(c.ceiling) && c.ceiling > 0.0 && std::isfinite(c.k);
+    const bool avx2 = ActiveImpl() == Impl::Avx2;
+
+    const int64_t* a = nullptr;
+    const int64_t* b = nullptr;
+    for (ptrdiff_t i = -r; i <= r; ++i) {
+        rowSums(i, a, b);
+        for (size_t x = 0; x < width; ++x) {
+            colSums[x] += a[x];
+            colSquares[x] += b[x];
+        }
+    }
+    for (int y = 0; y < h; ++y) {
+        if (y > 0) {
+            // The leaving row first: it lies in the band, so the entering row cannot evict it
+            // before it is used, and it is read before its slot may be reused.
+            rowSums(y - 1 - r, a, b);
+            for (size_t x = 0; x < width; ++x) {
+                colSums[x] -= a[x];
+                colSquares[x] -= b[x];
+            }
+            rowSums(y + r, a, b);
+            for (size_t x = 0; x < width; ++x) {
+                colSums[x] += a[x];
+                colSquares[x] += b[x];
+            }
+        }
+        const T* xs = src + static_cast<size_t>(y) * width;
+        T* out = dst + static_cast<size_t>(y) * width;
+#if VELTRANO_HAS_AVX2_PATHS
+        if (avx2) {
+            ExactRowAvx2(xs, colSums.data(), colSquares.data(), out, w, c);
+            continue;
+        }
+#endif
+        ExactRowScalar(xs, colSums.data(), colSquares.data(), out, w, c);
+    }
+    return true;
+}
+
 template <class T>
 void EnhanceQuick(const T* src, T* dst, int w, int h, int radius, float alpha, float maxGain) {
     const size_t count = static_cast<size_t>(w) * static_cast<size_t>(h);
@@ -159,7 +396,10 @@ bool DispatchInteger(int32_t code, void* src, void* dst, Args... args) {
 
 template <class T>
 struct ExactWorker {
-    static void Run(const T* s, T* d, int w, int h, int r, float a, float g) { EnhanceExact(s, d, w, h, r, a, g); }
+    static void Run(const T* s, T* d, int w, int h, int r, float a, float g) {
+        if (ActiveImpl() != Impl::Reference && EnhanceExactIntegerSums(s, d, w, h, r, a, g)) return;
+        EnhanceExact(s, d, w, h, r, a, g);
+    }
 };
 
 template <class T>
@@ -181,6 +421,8 @@ int Enhance(uint16_t* src, uint16_t* dst, uint32_t width, uint32_t height, int32
     int w = 0;
     int h = 0;
     if (!ImageSize(width, height, w, h)) return 1;
+    // Refused before anything is allocated: the working buffers are several frames of doubles.
+    if (static_cast<uint64_t>(width) * height > kMaxElements) return -4;
     if constexpr (kServesFloat) {
         if (code == kPix32F) {
             Worker<float>::Run(reinterpret_cast<float*>(src), reinterpret_cast<float*>(dst), w, h,
@@ -228,16 +470,27 @@ int Ace_Gamma(uint16_t* src, void* dst, int32_t width, uint32_t height, int32_t 
     if (!veltrano::RadiusAllowed(param->param1)) return -4;
     if (width < 1 || height == 0) return 1;
     const uint64_t count = static_cast<uint64_t>(width) * height;
-    if (count > INT32_MAX) return -4;  // the equalisation counts pixels in 32 bits
+    if (count > veltrano::kMaxElements) return -4;
+    // Neither the enhancement, nor the gamma step, nor the equalisation serves any other code, so
+    // such a call changes nothing. (Taken literally, an in-place call would copy a work buffer of
+    // width * height * 8 bytes back over the caller's image, far past a buffer sized for the
+    // code; it returns 1 and leaves the image as it was instead.)
+    if (pixelType != veltrano::kPix8U && pixelType != veltrano::kPix16U && pixelType != veltrano::kPix16S &&
+        pixelType != veltrano::kPix32F)
+        return 1;
 
     const size_t bytes = static_cast<size_t>(count) * veltrano::ElementBytes(pixelType);
-    // In place the work buffer starts as a copy of the image, so that a type the enhancement
-    // does not serve leaves what an out-of-place call leaves: the destination's prior contents.
+    // In place the work buffer starts as a copy of the image, so that the steps see what an
+    // out-of-place call sees in its destination.
     std::vector<unsigned char> scratch;
     void* work = dst;
     if (dst == src) {
-        scratch.assign(reinterpret_cast<const unsigned char*>(src),
-                       reinterpret_cast<const unsigned char*>(src) + bytes);
+        try {
+            scratch.assign(reinterpret_cast<const unsigned char*>(src),
+                           reinterpret_cast<const unsigned char*>(src) + bytes);
+        } catch (const std::bad_alloc&) {
+            return -4;
+        }
         work = scratch.data();
     }
     uint16_t* work16 = static_cast<uint16_t*>(work);

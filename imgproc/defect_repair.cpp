@@ -7,6 +7,8 @@
 #include <cstring>
 #include <vector>
 
+#include "imgproc/dispatch.h"
+#include "imgproc/frame_passes.h"
 #include "imgproc/pixel_helpers.h"
 #include "imgproc/scratch_buffers.h"
 
@@ -40,9 +42,13 @@ public:
         const uint64_t count = PixelCount(width_, height_);
         if (!TryResize(marks_, count)) return false;
         uint64_t defective = 0;
-        for (uint64_t i = 0; i < count; ++i) {
-            marks_[i] = DefectMark(defectMap[i]);
-            if (marks_[i] != 0) ++defective;
+        if (ActiveImpl() == Impl::Reference) {
+            for (uint64_t i = 0; i < count; ++i) {
+                marks_[i] = DefectMark(defectMap[i]);
+                if (marks_[i] != 0) ++defective;
+            }
+        } else {
+            defective = DefectMarks(defectMap, marks_.data(), static_cast<size_t>(count));
         }
         if (!ScratchFits<PixelPos>(defective)) return false;
         try {
@@ -52,9 +58,21 @@ public:
         } catch (const std::bad_alloc&) {
             return false;
         }
-        for (int32_t y = 0; y < height_; ++y)
-            for (int32_t x = 0; x < width_; ++x)
-                if (mark(x, y) != 0) pending_.push_back({x, y});
+        // Row-major discovery order; runs of eight good pixels are passed over as one word.
+        for (int32_t y = 0; y < height_; ++y) {
+            const uint8_t* row = marks_.data() + static_cast<size_t>(y) * static_cast<size_t>(width_);
+            int32_t x = 0;
+            while (x < width_) {
+                uint64_t word = 0;
+                if (x + 8 <= width_) std::memcpy(&word, row + x, 8);
+                if (x + 8 <= width_ && word == 0) {
+                    x += 8;
+                    continue;
+                }
+                if (row[x] != 0) pending_.push_back({x, y});
+                ++x;
+            }
+        }
         return true;
     }
 

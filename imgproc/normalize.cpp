@@ -2,13 +2,166 @@
 #include "veltrano/normalize.h"
 
 #include <cmath>
+#include <cstddef>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
+#include "imgproc/dispatch.h"
+#include "imgproc/frame_passes.h"
 #include "imgproc/pixel_helpers.h"
+
+#if VELTRANO_HAS_AVX2_PATHS
+#include <immintrin.h>
+#endif
 
 namespace veltrano {
 namespace {
+
+// The constants of one normalisation, in the arithmetic of step "shifted * scale * span + low +
+// offset": float for the integer and float members, double (from single-precision values) for
+// the double member.
+template <class T>
+struct Stretch {
+    using Calc = std::conditional_t<std::is_same_v<T, double>, double, float>;
+    T mn;
+    Calc scale;
+    Calc span;
+    Calc low;
+    Calc offset;
+    double dLow;
+    double dHigh;
+
+    Calc shifted(T v) const { return static_cast<Calc>(v - mn); }
+
+    T apply(T v) const {
+        double r = static_cast<double>(shifted(v) * scale * span + low + offset);
+        if (r > dHigh) r = dHigh;
+        if (r < dLow) r = dLow;
+        return static_cast<T>(r);
+    }
+};
+
+template <class T>
+void StretchPlain(const T* src, T* dst, size_t count, const Stretch<T>& s) {
+    for (size_t i = 0; i < count; ++i) dst[i] = s.apply(src[i]);
+}
+
+// Integer members: every value between the minimum and the maximum maps through the same
+// arithmetic, so a table of those values, built with that arithmetic, gives the same pixels.
+template <class T>
+void StretchByTable(const T* src, T* dst, size_t count, const Stretch<T>& s, T mx) {
+    const size_t values = static_cast<size_t>(mx - s.mn) + 1;
+    if (values >= count) {
+        StretchPlain(src, dst, count, s);
+        return;
+    }
+    std::vector<T> table(values);
+    for (size_t k = 0; k < values; ++k) table[k] = s.apply(static_cast<T>(s.mn + k));
+    if constexpr (std::is_same_v<T, uint8_t>) {
+        std::vector<uint8_t> full(256, 0);
+        for (size_t k = 0; k < values; ++k) full[s.mn + k] = table[k];
+        MapThroughTable(src, dst, count, full.data());
+    } else {
+        MapThroughTable(src, dst, count, table.data(), s.mn);
+    }
+}
+
+#if VELTRANO_HAS_AVX2_PATHS
+
+// Eight integer pixels (as 32-bit lanes) through the single-precision arithmetic, capped at the
+// upper bound (exact in float, so the double comparison is the float one) and truncated. Every
+// term added to low is non-negative, so the lower bound never applies.
+VELTRANO_TARGET_AVX2 inline __m256i StretchLanes(__m256i v, __m256i mn, __m256 scale, __m256 span, __m256 low,
+                                                 __m256 offset, __m256 hi) {
+    __m256 x = _mm256_cvtepi32_ps(_mm256_sub_epi32(v, mn));
+    x = _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(_mm256_mul_ps(x, scale), span), low), offset);
+    return _mm256_cvttps_epi32(_mm256_min_ps(x, hi));
+}
+
+// Pixels are widened within each 128-bit half (unpack with zero) and packed back the same way,
+// which keeps them in order without permutes.
+template <class T>
+VELTRANO_TARGET_AVX2 void StretchIntegerAvx2(const T* src, T* dst, size_t count, const Stretch<T>& s) {
+    const __m256i mn = _mm256_set1_epi32(s.mn);
+    const __m256 scale = _mm256_set1_ps(s.scale);
+    const __m256 span = _mm256_set1_ps(s.span);
+    const __m256 low = _mm256_set1_ps(s.low);
+    const __m256 offset = _mm256_set1_ps(s.offset);
+    const __m256 hi = _mm256_set1_ps(static_cast<float>(s.dHigh));
+    const __m256i zero = _mm256_setzero_si256();
+    constexpr size_t kStep = 32 / sizeof(T);
+    size_t i = 0;
+    for (; i + kStep <= count; i += kStep) {
+        const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src + i));
+        if constexpr (std::is_same_v<T, uint16_t>) {
+            const __m256i a = StretchLanes(_mm256_unpacklo_epi16(v, zero), mn, scale, span, low, offset, hi);
+            const __m256i b = StretchLanes(_mm256_unpackhi_epi16(v, zero), mn, scale, span, low, offset, hi);
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + i), _mm256_packus_epi32(a, b));
+        } else {
+            const __m256i w0 = _mm256_unpacklo_epi8(v, zero);
+            const __m256i w1 = _mm256_unpackhi_epi8(v, zero);
+            const __m256i a0 = StretchLanes(_mm256_unpacklo_epi16(w0, zero), mn, scale, span, low, offset, hi);
+            const __m256i b0 = StretchLanes(_mm256_unpackhi_epi16(w0, zero), mn, scale, span, low, offset, hi);
+            const __m256i a1 = StretchLanes(_mm256_unpacklo_epi16(w1, zero), mn, scale, span, low, offset, hi);
+            const __m256i b1 = StretchLanes(_mm256_unpackhi_epi16(w1, zero), mn, scale, span, low, offset, hi);
+            const __m256i words0 = _mm256_packus_epi32(a0, b0);
+            const __m256i words1 = _mm256_packus_epi32(a1, b1);
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + i), _mm256_packus_epi16(words0, words1));
+        }
+    }
+    StretchPlain(src + i, dst + i, count - i, s);
+}
+
+// Floating members: comparisons and blends rather than min/max, so that a not-a-number result
+// passes the clamp unchanged as in the plain code.
+VELTRANO_TARGET_AVX2 void StretchAvx2(const float* src, float* dst, size_t count, const Stretch<float>& s) {
+    const __m256 mn = _mm256_set1_ps(s.mn);
+    const __m256 scale = _mm256_set1_ps(s.scale);
+    const __m256 span = _mm256_set1_ps(s.span);
+    const __m256 low = _mm256_set1_ps(s.low);
+    const __m256 offset = _mm256_set1_ps(s.offset);
+    const __m256 lo = _mm256_set1_ps(static_cast<float>(s.dLow));
+    const __m256 hi = _mm256_set1_ps(static_cast<float>(s.dHigh));
+    size_t i = 0;
+    for (; i + 8 <= count; i += 8) {
+        __m256 x = _mm256_sub_ps(_mm256_loadu_ps(src + i), mn);
+        x = _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(_mm256_mul_ps(x, scale), span), low), offset);
+        x = _mm256_blendv_ps(x, hi, _mm256_cmp_ps(x, hi, _CMP_GT_OQ));
+        x = _mm256_blendv_ps(x, lo, _mm256_cmp_ps(x, lo, _CMP_LT_OQ));
+        _mm256_storeu_ps(dst + i, x);
+    }
+    StretchPlain(src + i, dst + i, count - i, s);
+}
+
+VELTRANO_TARGET_AVX2 void StretchAvx2(const double* src, double* dst, size_t count, const Stretch<double>& s) {
+    const __m256d mn = _mm256_set1_pd(s.mn);
+    const __m256d scale = _mm256_set1_pd(s.scale);
+    const __m256d span = _mm256_set1_pd(s.span);
+    const __m256d low = _mm256_set1_pd(s.low);
+    const __m256d offset = _mm256_set1_pd(s.offset);
+    const __m256d lo = _mm256_set1_pd(s.dLow);
+    const __m256d hi = _mm256_set1_pd(s.dHigh);
+    size_t i = 0;
+    for (; i + 4 <= count; i += 4) {
+        __m256d x = _mm256_sub_pd(_mm256_loadu_pd(src + i), mn);
+        x = _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(_mm256_mul_pd(x, scale), span), low), offset);
+        x = _mm256_blendv_pd(x, hi, _mm256_cmp_pd(x, hi, _CMP_GT_OQ));
+        x = _mm256_blendv_pd(x, lo, _mm256_cmp_pd(x, lo, _CMP_LT_OQ));
+        _mm256_storeu_pd(dst + i, x);
+    }
+    StretchPlain(src + i, dst + i, count - i, s);
+}
+
+void StretchAvx2(const uint8_t* src, uint8_t* dst, size_t count, const Stretch<uint8_t>& s) {
+    StretchIntegerAvx2(src, dst, count, s);
+}
+
+void StretchAvx2(const uint16_t* src, uint16_t* dst, size_t count, const Stretch<uint16_t>& s) {
+    StretchIntegerAvx2(src, dst, count, s);
+}
+
+#endif
 
 // One implementation for the four members. Integer members compute in single precision and
 // round half up; the float member stays in single precision; the double member computes in
@@ -18,14 +171,14 @@ template <class T>
 int NormalizeLinear(const T* src, T* dst, uint32_t width, uint32_t height, T low, T high) {
     if (src == nullptr || dst == nullptr) return -1;
     if (high < low) std::swap(low, high);
-    using Calc = std::conditional_t<std::is_same_v<T, double>, double, float>;
+    using Calc = typename Stretch<T>::Calc;
     const float outSpan = static_cast<float>(high - low);
     const uint32_t count = width * height;  // 32-bit on purpose, as the pixel count everywhere
     if (count == 0) return 1;
 
     T mn = src[0];
     T mx = src[0];
-    FindMinMax(src, count, mn, mx);
+    FrameMinMax(src, count, mn, mx);
     const double range = static_cast<double>(mx) - static_cast<double>(mn);
     if (std::fabs(range) < 1e-16) return 1;
     if (std::fabs(static_cast<double>(low) - static_cast<double>(mn)) < 1e-9 &&
@@ -33,19 +186,27 @@ int NormalizeLinear(const T* src, T* dst, uint32_t width, uint32_t height, T low
         return 1;
 
     const float scale = 1.0f / static_cast<float>(mx - mn);
-    const Calc cScale = static_cast<Calc>(scale);
-    const Calc cSpan = static_cast<Calc>(outSpan);
-    const Calc cLow = static_cast<Calc>(static_cast<float>(low));
-    const Calc offset = static_cast<Calc>(RoundingOffset<T>());
-    const double dLow = static_cast<double>(low);
-    const double dHigh = static_cast<double>(high);
-    for (uint32_t i = 0; i < count; ++i) {
-        const Calc shifted = static_cast<Calc>(src[i] - mn);
-        double v = static_cast<double>(shifted * cScale * cSpan + cLow + offset);
-        if (v > dHigh) v = dHigh;
-        if (v < dLow) v = dLow;
-        dst[i] = static_cast<T>(v);
+    const Stretch<T> s{mn,
+                       static_cast<Calc>(scale),
+                       static_cast<Calc>(outSpan),
+                       static_cast<Calc>(static_cast<float>(low)),
+                       static_cast<Calc>(RoundingOffset<T>()),
+                       static_cast<double>(low),
+                       static_cast<double>(high)};
+    const Impl impl = ActiveImpl();
+#if VELTRANO_HAS_AVX2_PATHS
+    if (impl == Impl::Avx2) {
+        StretchAvx2(src, dst, count, s);
+        return 1;
     }
+#endif
+    if constexpr (std::is_integral_v<T>) {
+        if (impl != Impl::Reference) {
+            StretchByTable(src, dst, count, s, mx);
+            return 1;
+        }
+    }
+    StretchPlain(src, dst, count, s);
     return 1;
 }
 

@@ -1,7 +1,8 @@
 // Veltrano: the intraoral X-ray sensor driver and image-processing library.
 //
 // This umbrella header declares everything a host sees: the image matrix, the detector object,
-// the processing functions, INI access and parameter records, and the post-processing chain.
+// the processing functions, INI access and parameter records, the post-processing chain, and
+// the calibration of a sensor from its own exposures.
 // Link with the veltrano library (libveltrano.so / veltrano.dll). All declarations have C++
 // linkage.
 #pragma once
@@ -24,4 +25,5 @@
 #include "veltrano/usm.h"
 
 #include "veltrano/detector.h"
+#include "veltrano/calibration_builder.h"
 #include "veltrano/chain.h"

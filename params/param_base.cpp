@@ -21,6 +21,36 @@ bool SameBinding(const ParamRegistry::Binding& b, std::ptrdiff_t offset, const c
     return b.first == offset && std::strcmp(b.second, key) == 0;
 }
 
+enum class Direction { Read, Write };
+
+// The current value is the default of a read, so a missing key leaves the field as it is.
+void TransferValue(Direction d, const char* section, const char* key, const char* file, int& v) {
+    if (d == Direction::Read) {
+        v = ReadInt_INI(section, key, file, v);
+    } else {
+        WriteInt_INI(section, key, v, file);
+    }
+}
+
+void TransferValue(Direction d, const char* section, const char* key, const char* file, float& v) {
+    if (d == Direction::Read) {
+        v = ReadFloat_INI(section, key, file, v);
+    } else {
+        WriteFloat_INI(section, key, v, file);
+    }
+}
+
+// Reads or writes every int binding and then every float binding, each container in its own
+// order (field order for the maps, order of binding for the lists). Nothing happens once the
+// record that made the bindings is gone.
+template <class IntBindings, class FloatBindings>
+void Transfer(Direction d, const ParamRegistry& r, const IntBindings& ints, const FloatBindings& floats,
+              const char* section, const char* file) {
+    if (r.owner == nullptr) return;
+    for (const auto& [offset, key] : ints) TransferValue(d, section, key, file, *FieldAt<int>(r, offset));
+    for (const auto& [offset, key] : floats) TransferValue(d, section, key, file, *FieldAt<float>(r, offset));
+}
+
 void AppendOnce(std::vector<ParamRegistry::Binding>& list, std::ptrdiff_t offset, const char* key) {
     for (const auto& b : list) {
         if (SameBinding(b, offset, key)) return;
@@ -89,41 +119,17 @@ void paramBase::appendFloat(float* field, const char* key) {
 }
 
 void paramBase::getData(const char* section, const char* file) {
-    const ParamRegistry& r = *registry_;
-    if (r.owner == nullptr) return;
-    for (const auto& [offset, key] : r.intKeys) {
-        int* field = FieldAt<int>(r, offset);
-        *field = ReadInt_INI(section, key, file, *field);
-    }
-    for (const auto& [offset, key] : r.floatKeys) {
-        float* field = FieldAt<float>(r, offset);
-        *field = ReadFloat_INI(section, key, file, *field);
-    }
+    Transfer(Direction::Read, *registry_, registry_->intKeys, registry_->floatKeys, section, file);
 }
 
 void paramBase::saveData(const char* section, const char* file) {
-    const ParamRegistry& r = *registry_;
-    if (r.owner == nullptr) return;
-    for (const auto& [offset, key] : r.intKeys) WriteInt_INI(section, key, *FieldAt<int>(r, offset), file);
-    for (const auto& [offset, key] : r.floatKeys) WriteFloat_INI(section, key, *FieldAt<float>(r, offset), file);
+    Transfer(Direction::Write, *registry_, registry_->intKeys, registry_->floatKeys, section, file);
 }
 
 void paramBase::getData_byVec(const char* section, const char* file) {
-    const ParamRegistry& r = *registry_;
-    if (r.owner == nullptr) return;
-    for (const auto& [offset, key] : r.intList) {
-        int* field = FieldAt<int>(r, offset);
-        *field = ReadInt_INI(section, key, file, *field);
-    }
-    for (const auto& [offset, key] : r.floatList) {
-        float* field = FieldAt<float>(r, offset);
-        *field = ReadFloat_INI(section, key, file, *field);
-    }
+    Transfer(Direction::Read, *registry_, registry_->intList, registry_->floatList, section, file);
 }
 
 void paramBase::saveData_byVec(const char* section, const char* file) {
-    const ParamRegistry& r = *registry_;
-    if (r.owner == nullptr) return;
-    for (const auto& [offset, key] : r.intList) WriteInt_INI(section, key, *FieldAt<int>(r, offset), file);
-    for (const auto& [offset, key] : r.floatList) WriteFloat_INI(section, key, *FieldAt<float>(r, offset), file);
+    Transfer(Direction::Write, *registry_, registry_->intList, registry_->floatList, section, file);
 }

@@ -29,30 +29,15 @@ claheParam::claheParam() { bindKeys(); }
 // The two unpersisted floats keep their defaults, 0.5 and 65535.
 claheParam::claheParam(const char* file) {
     bindKeys();
-    CopyFilePath(filePath, file);
-    loadParam();
+    loadFrom(*this, file);
 }
 
-claheParam::claheParam(const claheParam& other)
-    : paramBase(other),
-      widthBlockNum(other.widthBlockNum),
-      heightBlockNum(other.heightBlockNum),
-      histBin(other.histBin),
-      peak(other.peak),
-      binScale(other.binScale),
-      outMax(other.outMax),
-      filePath(other.filePath) {}
+claheParam::claheParam(const claheParam&) = default;
 
 claheParam& claheParam::operator=(const claheParam& other) {
-    if (this == &other) return *this;
-    CopyFilePath(filePath, other.filePath);
-    widthBlockNum = other.widthBlockNum;
-    heightBlockNum = other.heightBlockNum;
-    histBin = other.histBin;
-    peak = other.peak;
-    binScale = other.binScale;
-    outMax = other.outMax;
-    return *this;
+    return assignValues(*this, other, &claheParam::widthBlockNum, &claheParam::heightBlockNum,
+                        &claheParam::histBin, &claheParam::peak, &claheParam::binScale,
+                        &claheParam::outMax);
 }
 
 // The path text is released by paramBase with its last user.
@@ -83,31 +68,15 @@ struClaheParam::struClaheParam() { bindKeys(); }
 
 struClaheParam::struClaheParam(const char* file, int index) : sectionIndex(index) {
     bindKeys();
-    CopyFilePath(filePath, file);
-    loadParam();
+    loadFrom(*this, file);
 }
 
-struClaheParam::struClaheParam(const struClaheParam& other)
-    : paramBase(other),
-      widthBlockNum(other.widthBlockNum),
-      heightBlockNum(other.heightBlockNum),
-      histBin(other.histBin),
-      peak(other.peak),
-      binScale(other.binScale),
-      outMax(other.outMax),
-      sectionIndex(other.sectionIndex),
-      filePath(other.filePath) {}
+struClaheParam::struClaheParam(const struClaheParam&) = default;
 
 struClaheParam& struClaheParam::operator=(const struClaheParam& other) {
-    if (this == &other) return *this;
-    CopyFilePath(filePath, other.filePath);
-    widthBlockNum = other.widthBlockNum;
-    heightBlockNum = other.heightBlockNum;
-    histBin = other.histBin;
-    peak = other.peak;
-    binScale = other.binScale;
-    outMax = other.outMax;
-    return *this;
+    return assignValues(*this, other, &struClaheParam::widthBlockNum,
+                        &struClaheParam::heightBlockNum, &struClaheParam::histBin,
+                        &struClaheParam::peak, &struClaheParam::binScale, &struClaheParam::outMax);
 }
 
 struClaheParam::~struClaheParam() = default;
@@ -144,26 +113,14 @@ clipParam::clipParam() { getDefaultData(); }
 
 clipParam::clipParam(const char* file) {
     getDefaultData();
-    CopyFilePath(filePath, file);
-    loadParam();
+    loadFrom(*this, file);
 }
 
-clipParam::clipParam(const clipParam& other)
-    : paramBase(other),
-      up(other.up),
-      down(other.down),
-      left(other.left),
-      right(other.right),
-      filePath(other.filePath) {}
+clipParam::clipParam(const clipParam&) = default;
 
 clipParam& clipParam::operator=(const clipParam& other) {
-    if (this == &other) return *this;
-    CopyFilePath(filePath, other.filePath);
-    up = other.up;
-    down = other.down;
-    left = other.left;
-    right = other.right;
-    return *this;
+    return assignValues(*this, other, &clipParam::up, &clipParam::down, &clipParam::left,
+                        &clipParam::right);
 }
 
 clipParam::~clipParam() = default;
@@ -198,31 +155,15 @@ struAceGammaParam::struAceGammaParam(int index) : sectionIndex(index) {
 
 struAceGammaParam::struAceGammaParam(const char* file, int index) : sectionIndex(index) {
     getDefaultData();
-    CopyFilePath(filePath, file);
-    loadParam();
+    loadFrom(*this, file);
 }
 
-struAceGammaParam::struAceGammaParam(const struAceGammaParam& other)
-    : paramBase(other),
-      param1(other.param1),
-      param2(other.param2),
-      param3(other.param3),
-      param4(other.param4),
-      param5(other.param5),
-      param6(other.param6),
-      sectionIndex(other.sectionIndex),
-      filePath(other.filePath) {}
+struAceGammaParam::struAceGammaParam(const struAceGammaParam&) = default;
 
 struAceGammaParam& struAceGammaParam::operator=(const struAceGammaParam& other) {
-    if (this == &other) return *this;
-    CopyFilePath(filePath, other.filePath);
-    param1 = other.param1;
-    param2 = other.param2;
-    param3 = other.param3;
-    param4 = other.param4;
-    param5 = other.param5;
-    param6 = other.param6;
-    return *this;
+    return assignValues(*this, other, &struAceGammaParam::param1, &struAceGammaParam::param2,
+                        &struAceGammaParam::param3, &struAceGammaParam::param4,
+                        &struAceGammaParam::param5, &struAceGammaParam::param6);
 }
 
 struAceGammaParam::~struAceGammaParam() = default;
@@ -258,30 +199,15 @@ struBilatralParam::struBilatralParam() { getDefaultData(); }
 
 struBilatralParam::struBilatralParam(const char* file) {
     getDefaultData();
-    CopyFilePath(filePath, file);
-    loadParam();
+    loadFrom(*this, file);
 }
 
-struBilatralParam::struBilatralParam(const struBilatralParam& other)
-    : paramBase(other),
-      k_w(other.k_w),
-      k_h(other.k_h),
-      sigColor_x(other.sigColor_x),
-      sigColor_y(other.sigColor_y),
-      sigSpace_x(other.sigSpace_x),
-      sigSpace_y(other.sigSpace_y),
-      filePath(other.filePath) {}
+struBilatralParam::struBilatralParam(const struBilatralParam&) = default;
 
 struBilatralParam& struBilatralParam::operator=(const struBilatralParam& other) {
-    if (this == &other) return *this;
-    CopyFilePath(filePath, other.filePath);
-    k_w = other.k_w;
-    k_h = other.k_h;
-    sigColor_x = other.sigColor_x;
-    sigColor_y = other.sigColor_y;
-    sigSpace_x = other.sigSpace_x;
-    sigSpace_y = other.sigSpace_y;
-    return *this;
+    return assignValues(*this, other, &struBilatralParam::k_w, &struBilatralParam::k_h,
+                        &struBilatralParam::sigColor_x, &struBilatralParam::sigColor_y,
+                        &struBilatralParam::sigSpace_x, &struBilatralParam::sigSpace_y);
 }
 
 struBilatralParam::~struBilatralParam() = default;
@@ -311,20 +237,14 @@ struFastNLMParam::struFastNLMParam() { getDefaultData(); }
 
 struFastNLMParam::struFastNLMParam(const char* file) {
     getDefaultData();
-    CopyFilePath(filePath, file);
-    loadParam();
+    loadFrom(*this, file);
 }
 
-struFastNLMParam::struFastNLMParam(const struFastNLMParam& other)
-    : paramBase(other), rd(other.rd), rD(other.rD), h(other.h), filePath(other.filePath) {}
+struFastNLMParam::struFastNLMParam(const struFastNLMParam&) = default;
 
 struFastNLMParam& struFastNLMParam::operator=(const struFastNLMParam& other) {
-    if (this == &other) return *this;
-    CopyFilePath(filePath, other.filePath);
-    rd = other.rd;
-    rD = other.rD;
-    h = other.h;
-    return *this;
+    return assignValues(*this, other, &struFastNLMParam::rd, &struFastNLMParam::rD,
+                        &struFastNLMParam::h);
 }
 
 struFastNLMParam::~struFastNLMParam() = default;
@@ -348,20 +268,14 @@ struUSMParam::struUSMParam() { getDefaultData(); }
 
 struUSMParam::struUSMParam(const char* file) {
     getDefaultData();
-    CopyFilePath(filePath, file);
-    loadParam();
+    loadFrom(*this, file);
 }
 
-struUSMParam::struUSMParam(const struUSMParam& other)
-    : paramBase(other), r(other.r), isNeedNorm(other.isNeedNorm), lam(other.lam), filePath(other.filePath) {}
+struUSMParam::struUSMParam(const struUSMParam&) = default;
 
 struUSMParam& struUSMParam::operator=(const struUSMParam& other) {
-    if (this == &other) return *this;
-    CopyFilePath(filePath, other.filePath);
-    r = other.r;
-    isNeedNorm = other.isNeedNorm;
-    lam = other.lam;
-    return *this;
+    return assignValues(*this, other, &struUSMParam::r, &struUSMParam::isNeedNorm,
+                        &struUSMParam::lam);
 }
 
 struUSMParam::~struUSMParam() = default;
@@ -386,26 +300,14 @@ struWLNParam::struWLNParam() { getDefaultData(); }
 
 struWLNParam::struWLNParam(const char* file) {
     getDefaultData();
-    CopyFilePath(filePath, file);
-    loadParam();
+    loadFrom(*this, file);
 }
 
-struWLNParam::struWLNParam(const struWLNParam& other)
-    : paramBase(other),
-      wl(other.wl),
-      wr(other.wr),
-      specifymin(other.specifymin),
-      specifymax(other.specifymax),
-      filePath(other.filePath) {}
+struWLNParam::struWLNParam(const struWLNParam&) = default;
 
 struWLNParam& struWLNParam::operator=(const struWLNParam& other) {
-    if (this == &other) return *this;
-    CopyFilePath(filePath, other.filePath);
-    wl = other.wl;
-    wr = other.wr;
-    specifymin = other.specifymin;
-    specifymax = other.specifymax;
-    return *this;
+    return assignValues(*this, other, &struWLNParam::wl, &struWLNParam::wr,
+                        &struWLNParam::specifymin, &struWLNParam::specifymax);
 }
 
 struWLNParam::~struWLNParam() = default;

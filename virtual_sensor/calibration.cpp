@@ -1,5 +1,7 @@
 // VirtualSensor_WriteCalibration: the calibration files a vendor's calibration tool would have
-// left in the work directory for this sensor.
+// left in the work directory for this sensor; VirtualSensor_GetFixedPattern: the truth those
+// files and any calibration made from the sensor's exposures are measured against.
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
@@ -123,8 +125,46 @@ int WriteCalibration(const char* workDir, int frames) {
     return kWritten;
 }
 
+int GetFixedPattern(const char* workDir, float* gain, float* darkOffset, unsigned char* defects,
+                    long long count) {
+    if (workDir == nullptr || workDir[0] == '\0') {
+        return kBadArguments;
+    }
+    Settings settings;
+    std::string problem;
+    if (!LoadSettings(workDir, settings, problem)) {
+        return kBadSettings;
+    }
+    if (count != static_cast<long long>(settings.columns()) * settings.rows()) {
+        return kBadArguments;
+    }
+    const SensorModel model(settings);
+    const size_t n = static_cast<size_t>(count);
+    if (gain != nullptr) {
+        std::copy(model.gainMap().begin(), model.gainMap().begin() + n, gain);
+    }
+    if (darkOffset != nullptr) {
+        std::copy(model.darkOffsets().begin(), model.darkOffsets().begin() + n, darkOffset);
+    }
+    if (defects != nullptr) {
+        std::copy(model.defectMap().begin(), model.defectMap().begin() + n, defects);
+    }
+    return kWritten;
+}
+
 }  // namespace
 }  // namespace virtual_sensor
+
+extern "C" VIRTUAL_SENSOR_API int VirtualSensor_GetFixedPattern(const char* workDir, float* gain,
+                                                                float* darkOffset,
+                                                                unsigned char* defects,
+                                                                long long count) {
+    try {
+        return virtual_sensor::GetFixedPattern(workDir, gain, darkOffset, defects, count);
+    } catch (const std::bad_alloc&) {
+        return virtual_sensor::kOutOfMemory;
+    }
+}
 
 extern "C" VIRTUAL_SENSOR_API int VirtualSensor_WriteCalibration(const char* workDir, int frames) {
     // A frame too large for the memory left is refused; an exception must not cross into the

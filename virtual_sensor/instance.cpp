@@ -7,6 +7,7 @@
 #include <string>
 
 #include "error_codes.h"
+#include "xray_source.h"
 
 namespace virtual_sensor {
 namespace {
@@ -282,7 +283,9 @@ void Instance::deliverImage(uint64_t exposure) {
             if (!model_) {
                 model_ = std::make_unique<SensorModel>(settings_);
             }
-            model_->expose(framesTaken_++, frame_);
+            // The source in front of the sensor may have been set for a calibration run.
+            const double factor = FlatDoseFactor();
+            model_->expose(framesTaken_++, frame_, factor < 0.0 ? -1.0 : factor * settings_.dose);
         } catch (const std::bad_alloc&) {
             model_.reset();
             std::vector<uint16_t>().swap(frame_);

@@ -224,14 +224,15 @@ double SensorModel::expected(size_t index, double signal) const {
     return gain_[index] * signal + darkOffset_[index];
 }
 
-void SensorModel::expose(uint64_t frameIndex, std::vector<uint16_t>& frame) {
+void SensorModel::expose(uint64_t frameIndex, std::vector<uint16_t>& frame, double flatDose) {
     const size_t count = gain_.size();
-    if (settings_.scene == Scene::Phantom && scene_.empty()) {
+    const bool flat = flatDose >= 0.0 || settings_.scene == Scene::Flat;
+    if (!flat && scene_.empty()) {
         scene_ = RenderPhantom(columns_, rows_, settings_.seed);
     }
     frame.assign(count, 0);
     Random noise(Mix64(StreamSeed(settings_.seed, kNoise) ^ Mix64(frameIndex)));
-    const double dose = settings_.dose;
+    const double dose = flatDose >= 0.0 ? flatDose : settings_.dose;
     for (int y = 0; y < rows_; ++y) {
         for (int x = 0; x < columns_; ++x) {
             const size_t i = static_cast<size_t>(y) * columns_ + x;
@@ -242,7 +243,7 @@ void SensorModel::expose(uint64_t frameIndex, std::vector<uint16_t>& frame) {
                 frame[i] = static_cast<uint16_t>(stuck_[i]);
                 continue;
             }
-            const double signal = gain_[i] * dose * (scene_.empty() ? 1.0 : scene_[i]);
+            const double signal = gain_[i] * dose * (flat ? 1.0 : scene_[i]);
             const double sigma = std::sqrt(kNoiseGain * signal + kReadNoise * kReadNoise);
             frame[i] = ToRaw(signal + darkOffset_[i] + sigma * noise.gaussian());
         }

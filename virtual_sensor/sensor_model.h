@@ -23,9 +23,10 @@ public:
     int columns() const { return columns_; }
     int rows() const { return rows_; }
 
-    // One raw frame of the configured scene and dose. frameIndex selects the noise, so successive
-    // frames differ and a given sequence repeats for the same seed.
-    void expose(uint64_t frameIndex, std::vector<uint16_t>& frame);
+    // One raw frame of the configured scene and dose, or, when flatDose is 0 or more, a flat field
+    // of that dose whatever the scene. frameIndex selects the noise, so successive frames differ
+    // and a given sequence repeats for the same seed.
+    void expose(uint64_t frameIndex, std::vector<uint16_t>& frame, double flatDose = -1.0);
 
     // A calibration flat of the given dose: the noise-free mean of many flat exposures, with the
     // defective pixels holding what a good pixel there would read (the defect file flags them)
@@ -40,6 +41,9 @@ public:
     const std::vector<uint8_t>& defectMap() const { return defects_; }
     // Value a defective pixel is stuck at, or -1 for a good pixel.
     int stuckValue(int index) const { return stuck_[static_cast<size_t>(index)]; }
+    // Raw signal per unit of dose, and the dark offset, of every pixel.
+    const std::vector<float>& gainMap() const { return gain_; }
+    const std::vector<float>& darkOffsets() const { return darkOffset_; }
 
 private:
     void buildGainMap();

@@ -1,7 +1,10 @@
 // The virtual sensor: a stand-in for the detector's driver library, built as libFpdSys.so
 // (FpdSys.dll on Windows), so that hosts, tests and demonstrations run a whole acquisition
-// without hardware. Besides the driver's seven entry points it exports one function of its own,
-// declared here, that writes the calibration files matching the sensor it plays.
+// without hardware. Besides the driver's seven entry points it exports functions of its own,
+// declared here: one writes the calibration files matching the sensor it plays, one sets the
+// X-ray source in front of it (flat fields of a chosen dose, for calibration runs), and one
+// hands out the sensor's fixed pattern (gain, dark offset, defects) so that a calibration made
+// from its exposures can be compared with the truth.
 //
 // Configuration: a file "VirtualSensor.ini" in the working directory given to Create (and to
 // VirtualSensor_WriteCalibration), section [VirtualSensor]:
@@ -46,6 +49,25 @@ extern "C" {
 // 2 for a configuration that Create would reject, 3 when the folder cannot be made, 4 when a
 // file cannot be written, 5 when the frame does not fit in the memory left.
 VIRTUAL_SENSOR_API int VirtualSensor_WriteCalibration(const char* workDir, int frames);
+
+// Sets the X-ray source of every virtual sensor in this process, from the next exposure on: a
+// factor of 0 or more makes each exposure a flat field of factor x the sensor's configured Dose,
+// whatever its Scene (0: no radiation, only the dark signal; a large factor saturates); a
+// negative factor returns to the configured scene and dose, the state at load time. The noise
+// of each frame is drawn as before. Returns 0; 1 for a factor above 100 or not a number, which
+// changes nothing.
+VIRTUAL_SENSOR_API int VirtualSensor_SetFlatDose(double factor);
+
+// The fixed pattern of the sensor configured in workDir/VirtualSensor.ini (or the defaults), one
+// value per pixel row after row: gain (raw signal per unit of dose), dark offset (raw units) and
+// defects (1 at a defective pixel, 0 elsewhere: the map of the defect file). A good pixel reads
+// gain x dose x scene + dark offset + noise; a defective one its own stuck value. Any output may
+// be null; count is the number of elements each given output holds and must be columns x rows.
+// Returns 0 on success; 1 for a null or empty workDir or a count other than columns x rows, 2 for
+// a configuration that Create would reject, 5 when the pattern does not fit in the memory left.
+VIRTUAL_SENSOR_API int VirtualSensor_GetFixedPattern(const char* workDir, float* gain,
+                                                     float* darkOffset, unsigned char* defects,
+                                                     long long count);
 
 #ifdef __cplusplus
 }

@@ -2,6 +2,10 @@
 //
 // An owned, row-major buffer of 32-bit float samples with three extents (width, height, depth;
 // depth 1 for an ordinary image), plus a reader and a writer for headerless raw image files.
+//
+// Bounds: a matrix holds at most 2^28 samples (1 GiB), the processing library's limit for one
+// image, far beyond any sensor. A larger request is refused before anything is allocated: the
+// matrix stays (or becomes) empty, and readRawFile returns 0.
 #pragma once
 
 #include "veltrano/export.h"
@@ -42,8 +46,8 @@ public:
     int doMul(imgmat& other);
 
     // Replaces the samples by count fresh ones, all 0, without touching the extents; the
-    // caller keeps count at least width x height x depth. A request of 4 GiB or more fails
-    // and leaves the matrix empty.
+    // caller keeps count at least width x height x depth. A request of more than 2^28 samples
+    // fails and leaves the matrix empty.
     void callMemory(unsigned long long count);
     // Frees the samples and makes the matrix empty; a matrix without data keeps its extents.
     void clearData();
@@ -55,7 +59,8 @@ public:
     // 1 uint8, 2 int16, 3 uint16, 4 int32, 5 uint32, 6 int64, 7 uint64, 8 float, 9 double;
     // any other code converts nothing. depth is never changed. Returns 1 once the file opened
     // (a short file reads as zeros past its end), 0 with "fail to open file" on standard
-    // output when it cannot be opened, and 0 when the samples cannot be allocated.
+    // output when it cannot be opened, and 0 when the samples cannot be allocated (more than
+    // 2^28 of them, or no memory). The file is read in pieces: a large header costs nothing.
     int readRawFile(const char* path, unsigned long long width, unsigned long long height,
                     unsigned long long headerBytes, int type);
     // Writes count floats from samples (not from data) to the file, which is created or

@@ -54,6 +54,26 @@ protected:
     void appendInt(int* field, const char* key);
     void appendFloat(float* field, const char* key);
 
+    // The rest of every record's file constructor, after its defaults: take the path, then
+    // load at once.
+    template <class Record>
+    static void loadFrom(Record& record, const char* file) {
+        record.CopyFilePath(record.filePath, file);
+        record.loadParam();
+    }
+
+    // Copy assignment of every record: the source's path (a null one keeps the own path) and
+    // the listed value fields. The target keeps its own bindings, and the section index is
+    // not a value.
+    template <class Record, class... Fields>
+    static Record& assignValues(Record& self, const Record& other, Fields Record::*... fields) {
+        if (&self != &other) {
+            self.CopyFilePath(self.filePath, other.filePath);
+            ((self.*fields = other.*fields), ...);
+        }
+        return self;
+    }
+
 private:
     std::shared_ptr<veltrano::ParamRegistry> registry_;
     // The registry this record created: it is bound to this record's fields, so it is

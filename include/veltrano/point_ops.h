@@ -23,10 +23,17 @@ VELTRANO_API int BrigntAndContrast(uint16_t* src, uint16_t* dst, int32_t width, 
 
 // Gamma curve for codes 3, 4, 5 (over the type's full range) and 6 (over the image's own
 // min..max). A float image whose pixels are all equal has no span to map over and is copied.
+// Integer images map through a table of the values between their minimum and maximum; on
+// processors with AVX2 that table computes the power as exp(gamma log b) in double, which rounds
+// to the C library's single-precision power except within about 2^-50 of a rounding boundary (an
+// output pixel may then differ by 1). Scratch: one table of at most 65536 elements.
 VELTRANO_API int GammaCorrect(void* src, void* dst, uint32_t width, uint32_t height, float gamma,
                               int32_t pixelType);
 
-// ln(max(src, 20)), negated when negate is 1.
+// ln(max(src, 20)), negated when negate is 1. On processors with AVX2 the logarithm is computed
+// in double by the library's own vector code (whole numbers 0..65535 through a table of 65536
+// floats): the single-precision result equals the C library's except within about 2^-50 of a
+// rounding boundary, where it may differ by one unit in the last place.
 VELTRANO_API int Image_Log(float* src, float* dst, uint32_t width, uint32_t height,
                            int32_t negate);
 

@@ -18,7 +18,11 @@
 // with a mask, only pixels whose mask byte is non-zero are computed and the others copy the source.
 // Source and destination may be the same buffer.
 // Results: 1 done; -1 null source; -2 null destination; -3 null kernel; -4 a width, height, kw or
-// kh below 1.
+// kh below 1, or more than 2^28 elements in the image, the kernel or the extended image
+// ((height + kh - 1) * (width + kw - 1)), refused before anything is read or allocated.
+// Cost: kw + kh multiply-adds per pixel for a separable kernel; kw * kh for any other (taps whose
+// weight is 0 are skipped when the source holds no infinity or NaN, with the same result), so a
+// large general kernel on a full frame takes long: 101 x 101 is about 10^4 products per pixel.
 VELTRANO_API int ImageConv(const float* src, float* dst, const float* kernel, int32_t width,
                            int32_t height, int32_t kw, int32_t kh, const uint8_t* mask);
 
@@ -28,7 +32,8 @@ VELTRANO_API int ImageConv(const float* src, float* dst, const float* kernel, in
 // 0..65535 exactly) the destination receives the source unsharpened, as hosts have always seen.
 // A negative radius acts as 0. Source and destination may be the same buffer.
 // Results: 1 done (also for a width or height below 1: nothing to do); -1 null source; -2 null
-// destination; -4 radius above 1024.
+// destination; -4 radius above 1024, or more than 2^28 pixels. The cost does not depend on the
+// radius; up to radius 7 the window sums are exact integer sums, equal to the float running sums.
 VELTRANO_API int USM_BOX(uint16_t* src, uint16_t* dst, int32_t width, int32_t height,
                          int32_t radius, float amount, bool normalise);
 
@@ -47,8 +52,11 @@ VELTRANO_API int USM_EX(uint16_t* src, void* dst, uint32_t width, uint32_t heigh
 // acts as 1.0, as in the Gaussian kernel generator. When `mask` is given it first receives 1 where |src - K correlated with src| is at
 // least `threshold` and 0 elsewhere (the correlation with the unnormalised kernel, not a local
 // mean); the Gaussian kernel is separable, so the mask does not restrict the sharpening pass. Source and destination may be the same buffer.
-// Results: 1 done; -1 null source; -2 null destination; -4 width or height below 1, or radius not
-// in 1..1024.
+// Results: 1 done; -1 null source; -2 null destination; -4 width or height below 1, radius not in
+// 1..1024, or more than 2^28 elements in the image or in the image extended by the radius.
+// Cost: 2 (2r + 1) products per pixel through ImageConv's separable split; when a small sigma
+// makes the float weights underflow unevenly the kernel is not separable, and the direct sum
+// visits only its nonzero weights.
 VELTRANO_API int USM_Gaussian(uint16_t* src, uint16_t* dst, int32_t width, int32_t height,
                               int32_t radius, float amount, int32_t threshold, float sigma,
                               uint8_t* mask);

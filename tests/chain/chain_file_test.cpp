@@ -27,6 +27,15 @@ TEST(ChainFile, BlocksCloseOnLinesThatBeginWithEnd) {
     }
 }
 
+TEST(ChainFile, ReadingStopsAtItsLimitAsIfTheFileEndedThere) {
+    // A block closed just inside the limit counts; one that closes past it does not exist.
+    const std::string filler(veltrano::chain::kMaxChainFileBytes - 12, 'x');
+    std::istringstream in(filler + "\n[A]\nend\n[B]\nend\n");
+    const veltrano::chain::ChainFile file = veltrano::chain::ReadChainFile(in);
+    EXPECT_EQ(file.blocks, (std::vector<Block>{{filler, "[A]"}}));
+    EXPECT_EQ(file.text.size(), veltrano::chain::kMaxChainFileBytes - 3);  // less 3 line feeds
+}
+
 TEST(ChainFile, FieldsLieBetweenTheFirstOpenerAndTheNextCloser) {
     const char* cases[][2] = {
         {"[CLAHE]", "CLAHE"}, {"  [Clahe] x]", "Clahe"}, {"CLAHE]", "CLAHE"}, {"[CLAHE", ""},

@@ -92,6 +92,9 @@ TEST_F(PostProcessChain, FailuresPrintTheirLineAndLeaveTheDestination) {
     EXPECT_EQ(Img_Post_Process_Chain(nullptr, dst.data(), kW, kH, ChainPath().c_str(), text), -3);
     EXPECT_EQ(Img_Post_Process_Chain(in.data(), nullptr, kW, kH, ChainPath().c_str(), text), -3);
     EXPECT_EQ(Img_Post_Process_Chain(in.data(), dst.data(), kW, -1, ChainPath().c_str(), text), -3);
+    // So is a size beyond the library's limit of 2^28 pixels, before anything is read or copied.
+    EXPECT_EQ(Img_Post_Process_Chain(in.data(), dst.data(), 1 << 14, (1 << 14) + 1,
+                                     ChainPath().c_str(), text), -3);
     EXPECT_EQ(dst, untouched);
 }
 
@@ -204,6 +207,14 @@ TEST_F(PostProcessChain, FastNlmKeepsOnlyEightBits) {
     const ChainRun run = RunChain("[FastNLM]\nrd=1;\nrD=0;\nh=3;\nend\n", src);
     EXPECT_EQ(std::vector<uint16_t>(run.dst.begin(), run.dst.begin() + 4),
               (std::vector<uint16_t>{0, 257, 65535, 4 * 257}));
+
+    // Every 16-bit value, in a 256 x 256 image, against the float rule written out.
+    std::vector<uint16_t> all(65536), expected(65536);
+    for (int v = 0; v < 65536; ++v) {
+        all[v] = static_cast<uint16_t>(v);
+        expected[v] = static_cast<uint16_t>(static_cast<uint8_t>(v / 257.0f + 0.5f) * 257);
+    }
+    EXPECT_EQ(RunChain("[FastNLM]\nrd=1;\nrD=0;\nh=3;\nend\n", all, 256, 256).dst, expected);
 }
 
 }  // namespace

@@ -1,58 +1,9 @@
-// The command-line program run as a host runs it: as a separate process, from the build's bin
-// folder, through a POSIX shell. Skipped where the program is not built.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <string>
+// The command-line program end to end: a demo exposure, usage errors and the common bad inputs.
+#include "cli_support.h"
 
 #if !defined(_WIN32)
-#include <sys/wait.h>
-
 namespace {
-namespace fs = std::filesystem;
-
-std::string ReadAll(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
-class VeltranoCli : public testing::Test {
-protected:
-    void SetUp() override {
-        program_ = fs::absolute("veltrano");
-        if (!fs::exists(program_)) {
-            GTEST_SKIP() << "the veltrano program is not part of this build";
-        }
-        // One folder per test: CTest runs the tests of this file side by side.
-        dir_ = fs::absolute(std::string("cli_test_") +
-                            testing::UnitTest::GetInstance()->current_test_info()->name());
-        fs::remove_all(dir_);
-        fs::create_directories(dir_);
-    }
-    void TearDown() override {
-        std::error_code ec;
-        fs::remove_all(dir_, ec);
-    }
-
-    void Write(const std::string& name, const std::string& bytes) const {
-        std::ofstream(dir_ / name, std::ios::binary) << bytes;
-    }
-
-    // The exit code and standard error of one run in the test's folder.
-    std::pair<int, std::string> Veltrano(const std::string& args) const {
-        const std::string command = "cd '" + dir_.string() + "' && '" + program_.string() + "' " +
-                                    args + " >/dev/null 2>stderr.txt";
-        const int status = std::system(command.c_str());
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadAll(dir_ / "stderr.txt")};
-    }
-
-    fs::path program_;
-    fs::path dir_;
-};
+using namespace cli_test;
 
 TEST_F(VeltranoCli, BadInputFailsWithOneLineAndLeavesTheOutputAlone) {
     // A 32 x 24 raw picture of 16-bit values, and its PNG form made by the program itself.
@@ -73,9 +24,9 @@ TEST_F(VeltranoCli, BadInputFailsWithOneLineAndLeavesTheOutputAlone) {
     const char* cases[][3] = {
         // arguments, the file the message names, a part of the message
         {"--chain bc.chain --in missing.png", "missing.png", "cannot be opened"},
-        {"--chain bc.chain --in folder.png", "folder.png", "cannot be opened"},
+        {"--chain bc.chain --in folder.png", "folder.png", "is a folder, not a regular file"},
         {"--chain missing.chain --in in.png", "missing.chain", "cannot be opened"},
-        {"--chain folder.chain --in in.png", "folder.chain", "cannot be opened"},
+        {"--chain folder.chain --in in.png", "folder.chain", "is a folder, not a regular file"},
         {"--chain malformed.chain --in in.png", "malformed.chain", "has a malformed number"},
         {"--chain noend.chain --in in.png", "noend.chain", "holds no complete step block"},
         {"--chain bc.chain --in short.raw --width 32 --height 24 --type 3", "short.raw",
@@ -86,8 +37,7 @@ TEST_F(VeltranoCli, BadInputFailsWithOneLineAndLeavesTheOutputAlone) {
         Write("out.png", "previous output");
         const auto outcome = Veltrano(std::string("process ") + c[0] + " --out out.png");
         EXPECT_EQ(outcome.first, 1) << c[0];
-        EXPECT_EQ(std::count(outcome.second.begin(), outcome.second.end(), '\n'), 1)
-            << outcome.second;
+        EXPECT_EQ(Lines(outcome.second), 1u) << outcome.second;
         EXPECT_NE(outcome.second.find(std::string(c[1]) + ": " + c[2]), std::string::npos)
             << outcome.second;
         EXPECT_EQ(ReadAll(dir_ / "out.png"), "previous output") << c[0];

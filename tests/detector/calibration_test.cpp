@@ -1,7 +1,10 @@
 // Calibration files and the corrections built on them: finding the files, one- and four-frame
 // gain files, the gain matrix, the choice among four gains, and the helpers on detector images.
 
+#include <limits>
+
 #include "detector_support.h"
+#include "imgproc/impl_levels.h"
 
 using namespace detector_test;
 
@@ -125,4 +128,47 @@ TEST(Calibration, HelpersOnDetectorImagesRepairTakeLogarithmsAndFillCorners) {
     EXPECT_NEAR(logs.data[4], -std::log(20.0f), 1e-5);  // 10 is floored at 20, then negated
     const float expected[] = {9, 6, 3, 1, 4, 7, 8, 5, 6, 4, 5, 8, 7, 8, 9, 7, 8, 9};
     EXPECT_TRUE(std::equal(expected, expected + 18, filled.data));
+}
+
+// The corrections' fast passes (exact sums in any order, vector gain division and histogram
+// bins) against the plain loops: the same gain matrix, levels and marks at every level, on
+// frames with whole and fractional values, negative, huge and not-a-number pixels.
+TEST(Calibration, FastCorrectionPassesMatchThePlainLoops) {
+    using impl_levels::AtEachLevel;
+    std::mt19937 gen(3);
+    imgmat whole(kWidth, kHeight, 1), fractional(kWidth, kHeight, 1);
+    for (unsigned long long i = 0; i < kPixels; ++i) {
+        whole.data[i] = static_cast<float>(gen() % 60000);
+        fractional.data[i] = static_cast<float>(gen() % 600000) / 9.0f - 500.0f;
+    }
+    fractional.data[10] = std::numeric_limits<float>::quiet_NaN();
+    fractional.data[11] = 1e9f, fractional.data[12] = -1e9f, fractional.data[13] = 65535.5f;
+    CVeltrano plain("unused");
+    for (imgmat* flat : {&whole, &fractional}) {
+        const auto gains = AtEachLevel([&] {
+            imgmat gain;
+            plain.CalcGainMat(*flat, gain);
+            return std::vector<float>(gain.data, gain.data + kPixels);
+        });
+        EXPECT_TRUE(impl_levels::SameBits(gains[1], gains[0]));
+        EXPECT_TRUE(impl_levels::SameBits(gains[2], gains[0]));
+    }
+    WorkDir dir;
+    fs::create_directories(dir.calibrationFolder());
+    std::ofstream(dir.calibrationFolder() / "map.dft") << std::string(1040 + kPixels, '\0');
+    TestDetector detector(dir.str().c_str());
+    ASSERT_EQ(detector.GetBadPixelInfo(), 0);
+    for (imgmat* image : {&whole, &fractional}) {
+        const auto results = AtEachLevel([&] {
+            int low = -1, high = -1;
+            imgmat marks;
+            detector.CalcOutlierMarks(*image, 281, low, high, marks);
+            std::vector<float> out(marks.data, marks.data + kPixels);
+            out.push_back(static_cast<float>(low));
+            out.push_back(static_cast<float>(high));
+            return out;
+        });
+        EXPECT_EQ(results[1], results[0]);
+        EXPECT_EQ(results[2], results[0]);
+    }
 }

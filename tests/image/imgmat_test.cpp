@@ -72,6 +72,13 @@ TEST(Imgmat, AssignmentCopiesDeeplyButFromAnEmptyAreaOnlyTheExtents) {
     }
     const imgmat huge(1024, 1024, 1024);  // 4 GiB of samples: refused, not wrapped
     EXPECT_EQ(huge.data, nullptr);
+    // One sample more than 2^28 is refused before any allocation, by every way in.
+    const imgmat over(1 << 14, (1 << 14) + 1, 1);
+    EXPECT_EQ(over.data, nullptr);
+    imgmat matrix(2, 2, 1);
+    matrix.callMemory((1ull << 28) + 1);
+    EXPECT_EQ(matrix.data, nullptr);
+    EXPECT_EQ(matrix.width, 0u);
 }
 
 TEST(Imgmat, EveryRawElementTypeReadsBackAsFloatAfterTheHeader) {
@@ -113,6 +120,10 @@ TEST(Imgmat, RawReadKeepsDepthReadsMissingBytesAsZerosAndSurvivesBadFiles) {
         ASSERT_EQ(same.readRawFile(file.c_str(), 2, 2, header, 3), 1);
         EXPECT_EQ(Samples(same, 4), header == 4 ? (Floats{1, 2, 0, 0}) : Floats(4, 0.0f));
     }
+    // More samples than a matrix holds: 0, whatever the file; the matrix is left empty.
+    EXPECT_EQ(same.readRawFile(file.c_str(), 1ull << 20, 1ull << 20, 0, 3), 0);
+    EXPECT_EQ(same.data, nullptr);
+    same = imgmat(2, 2, 1);
     same = 5.0f;  // files that cannot be opened: a message, 0, and nothing changed
     for (int call = 0; call < 4; ++call) {
         testing::internal::CaptureStdout();

@@ -4,10 +4,13 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <type_traits>
 #include <vector>
 
 #include "advanced_reference.h"
+#include "imgproc/pixel_helpers.h"
+#include "impl_levels.h"
 #include "veltrano.h"
 
 namespace {
@@ -148,7 +151,17 @@ TEST(AceGamma, UnservedCodesAndBadArgumentsLeaveTheImage) {
     std::vector<double> d64 = RandomImage<double>(12, 9, 0.0, 1.0, 24), keep = d64;
     ASSERT_EQ(Ace_Gamma(reinterpret_cast<uint16_t*>(d64.data()), d64.data(), 12, 9, 11, &p, nullptr), 1);
     EXPECT_EQ(d64, keep);
+    // In place with codes that no step serves, buffers sized by PixelTypeSize: nothing is read or
+    // written past them (a work buffer of 8 bytes a pixel used to be copied over the image).
+    for (int code : {1, 2, 7, 8, 9, 12, 13, -1}) {
+        std::vector<uint8_t> raw(12 * 9 * static_cast<size_t>(veltrano::PixelTypeSize(code)));
+        for (size_t i = 0; i < raw.size(); ++i) raw[i] = static_cast<uint8_t>(i * 37);
+        const std::vector<uint8_t> before = raw;
+        EXPECT_EQ(Ace_Gamma(reinterpret_cast<uint16_t*>(raw.data()), raw.data(), 12, 9, code, &p, nullptr), 1) << code;
+        EXPECT_EQ(raw, before) << code;
+    }
     std::vector<uint16_t> src(108, 100), dst(src.size(), 7);
+    EXPECT_EQ(Ace_Gamma(src.data(), dst.data(), 1 << 15, (1u << 13) + 1, 4, &p, nullptr), -4);  // past 2^28 pixels
     EXPECT_EQ(Ace_Gamma(nullptr, dst.data(), 12, 9, 4, &p, nullptr), -1);
     EXPECT_EQ(Ace_Gamma(src.data(), nullptr, 12, 9, 4, &p, nullptr), -2);
     EXPECT_EQ(Ace_Gamma(src.data(), dst.data(), 12, 9, 4, nullptr, nullptr), -4);
@@ -178,6 +191,55 @@ TEST(Wln, ClipsToTheWindowAndStretchesItToTheOutputRange) {
     EXPECT_EQ(WLN(nullptr, flat.data(), 2, 2, &p), -1);
     EXPECT_EQ(WLN(bright.data(), nullptr, 2, 2, &p), -2);
     EXPECT_EQ(WLN(bright.data(), flat.data(), 2, 2, nullptr), -4);
+}
+
+// The integer running sums of the exact form against the double sums of the plain form, bit for
+// bit: every pixel type it serves, odd sizes, radii from 0 to past the image size and up to the
+// limit (where bright 16-bit sums leave the exact range and the plain form runs), in place too.
+TEST(ContrastEnhancement, ExactFormFastPathsMatchThePlainDoubleSums) {
+    using impl_levels::AtEachLevel;
+    struct Setting { int radius; float alpha, maxGain; };
+    const Setting settings[] = {{0, 1.0f, 3.0f}, {2, 0.3f, 2.5f}, {20, 1.0f, 3.0f}, {7, 40.0f, 1e30f}, {64, 0.05f, 0.5f}, {1024, 1.0f, 3.0f}};
+    unsigned seed = 90;
+    for (const impl_levels::Size& size : impl_levels::OddSizes()) {
+        const int w = size.width, h = size.height;
+        for (const Setting& s : settings) {
+            if (s.radius > 20 && w * h > 5000) continue;  // the plain form is slow at large radii
+            for (int code : {3, 4, 5}) {
+                SCOPED_TRACE(testing::Message() << w << "x" << h << " r=" << s.radius << " code " << code);
+                std::vector<uint16_t> src(static_cast<size_t>(w) * h);
+                std::vector<uint8_t> bytes = RandomImage<uint8_t>(w, h, 0, 255, seed++);
+                std::vector<int16_t> signedPixels = RandomImage<int16_t>(w, h, -32768, 32767, seed++);
+                std::vector<uint16_t> words = RandomImage<uint16_t>(w, h, 0, 65535, seed++);
+                if (code == 3) std::memcpy(src.data(), bytes.data(), bytes.size());
+                if (code == 4) src = words;
+                if (code == 5) std::memcpy(src.data(), signedPixels.data(), src.size() * 2);
+                const auto out = AtEachLevel([&] {
+                    std::vector<uint16_t> dst(src.size(), 9);
+                    EXPECT_EQ(AdaptiveContrastEnhancement(src.data(), dst.data(), w, h, code, s.radius, s.alpha, s.maxGain), 1);
+                    return dst;
+                });
+                const auto inPlace = AtEachLevel([&] {
+                    std::vector<uint16_t> img = src;
+                    EXPECT_EQ(AdaptiveContrastEnhancement(img.data(), img.data(), w, h, code, s.radius, s.alpha, s.maxGain), 1);
+                    return img;
+                });
+                for (size_t level = 1; level < out.size(); ++level) {
+                    EXPECT_EQ(out[level], out[0]) << "level " << level;
+                    EXPECT_EQ(inPlace[level], inPlace[0]) << "in place, level " << level;
+                }
+            }
+        }
+    }
+    // A flat image with one bright pixel: zero deviation almost everywhere, a large gain at it.
+    std::vector<uint16_t> flat(33 * 31, 1200), dst(flat.size());
+    flat[500] = 60000;
+    const auto peaks = AtEachLevel([&] {
+        EXPECT_EQ(AdaptiveContrastEnhancement(flat.data(), dst.data(), 33, 31, 4, 3, 2.0f, 3.0f), 1);
+        return dst;
+    });
+    EXPECT_EQ(peaks[1], peaks[0]);
+    EXPECT_EQ(peaks[2], peaks[0]);
 }
 
 }  // namespace

@@ -3,8 +3,11 @@
 #include <cstdint>
 #include <cstdio>
 #include <fstream>
+#include <limits>
+#include <random>
 #include <vector>
 
+#include "impl_levels.h"
 #include "veltrano.h"
 
 namespace {
@@ -127,6 +130,33 @@ TEST(EdgeClip, ValuesInTheRecordsFileWinOverThosePassed) {
     ASSERT_EQ(edgeClip_16U(src.data(), dst.data(), 3, 5, p), 1);
     EXPECT_EQ(dst, (std::vector<uint16_t>{6, 7, 11, 12, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
     std::remove(file);
+}
+
+// The fast mark conversion and pending scan against the plain loops: random maps with values
+// around the thresholds (1e-6, 1, 255), negative and not-a-number entries, clusters and lines,
+// odd sizes, in place and out of place.
+TEST(ImgFix, FastMarkConversionMatchesThePlainLoop) {
+    std::mt19937 gen(12);
+    const float specials[] = {0.0f, 5e-7f, -5e-7f, 2e-6f, 0.999f, 1.0f, 254.9f, 300.0f, -1.0f,
+                              std::numeric_limits<float>::quiet_NaN()};
+    for (const impl_levels::Size& s : impl_levels::OddSizes()) {
+        const size_t n = static_cast<size_t>(s.width) * s.height;
+        std::vector<float> src(n), map(n, 0.0f);
+        for (size_t i = 0; i < n; ++i) {
+            src[i] = static_cast<float>(gen() % 4000);
+            if (gen() % 4 == 0) map[i] = specials[gen() % 10];
+        }
+        for (int y = 0; y < s.height; ++y) map[static_cast<size_t>(y) * s.width + s.width / 2] = 1.0f;
+        const auto out = impl_levels::AtEachLevel([&] {
+            std::vector<float> dst(n, -1.0f), inPlace = src;
+            EXPECT_EQ(ImgFix(src.data(), dst.data(), map.data(), s.width, s.height, 1, 6, 200), 1);
+            EXPECT_EQ(ImgFix(inPlace.data(), inPlace.data(), map.data(), s.width, s.height, 1, 6, 200), 1);
+            EXPECT_TRUE(impl_levels::SameBits(inPlace, dst));
+            return dst;
+        });
+        EXPECT_TRUE(impl_levels::SameBits(out[1], out[0])) << s.width << "x" << s.height;
+        EXPECT_TRUE(impl_levels::SameBits(out[2], out[0])) << s.width << "x" << s.height;
+    }
 }
 
 }  // namespace

@@ -5,10 +5,12 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <random>
 #include <vector>
 
+#include "impl_levels.h"
 #include "veltrano.h"
 
 namespace {
@@ -223,6 +225,216 @@ TEST(MedianBlur, RefusesRadiiItCannotIndexAndUnservedTypes) {
     EXPECT_EQ(Median_Blur(nullptr, img.data(), 4, 4, 1, 4), -1);
     EXPECT_EQ(Median_Blur(img.data(), nullptr, 4, 4, 1, 4), -2);
     EXPECT_EQ(Median_Blur(img.data(), img.data(), 100000, 100000, 1, 4), -3);
+}
+
+// ---- fast paths against the straightforward implementation ------------------------------------
+
+using impl_levels::AtEachLevel;
+using impl_levels::SameBits;
+
+// A float image with a few values that stress the arithmetic: infinities (which turn sums into
+// NaN, always the same default NaN), a negative zero, and values far apart in magnitude.
+std::vector<float> AwkwardImage(int w, int h, unsigned seed) {
+    std::vector<float> v = RandomImage<float>(static_cast<size_t>(w) * h, -3000, 60000, seed);
+    if (v.size() > 3) v[v.size() / 3] = -0.0f;
+    if (v.size() > 50) v[v.size() / 2] = std::numeric_limits<float>::infinity(), v[7] = 1e-30f, v[11] = 3e8f;
+    return v;
+}
+
+struct KernelCase {
+    int kw, kh;
+    unsigned seed;
+};
+
+// Kernels of the fixed 3 x 3 and 5 x 5 paths, of other and even sizes, single rows and columns,
+// sparse ones with zeros, and kernels larger than the smaller images (positions past the mirrored
+// extension); every image size leaves a remainder after the eight- and 48-pixel blocks.
+TEST(Filter2DLevels, EveryLevelGivesTheSameBitsInAndOutOfPlaceOnAnyThreadCount) {
+    const KernelCase kernels[] = {{1, 1, 1}, {3, 3, 2}, {5, 5, 3}, {7, 5, 4}, {2, 4, 5}, {9, 1, 6}, {1, 6, 7}, {11, 9, 8}};
+    const int saved = omp_get_max_threads();
+    for (const impl_levels::Size& size : impl_levels::OddSizes()) {
+        const std::vector<float> src = AwkwardImage(size.width, size.height, 31);
+        std::vector<uint16_t> src16(src.size());
+        for (size_t i = 0; i < src.size(); ++i) src16[i] = static_cast<uint16_t>(std::fabs(std::fmod(static_cast<double>(src[i]), 65536.0)));
+        for (const KernelCase& kc : kernels) {
+            SCOPED_TRACE(testing::Message() << size.width << "x" << size.height << " kernel " << kc.kw << "x" << kc.kh);
+            std::vector<float> k = RandomImage<float>(static_cast<size_t>(kc.kw) * kc.kh, -0.4, 1.0, kc.seed);
+            for (size_t i = 0; i < k.size(); i += 4) k[i] = 0.0f;
+            for (int threads : {1, 2}) {
+                omp_set_num_threads(threads);
+                const auto out32 = AtEachLevel([&] {
+                    std::vector<float> out(src.size(), 7.0f);
+                    EXPECT_EQ(filter2D_32F(const_cast<float*>(src.data()), out.data(), size.width, size.height, k.data(), kc.kw, kc.kh), 1);
+                    return out;
+                });
+                const auto inPlace32 = AtEachLevel([&] {
+                    std::vector<float> buf = src;
+                    EXPECT_EQ(filter2D_32F(buf.data(), buf.data(), size.width, size.height, k.data(), kc.kw, kc.kh), 1);
+                    return buf;
+                });
+                const auto out16 = AtEachLevel([&] {
+                    std::vector<uint16_t> out(src16.size(), 7), inPlace = src16;
+                    EXPECT_EQ(filter2D_16U(const_cast<uint16_t*>(src16.data()), out.data(), size.width, size.height, k.data(), kc.kh, kc.kw), 1);
+                    EXPECT_EQ(filter2D_16U(inPlace.data(), inPlace.data(), size.width, size.height, k.data(), kc.kh, kc.kw), 1);
+                    EXPECT_EQ(inPlace, out);
+                    return out;
+                });
+                for (size_t level = 1; level < out32.size(); ++level) {
+                    EXPECT_TRUE(SameBits(out32[0], out32[level])) << "level " << level << ", " << threads << " threads";
+                    EXPECT_TRUE(SameBits(out32[0], inPlace32[level])) << "level " << level << " in place";
+                    EXPECT_EQ(out16[0], out16[level]) << "level " << level;
+                }
+            }
+        }
+    }
+    omp_set_num_threads(saved);
+}
+
+// The separable Gaussian's bound: |fast - exact| <= kGaussBound * sum |weight * pixel| of the
+// exact correlation. Its factors are products of exponentials rounded once; the exact kernel's
+// entries are rounded on their own, and the two orders of summation round differently: over
+// 5 x 5 kernels these differ by about 3e-7 of that sum, 1e-6 leaves room for larger kernels.
+constexpr double kGaussBound = 1e-6;
+
+TEST(GaussFilterLevels, TheSeparableFormStaysWithinItsBoundAndSixteenBitsDifferOnlyNearARoundingBoundary) {
+    struct Case { int w, h, k; double sx, sy; };
+    const Case cases[] = {{301, 263, 5, 1.2, 1.2}, {33, 31, 3, 0.8, 2.0}, {45, 7, 7, 3.0, 3.0}, {17, 13, 9, 0.0, -1.0},
+                          {17, 13, 4, 1.5, 1.5}, {7, 3, 5, 1.0, 1.0}, {1, 37, 1, 1.0, 1.0}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.w << "x" << c.h << " ksize " << c.k);
+        const size_t n = static_cast<size_t>(c.w) * c.h;
+        std::vector<float> src = RandomImage<float>(n, 0, 65535, 41 + c.k), absSrc(n);
+        for (size_t i = 0; i < n; i += 5) src[i] = -src[i];
+        for (size_t i = 0; i < n; ++i) absSrc[i] = std::fabs(src[i]);
+        const std::vector<uint16_t> src16(src.begin(), src.end());
+        std::vector<float> kernel(static_cast<size_t>(c.k) * c.k), scale(n), exact16(n);
+        ASSERT_EQ(getGaussker_32F(kernel.data(), c.k, c.k, c.sx, c.sy), 1);
+        std::vector<float> floats16(src16.begin(), src16.end());
+        {
+            impl_levels::LevelCap cap(impl_levels::kReference);
+            ASSERT_EQ(filter2D_32F(absSrc.data(), scale.data(), c.w, c.h, kernel.data(), c.k, c.k), 1);
+            ASSERT_EQ(filter2D_32F(floats16.data(), exact16.data(), c.w, c.h, kernel.data(), c.k, c.k), 1);
+        }
+        const auto f32 = AtEachLevel([&] {
+            std::vector<float> out(n), inPlace = src;
+            EXPECT_EQ(gaussFilter_32F(src.data(), out.data(), c.w, c.h, c.k, c.k, c.sx, c.sy), 1);
+            EXPECT_EQ(gaussFilter_32F(inPlace.data(), inPlace.data(), c.w, c.h, c.k, c.k, c.sx, c.sy), 1);
+            EXPECT_TRUE(SameBits(inPlace, out));
+            return out;
+        });
+        const auto u16 = AtEachLevel([&] {
+            std::vector<uint16_t> out(n);
+            EXPECT_EQ(gaussFilter_16U(const_cast<uint16_t*>(src16.data()), out.data(), c.w, c.h, c.k, c.k, c.sx, c.sy), 1);
+            return out;
+        });
+        EXPECT_TRUE(SameBits(f32[1], f32[2]));  // the two fast levels run the same sums
+        EXPECT_EQ(u16[1], u16[2]);
+        for (size_t i = 0; i < n; ++i) {
+            const double bound = kGaussBound * scale[i];
+            EXPECT_LE(std::fabs(static_cast<double>(f32[1][i]) - f32[0][i]), bound) << i;
+            if (u16[1][i] == u16[0][i]) continue;
+            // A different 16-bit value only where the exact float lies that close to the next
+            // integer (or to a clamp), and only by one.
+            const double v = exact16[i];
+            EXPECT_EQ(std::abs(static_cast<int>(u16[1][i]) - static_cast<int>(u16[0][i])), 1) << i;
+            EXPECT_LE(std::fabs(v - std::round(v)), kGaussBound * std::max(1.0, v)) << i << ": " << v;
+        }
+    }
+}
+
+TEST(GaussFilterLevels, UnequalSizesTakeTheExactKernelAtEveryLevel) {
+    const int w = 23, h = 19;
+    const std::vector<float> src = RandomImage<float>(static_cast<size_t>(w) * h, 0, 1000, 43);
+    const auto out = AtEachLevel([&] {
+        std::vector<float> o(src.size());
+        EXPECT_EQ(gaussFilter_32F(const_cast<float*>(src.data()), o.data(), w, h, 3, 5, 1.0, 1.0), 1);
+        return o;
+    });
+    EXPECT_TRUE(SameBits(out[0], out[1]) && SameBits(out[0], out[2]));
+}
+
+// Every argument is looked at before the kernel is built: a kernel of 1 x (2^31 - 1) for an
+// empty image once cost 27 s and 8.4 GB and returned 1. Sizes beyond 2^28 elements are refused.
+TEST(GaussFilterLevels, AbsurdKernelsAreRefusedBeforeAnythingIsAllocated) {
+    std::vector<uint16_t> img(25, 9);
+    std::vector<float> f(25, 9.0f);
+    std::vector<uint8_t> b(25, 9);
+    const int huge = std::numeric_limits<int>::max();
+    struct Case { int w, h, k1, k2, want; };
+    for (const Case& c : {Case{0, 0, 1, huge, -5}, Case{5, 5, 1, huge, -5}, Case{0, 0, huge, 1, -5},
+                          Case{5, 5, 16385, 16385, -5}, Case{5, 5, 1, (1 << 28) + 1, -5}, Case{0, 0, 3, 3, 1},
+                          Case{5, 5, 0, huge, -2}, Case{5, 5, 3, 0, -4}}) {
+        SCOPED_TRACE(testing::Message() << c.w << "x" << c.h << " ksize " << c.k1 << ", " << c.k2);
+        EXPECT_EQ(gaussFilter_16U(img.data(), img.data(), c.w, c.h, c.k1, c.k2, 1.0, 1.0), c.want);
+        EXPECT_EQ(gaussFilter_32F(f.data(), f.data(), c.w, c.h, c.k1, c.k2, 1.0, 1.0), c.want);
+        EXPECT_EQ(gaussFilter_8U(b.data(), b.data(), c.w, c.h, c.k1, c.k2, 1.0, 1.0), c.want);
+    }
+    EXPECT_EQ(img, std::vector<uint16_t>(25, 9));
+    float k = 1.0f;  // a kernel of more than 2^28 elements is refused without being read
+    EXPECT_EQ(filter2D_32F(f.data(), f.data(), 5, 5, &k, 1 << 15, 1 << 14), -5);
+    EXPECT_EQ(filter2D_8U(b.data(), b.data(), 5, 5, &k, 1 << 15, 1 << 14), -5);
+    EXPECT_EQ(filter2D_16U(img.data(), img.data(), 1 << 15, 1 << 14, &k, 1, 1), -5);
+    EXPECT_EQ(f, std::vector<float>(25, 9.0f));
+}
+
+template <class T>
+std::vector<T> BoxImage(int w, int h, unsigned seed) {
+    const double lo = std::is_signed_v<T> ? std::numeric_limits<T>::lowest() : 0;
+    const double hi = std::numeric_limits<T>::max();
+    std::vector<T> v = RandomImage<T>(static_cast<size_t>(w) * h, lo, hi, seed);
+    // Runs of the extremes, whose window sums reach the largest magnitudes.
+    for (size_t i = 0; i < v.size() / 4; ++i) v[i] = std::numeric_limits<T>::max();
+    if constexpr (std::is_signed_v<T>)
+        for (size_t i = v.size() / 2; i < 3 * v.size() / 4; ++i) v[i] = std::numeric_limits<T>::lowest();
+    return v;
+}
+
+// Radii up to and past the image and to the ends of the integer path (90 for 16-bit pixels, 1447
+// for 8-bit), flat images of the extremes, in place and out of place.
+TEST(BoxFilterLevels, IntegerSumsGiveTheSameBitsAsTheRunningSumsOfDoubles) {
+    auto check = [](auto tag, int type, std::vector<int> radii) {
+        using T = decltype(tag);
+        for (const impl_levels::Size& size : impl_levels::OddSizes()) {
+            const std::vector<T> src = BoxImage<T>(size.width, size.height, 51);
+            for (int r : radii) {
+                for (const std::vector<T>& img : {src, std::vector<T>(src.size(), std::numeric_limits<T>::max()),
+                                                  std::vector<T>(src.size(), std::numeric_limits<T>::lowest())}) {
+                    const auto out = AtEachLevel([&] {
+                        std::vector<T> o(img.size()), inPlace = img;
+                        EXPECT_EQ(Box_Filter(const_cast<T*>(img.data()), o.data(), size.width, size.height, type, r), 1);
+                        EXPECT_EQ(Box_Filter(inPlace.data(), inPlace.data(), size.width, size.height, type, r), 1);
+                        EXPECT_EQ(inPlace, o);
+                        return o;
+                    });
+                    EXPECT_EQ(out[0], out[1]) << size.width << "x" << size.height << " type " << type << " r " << r;
+                    EXPECT_EQ(out[0], out[2]) << size.width << "x" << size.height << " type " << type << " r " << r;
+                }
+            }
+        }
+    };
+    check(uint16_t{}, 4, {0, 1, 2, 3, 10, 40, 90, 91});
+    check(int16_t{}, 5, {1, 2, 7, 10, 90, 91});
+    check(uint8_t{}, 3, {1, 2, 5, 100, 1447, 1448});
+}
+
+TEST(BoxFilterLevels, FloatImagesKeepTheirRunningSums) {
+    const int w = 33, h = 31;
+    const std::vector<float> f = AwkwardImage(w, h, 61);
+    const std::vector<double> d(f.begin(), f.end());
+    for (int r : {1, 3, 40}) {
+        const auto outF = AtEachLevel([&] {
+            std::vector<float> o(f.size());
+            EXPECT_EQ(Box_Filter(const_cast<float*>(f.data()), o.data(), w, h, 6, r), 1);
+            return o;
+        });
+        const auto outD = AtEachLevel([&] {
+            std::vector<double> o(d.size());
+            EXPECT_EQ(Box_Filter(const_cast<double*>(d.data()), o.data(), w, h, 11, r), 1);
+            return o;
+        });
+        EXPECT_TRUE(SameBits(outF[0], outF[1]) && SameBits(outF[0], outF[2])) << r;
+        EXPECT_TRUE(SameBits(outD[0], outD[1]) && SameBits(outD[0], outD[2])) << r;
+    }
 }
 
 }  // namespace

@@ -1,8 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdint>
+#include <random>
 #include <vector>
 
+#include "impl_levels.h"
 #include "veltrano.h"
 
 namespace {
@@ -45,6 +48,66 @@ TEST(Normalize, TruncMinMaxOnlyChecksPointers) {
     EXPECT_EQ(Normalize_TruncMinMax(src.data(), dst.data(), 2, 2, 0, 4), 1);
     EXPECT_EQ(Normalize_TruncMinMax(src.data(), src.data(), 2, 2, 0, 4), 1);
     EXPECT_EQ(dst, std::vector<uint8_t>(4, 9));
+}
+
+}  // namespace
+
+// The fast paths (tables and vector code) against the plain loop, bit for bit, for every member,
+// odd sizes, in place and out of place, with signed zeros and not-a-number pixels in the float
+// members and a low bound of -0.0 that makes the sign of the minimum visible.
+namespace {
+
+using impl_levels::AtEachLevel;
+using impl_levels::SameBits;
+
+template <class T, class Fn>
+void ExpectLevelsAgree(Fn normalize, const std::vector<T>& src, int w, int h, T low, T high) {
+    const auto outOfPlace = AtEachLevel([&] {
+        std::vector<T> dst(src.size(), T(7));
+        EXPECT_EQ(normalize(src.data(), dst.data(), w, h, low, high), 1);
+        return dst;
+    });
+    const auto inPlace = AtEachLevel([&] {
+        std::vector<T> img = src;
+        EXPECT_EQ(normalize(img.data(), img.data(), w, h, low, high), 1);
+        return img;
+    });
+    for (size_t level = 1; level < outOfPlace.size(); ++level) {
+        EXPECT_TRUE(SameBits(outOfPlace[level], outOfPlace[0])) << "level " << level << " size " << w << "x" << h;
+        EXPECT_TRUE(SameBits(inPlace[level], inPlace[0])) << "in place, level " << level;
+    }
+}
+
+TEST(Normalize, FastPathsMatchThePlainLoopBitForBit) {
+    std::mt19937 gen(41);
+    for (const impl_levels::Size& s : impl_levels::OddSizes()) {
+        const size_t n = static_cast<size_t>(s.width) * s.height;
+        std::vector<uint8_t> u8(n);
+        std::vector<uint16_t> u16(n);
+        std::vector<float> f32(n);
+        std::vector<double> f64(n);
+        for (size_t i = 0; i < n; ++i) {
+            u8[i] = static_cast<uint8_t>(gen() % 200 + 20);
+            u16[i] = static_cast<uint16_t>(gen() % 50000 + 3000);
+            f32[i] = static_cast<float>(static_cast<int>(gen() % 2001) - 1000) / 7.0f;
+            f64[i] = static_cast<double>(gen() % 100000) / 3.0 - 5000.0;
+        }
+        if (n > 4) {
+            f32[1] = -0.0f, f32[2] = std::nanf(""), f32[3] = 0.0f;
+            f64[1] = std::nan(""), f64[2] = -1e300;
+        }
+        ExpectLevelsAgree<uint8_t>(normalize_8U, u8, s.width, s.height, 0, 255);
+        ExpectLevelsAgree<uint8_t>(normalize_8U, u8, s.width, s.height, 250, 3);
+        ExpectLevelsAgree<uint16_t>(normalize_16U, u16, s.width, s.height, 0, 4095);
+        ExpectLevelsAgree<uint16_t>(normalize_16U, u16, s.width, s.height, 100, 65535);
+        ExpectLevelsAgree<float>(normalize_32F, f32, s.width, s.height, 0.0f, 1.0f);
+        ExpectLevelsAgree<double>(normalize_64F, f64, s.width, s.height, -2.0, 3.5);
+        // The minimum is zero: its sign (that of the first zero) reaches pixels through -0.0.
+        std::vector<float> zeros(n, 1.5f);
+        zeros[0] = 2.0f;
+        if (n > 2) zeros[n / 2] = -0.0f, zeros[n - 1] = 0.0f;
+        ExpectLevelsAgree<float>(normalize_32F, zeros, s.width, s.height, -0.0f, 1.0f);
+    }
 }
 
 }  // namespace

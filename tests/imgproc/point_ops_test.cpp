@@ -1,11 +1,16 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <cstdint>
 #include <functional>
 #include <limits>
+#include <random>
+#include <string>
 #include <vector>
 
+#include "impl_levels.h"
 #include "veltrano.h"
 
 namespace {
@@ -149,6 +154,174 @@ TEST(PointOps, InPlaceEqualsOutOfPlace) {
         ASSERT_EQ(ops[k](inPlace.data(), inPlace.data()), 1);
         EXPECT_EQ(inPlace, out) << k;
         EXPECT_NE(out, src) << k;
+    }
+}
+
+}  // namespace
+
+// ---- fast paths against the plain loops ------------------------------------------------------
+
+namespace {
+
+using impl_levels::AtEachLevel;
+using impl_levels::SameBits;
+
+template <class T>
+std::vector<T> Random(size_t n, unsigned seed, int lo, int hi) {
+    std::mt19937 gen(seed);
+    std::uniform_int_distribution<int> dist(lo, hi);
+    std::vector<T> v(n);
+    for (T& x : v) x = static_cast<T>(dist(gen));
+    return v;
+}
+
+// Runs op(src, dst) at every level, out of place and in place, and expects the bits of the
+// reference everywhere.
+template <class T, class Op>
+void ExpectIdenticalAtEveryLevel(const std::vector<T>& src, Op op, const std::string& what) {
+    const auto out = AtEachLevel([&] {
+        std::vector<T> dst(src.size(), T(3));
+        std::vector<T> in = src;
+        EXPECT_EQ(op(in.data(), dst.data()), 1) << what;
+        return dst;
+    });
+    const auto inPlace = AtEachLevel([&] {
+        std::vector<T> img = src;
+        EXPECT_EQ(op(img.data(), img.data()), 1) << what;
+        return img;
+    });
+    for (size_t level = 1; level < out.size(); ++level) {
+        EXPECT_TRUE(SameBits(out[level], out[0])) << what << ", level " << level;
+        EXPECT_TRUE(SameBits(inPlace[level], inPlace[0])) << what << ", in place, level " << level;
+    }
+}
+
+TEST(PointOps, IntegerFastPathsMatchThePlainLoopsBitForBit) {
+    const float nan = std::numeric_limits<float>::quiet_NaN(), inf = std::numeric_limits<float>::infinity();
+    const double dnan = std::numeric_limits<double>::quiet_NaN();
+    unsigned seed = 5;
+    for (const impl_levels::Size& s : impl_levels::OddSizes()) {
+        const int w = s.width, h = s.height;
+        const size_t n = static_cast<size_t>(w) * h;
+        const std::string size = std::to_string(w) + "x" + std::to_string(h);
+        const std::vector<uint16_t> u16 = Random<uint16_t>(n, seed++, 0, 65535);
+        const std::vector<uint8_t> u8 = Random<uint8_t>(n, seed++, 0, 255);
+        const std::vector<uint16_t> narrow = Random<uint16_t>(n, seed++, 1000, 1400);  // many repeats
+        struct Linear { float brightness, contrast; };
+        for (const Linear& c : {Linear{500.0f, 1.2f}, Linear{-300.5f, 0.7f}, Linear{0.0f, -1.0f}, Linear{1e9f, 1.0f},
+                                Linear{0.25f, 3.9999f}, Linear{nan, 1.0f}, Linear{0.0f, inf}}) {
+            ExpectIdenticalAtEveryLevel(u16, [&](uint16_t* a, uint16_t* b) {
+                return BrigntAndContrast(a, b, w, h, 4, c.brightness, c.contrast); }, "brightness " + size);
+        }
+        for (double t : {-5.0, -0.5, 0.0, 0.5, 100.0, 254.5, 255.0, 40000.7, 65534.5, 65535.0, 1e9, dnan}) {
+            for (uint32_t mode : {0u, 1u, 2u, 3u}) {
+                const std::string what = "threshold " + std::to_string(t) + " mode " + std::to_string(mode) + " " + size;
+                ExpectIdenticalAtEveryLevel(u16, [&](uint16_t* a, uint16_t* b) { return ThresholdBinary(a, b, 4, w, h, t, mode); }, what);
+                ExpectIdenticalAtEveryLevel(u8, [&](uint8_t* a, uint8_t* b) {
+                    return ThresholdBinary(reinterpret_cast<uint16_t*>(a), reinterpret_cast<uint16_t*>(b), 3, w, h, t, mode); }, what);
+            }
+        }
+        for (const auto* img : {&u16, &narrow})
+            ExpectIdenticalAtEveryLevel(*img, [&](uint16_t* a, uint16_t* b) { return EquHist(a, b, w * h, 4); }, "equalise " + size);
+        ExpectIdenticalAtEveryLevel(u8, [&](uint8_t* a, uint8_t* b) {
+            return EquHist(reinterpret_cast<uint16_t*>(a), reinterpret_cast<uint16_t*>(b), w * h, 3); }, "equalise 8 " + size);
+        // Whole numbers (an exact sum in any order) and fractions (the sum keeps its order).
+        std::vector<float> whole(u16.begin(), u16.end()), fractions(n);
+        for (size_t i = 0; i < n; ++i) fractions[i] = static_cast<float>(u16[i]) / 7.3f + 1e-3f;
+        if (n > 3) whole[1] = 0.0f, whole[2] = -12.0f, fractions[2] = -0.0f;
+        for (const auto* img : {&whole, &fractions})
+            ExpectIdenticalAtEveryLevel(*img, [&](float* a, float* b) { return ImgGainCorrect(a, b, w, h); }, "gain " + size);
+        ExpectIdenticalAtEveryLevel(u8, [&](uint8_t* a, uint8_t* b) { return GammaCorrect(a, b, w, h, 0.45f, 3); }, "gamma 8 " + size);
+    }
+}
+
+// The 16-bit gamma table of the vector level uses exp(gamma log b) in double instead of the C
+// library's pow: the rounded single-precision power may then differ by one unit only when pow's
+// exact value lies within about 2^-50 of a rounding boundary, and an output pixel by 1 only when
+// p * high + 0.5 lies within 65535 * 2^-24 of an integer. Every value of the type is checked.
+TEST(PointOps, GammaTablesMatchTheLibraryPowerWithinTheStatedBound) {
+    std::vector<uint16_t> every(70000);
+    for (size_t i = 0; i < every.size(); ++i) every[i] = static_cast<uint16_t>(i * 7919u);
+    std::vector<int16_t> everySigned(every.begin(), every.end());
+    const int w = 350, h = 200;
+    int differing = 0;
+    for (float gamma : {0.8f, 0.45f, 1.0f, 1.7f, 2.2f, 7.5f, 0.03f, -0.6f, 2.0f, 0.0f}) {
+        const auto u = AtEachLevel([&] {
+            std::vector<uint16_t> out(every.size());
+            EXPECT_EQ(GammaCorrect(every.data(), out.data(), w, h, gamma, 4), 1);
+            return out;
+        });
+        const auto s = AtEachLevel([&] {
+            std::vector<int16_t> out(every.size());
+            EXPECT_EQ(GammaCorrect(everySigned.data(), out.data(), w, h, gamma, 5), 1);
+            return out;
+        });
+        EXPECT_TRUE(SameBits(u[1], u[0])) << gamma;
+        EXPECT_TRUE(SameBits(s[1], s[0])) << gamma;
+        for (size_t i = 0; i < every.size(); ++i) {
+            for (int type = 0; type < 2; ++type) {
+                const int ref = type == 0 ? u[0][i] : s[0][i];
+                const int fast = type == 0 ? u[2][i] : s[2][i];
+                if (ref == fast) continue;
+                const double high = type == 0 ? 65535.0 : 32767.0;
+                const double value = type == 0 ? every[i] : everySigned[i];
+                const float b = static_cast<float>(value) / static_cast<float>(high);
+                const double v = static_cast<float>(std::pow(static_cast<double>(b), static_cast<double>(gamma))) * high + 0.5;
+                EXPECT_EQ(std::abs(ref - fast), 1) << "gamma " << gamma << " value " << value;
+                EXPECT_LT(std::fabs(v - std::round(v)), high * 6e-8) << "gamma " << gamma << " value " << value;
+                ++differing;
+            }
+        }
+    }
+    EXPECT_LT(differing, 20);
+}
+
+// The logarithm: the scalar level is the C library's (through a table of whole numbers) and
+// identical; the vector level's double logarithm rounds to the same float except within 2^-50
+// (relative) of a rounding boundary, and then by one unit. Whole numbers, fractions, negative,
+// huge, infinite and not-a-number pixels, in a frame large enough for the table.
+TEST(PointOps, ImageLogMatchesTheLibraryLogarithmWithinTheStatedBound) {
+    std::mt19937 gen(77);
+    const int w = 641, h = 411;
+    std::vector<float> src(static_cast<size_t>(w) * h);
+    for (size_t i = 0; i < src.size(); ++i) {
+        const uint32_t r = gen();
+        switch (r % 5) {
+        case 0: src[i] = static_cast<float>(r % 65536); break;
+        case 1: src[i] = static_cast<float>(r % 1000000) / 13.0f; break;
+        case 2: src[i] = static_cast<float>(r) * 1e28f; break;
+        default: src[i] = static_cast<float>(r % 70000) - 2000.0f; break;
+        }
+    }
+    src[5] = std::numeric_limits<float>::infinity(), src[6] = std::numeric_limits<float>::quiet_NaN();
+    src[7] = -std::numeric_limits<float>::infinity(), src[8] = std::numeric_limits<float>::max();
+    for (int negate : {0, 1}) {
+        const auto out = AtEachLevel([&] {
+            std::vector<float> dst(src.size());
+            EXPECT_EQ(Image_Log(src.data(), dst.data(), w, h, negate), 1);
+            return dst;
+        });
+        const auto inPlace = AtEachLevel([&] {
+            std::vector<float> img = src;
+            EXPECT_EQ(Image_Log(img.data(), img.data(), w, h, negate), 1);
+            return img;
+        });
+        EXPECT_TRUE(SameBits(out[1], out[0]));
+        EXPECT_TRUE(SameBits(inPlace[1], out[0]));
+        EXPECT_TRUE(SameBits(inPlace[2], out[2]));
+        int differing = 0;
+        for (size_t i = 0; i < src.size(); ++i) {
+            if (std::memcmp(&out[0][i], &out[2][i], sizeof(float)) == 0) continue;
+            ++differing;
+            const double x = std::max(static_cast<double>(src[i]), 20.0);
+            const double exact = std::log(x);
+            const double boundary = (std::fabs(static_cast<double>(out[0][i])) + std::fabs(static_cast<double>(out[2][i]))) / 2;
+            EXPECT_LT(std::fabs(std::fabs(exact) - boundary), std::fabs(exact) * 1e-15) << "pixel " << src[i];
+        }
+        EXPECT_LT(differing, 5);
+        const float edge[2] = {out[2][6], out[2][5]};  // NaN stays NaN, infinity stays infinite
+        EXPECT_TRUE(std::isnan(edge[0]));
+        EXPECT_TRUE(std::isinf(edge[1]));
     }
 }
 

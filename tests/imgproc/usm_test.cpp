@@ -1,10 +1,13 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cmath>
 #include <cstdio>
+#include <limits>
 #include <vector>
 
 #include "advanced_reference.h"
+#include "impl_levels.h"
 #include "veltrano.h"
 
 namespace {
@@ -153,6 +156,112 @@ TEST(UsmGaussian, SigmaFallbacksAndBadArguments) {
     EXPECT_EQ(USM_Gaussian(s4.data(), dst.data(), 2, 2, 0, 0.5f, 0, 1.0f, nullptr), -4);
     EXPECT_EQ(USM_Gaussian(s4.data(), dst.data(), 0, 2, 1, 0.5f, 0, 1.0f, nullptr), -4);
     EXPECT_EQ(dst, std::vector<uint16_t>(4, 3));
+}
+
+// ---- fast paths against the straightforward implementation ------------------------------------
+
+using impl_levels::AtEachLevel;
+using impl_levels::SameBits;
+
+// Separable kernels (a Gaussian, one with a zero row above its first usable row, 1 x n and n x 1),
+// general ones with and without zero weights, even sizes, and kernels wider than the smaller
+// images; each on images of odd sizes with and without an infinity (which keeps the zero-weight
+// taps in the sum), with and without a mask, in place and out of place.
+TEST(ImageConvLevels, EveryLevelGivesTheSameBits) {
+    struct Case { int kw, kh; std::vector<float> kernel; };
+    std::vector<Case> cases = {
+        {5, 5, {}}, {3, 3, {0, 0, 0, 1, 2, 1, 2, 4, 2}}, {4, 2, RandomImage<float>(4, 2, -1.0, 1.0, 81)},
+        {7, 1, RandomImage<float>(7, 1, -1.0, 1.0, 82)}, {1, 6, RandomImage<float>(1, 6, -1.0, 1.0, 83)},
+        {5, 5, RandomImage<float>(5, 5, -1.5, 2.0, 84)}, {5, 3, RandomImage<float>(5, 3, -1.0, 1.0, 85)},
+        {9, 9, RandomImage<float>(9, 9, -1.0, 1.0, 86)}};
+    for (int i = 0; i < 25; ++i)
+        cases[0].kernel.push_back(std::exp(-static_cast<float>((i / 5 - 2) * (i / 5 - 2) + (i % 5 - 2) * (i % 5 - 2)) / 3.0f));
+    for (size_t i = 0; i < cases[6].kernel.size(); i += 3) cases[6].kernel[i] = 0.0f;  // zero weights
+    for (const impl_levels::Size& size : impl_levels::OddSizes()) {
+        std::vector<float> src = RandomImage<float>(size.width, size.height, -2000.0, 60000.0, 87);
+        std::vector<uint8_t> mask(src.size());
+        for (size_t i = 0; i < mask.size(); ++i) mask[i] = i % 3 == 0 ? 0 : 1;
+        for (bool withInfinity : {false, true}) {
+            if (withInfinity) src[src.size() / 2] = std::numeric_limits<float>::infinity();
+            for (const Case& c : cases) {
+                SCOPED_TRACE(testing::Message() << size.width << "x" << size.height << " kernel " << c.kw << "x" << c.kh
+                                                << (withInfinity ? " with an infinity" : ""));
+                for (const uint8_t* m : {static_cast<const uint8_t*>(nullptr), static_cast<const uint8_t*>(mask.data())}) {
+                    const auto out = AtEachLevel([&] {
+                        std::vector<float> o(src.size()), inPlace = src;
+                        EXPECT_EQ(ImageConv(src.data(), o.data(), c.kernel.data(), size.width, size.height, c.kw, c.kh, m), 1);
+                        EXPECT_EQ(ImageConv(inPlace.data(), inPlace.data(), c.kernel.data(), size.width, size.height, c.kw, c.kh, m), 1);
+                        EXPECT_TRUE(SameBits(inPlace, o));
+                        return o;
+                    });
+                    EXPECT_TRUE(SameBits(out[0], out[1])) << (m ? "masked" : "");
+                    EXPECT_TRUE(SameBits(out[0], out[2])) << (m ? "masked" : "");
+                }
+            }
+        }
+    }
+}
+
+// Radii 0 to 7 sum exactly in integers; 8 and 10 keep the float running sums.
+TEST(UsmBoxLevels, EveryLevelGivesTheSameBits) {
+    for (const impl_levels::Size& size : impl_levels::OddSizes()) {
+        const std::vector<uint16_t> src = RandomImage<uint16_t>(size.width, size.height, 0, 65535, 91);
+        for (int r : {0, 1, 2, 7, 8, 10}) {
+            for (bool normalise : {false, true}) {
+                for (float amount : {0.04f, 1.7f}) {
+                    const auto out = AtEachLevel([&] {
+                        std::vector<uint16_t> o(src.size()), inPlace = src;
+                        EXPECT_EQ(USM_BOX(const_cast<uint16_t*>(src.data()), o.data(), size.width, size.height, r, amount, normalise), 1);
+                        EXPECT_EQ(USM_BOX(inPlace.data(), inPlace.data(), size.width, size.height, r, amount, normalise), 1);
+                        EXPECT_EQ(inPlace, o);
+                        return o;
+                    });
+                    EXPECT_EQ(out[0], out[1]) << size.width << "x" << size.height << " r " << r << " " << normalise;
+                    EXPECT_EQ(out[0], out[2]) << size.width << "x" << size.height << " r " << r << " " << normalise;
+                }
+            }
+        }
+    }
+}
+
+TEST(UsmGaussianLevels, EveryLevelGivesTheSameBitsAndTheSameMask) {
+    struct Case { int radius; float sigma; float amount; int threshold; };
+    const Case cases[] = {{1, 1.0f, 0.5f, 200}, {2, 1.0f, 0.04f, 500}, {2, 0.3f, 1.5f, 0}, {5, 2.5f, 0.8f, 1000},
+                          {20, 1.0f, 0.6f, 300}};  // at sigma 1 a radius of 20 underflows: not separable
+    for (const impl_levels::Size& size : impl_levels::OddSizes()) {
+        const std::vector<uint16_t> src = RandomImage<uint16_t>(size.width, size.height, 0, 65535, 93);
+        for (const Case& c : cases) {
+            SCOPED_TRACE(testing::Message() << size.width << "x" << size.height << " radius " << c.radius);
+            const auto out = AtEachLevel([&] {
+                std::vector<uint16_t> o(src.size()), masked(src.size()), inPlace = src;
+                std::vector<uint8_t> mask(src.size(), 9);
+                EXPECT_EQ(USM_Gaussian(const_cast<uint16_t*>(src.data()), o.data(), size.width, size.height, c.radius,
+                                       c.amount, c.threshold, c.sigma, nullptr), 1);
+                EXPECT_EQ(USM_Gaussian(const_cast<uint16_t*>(src.data()), masked.data(), size.width, size.height, c.radius,
+                                       c.amount, c.threshold, c.sigma, mask.data()), 1);
+                EXPECT_EQ(USM_Gaussian(inPlace.data(), inPlace.data(), size.width, size.height, c.radius, c.amount,
+                                       c.threshold, c.sigma, nullptr), 1);
+                EXPECT_EQ(inPlace, o);
+                o.insert(o.end(), masked.begin(), masked.end());
+                o.insert(o.end(), mask.begin(), mask.end());
+                return o;
+            });
+            EXPECT_EQ(out[0], out[1]);
+            EXPECT_EQ(out[0], out[2]);
+        }
+    }
+}
+
+// Sizes beyond 2^28 elements are refused before any buffer is read or allocated.
+TEST(UsmLevels, AbsurdSizesAreRefusedUntouched) {
+    std::vector<uint16_t> img(4, 5);
+    float k = 1.0f, f = 2.0f;
+    EXPECT_EQ(ImageConv(&f, &f, &k, 1, 1, 1 << 15, 1 << 14, nullptr), -4);
+    EXPECT_EQ(ImageConv(&f, &f, &k, 1 << 15, 1 << 14, 1, 1, nullptr), -4);
+    EXPECT_EQ(USM_BOX(img.data(), img.data(), 1 << 15, 1 << 14, 1, 0.5f, false), -4);
+    EXPECT_EQ(USM_Gaussian(img.data(), img.data(), 1 << 15, 1 << 14, 1, 0.5f, 0, 1.0f, nullptr), -4);
+    EXPECT_EQ(f, 2.0f);
+    EXPECT_EQ(img, std::vector<uint16_t>(4, 5));
 }
 
 }  // namespace

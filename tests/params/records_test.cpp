@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <string>
+#include <typeinfo>
 
 #include "test_files.h"
 #include "veltrano.h"
@@ -11,6 +12,17 @@ using params_test::Values;
 
 namespace {
 
+// Sets every listed field of a record to a value no default has, assigns the record to a fresh
+// one and expects each field to have travelled.
+template <class R, class... F>
+void ExpectAssignmentCopies(F R::*... fields) {
+    R source, target;
+    int n = 0;
+    ((source.*fields = static_cast<F>(101 + n++)), ...);
+    target = source;
+    auto same = [](auto a, auto b) { EXPECT_EQ(a, b) << typeid(R).name(); };
+    (same(target.*fields, source.*fields), ...);
+}
 
 TEST(Records, MapRecordsSaveTheirSectionsAndReadBackWhatTheySaved) {
     ScratchFile file;
@@ -131,6 +143,30 @@ TEST(Records, CopiesActOnTheSourceAndAssignmentCopiesValuesAndPath) {
     target = struWLNParam();  // a null source path keeps the own path
     EXPECT_EQ(target.filePath, before);
     EXPECT_EQ(target.wl, 0);
+
+    ExpectAssignmentCopies<claheParam>(&claheParam::widthBlockNum, &claheParam::heightBlockNum,
+                                       &claheParam::histBin, &claheParam::peak,
+                                       &claheParam::binScale, &claheParam::outMax);
+    ExpectAssignmentCopies<struClaheParam>(&struClaheParam::widthBlockNum,
+                                           &struClaheParam::heightBlockNum, &struClaheParam::histBin,
+                                           &struClaheParam::peak, &struClaheParam::binScale,
+                                           &struClaheParam::outMax);
+    ExpectAssignmentCopies<clipParam>(&clipParam::up, &clipParam::down, &clipParam::left,
+                                      &clipParam::right);
+    ExpectAssignmentCopies<struAceGammaParam>(&struAceGammaParam::param1, &struAceGammaParam::param2,
+                                              &struAceGammaParam::param3, &struAceGammaParam::param4,
+                                              &struAceGammaParam::param5, &struAceGammaParam::param6);
+    ExpectAssignmentCopies<struBilatralParam>(&struBilatralParam::k_w, &struBilatralParam::k_h,
+                                              &struBilatralParam::sigColor_x,
+                                              &struBilatralParam::sigColor_y,
+                                              &struBilatralParam::sigSpace_x,
+                                              &struBilatralParam::sigSpace_y);
+    ExpectAssignmentCopies<struFastNLMParam>(&struFastNLMParam::rd, &struFastNLMParam::rD,
+                                             &struFastNLMParam::h);
+    ExpectAssignmentCopies<struUSMParam>(&struUSMParam::r, &struUSMParam::isNeedNorm,
+                                         &struUSMParam::lam);
+    ExpectAssignmentCopies<struWLNParam>(&struWLNParam::wl, &struWLNParam::wr,
+                                         &struWLNParam::specifymin, &struWLNParam::specifymax);
 
     struAceGammaParam ace3(3), ace7(7);  // the section index is not a value
     ace7.param1 = 1;

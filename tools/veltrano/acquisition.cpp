@@ -96,8 +96,17 @@ void CloseDetector(CVeltrano& detector) {
     detector.Deinit();
 }
 
-int TakeExposure(CVeltrano& detector, const ExposureSettings& settings, imgmat& image,
-                 bool& imageDelivered) {
+ExposureOutcome ClassifyExposure(int code, int endSign, bool hasImage, bool userStop) {
+    if (endSign == 1 && hasImage) {
+        return code == 0 ? ExposureOutcome::Delivered : ExposureOutcome::DeliveredWithWarning;
+    }
+    if (code == -9 || (code == 0 && userStop)) {
+        return ExposureOutcome::Stopped;
+    }
+    return ExposureOutcome::Failed;
+}
+
+ExposureResult TakeExposure(CVeltrano& detector, const ExposureSettings& settings, imgmat& image) {
     // The hand-shake wants both back at 0 before each acquisition.
     detector.SetEndSign(0);
     detector.SetProgressBar(0);
@@ -131,8 +140,11 @@ int TakeExposure(CVeltrano& detector, const ExposureSettings& settings, imgmat& 
     done.store(true);
     poller.join();
     std::signal(SIGINT, previous);
-    imageDelivered = detector.GetEndSign() == 1 && image.data != nullptr;
-    return code;
+    ExposureResult result;
+    result.code = code;
+    result.outcome = ClassifyExposure(code, detector.GetEndSign(), image.data != nullptr,
+                                      detector.GetUserStop());
+    return result;
 }
 
 std::string DescribeAcquisitionCode(int code) {

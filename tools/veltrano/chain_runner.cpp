@@ -17,22 +17,20 @@ const char* NullDevice() {
 #endif
 }
 
+// Beside the program in a build tree; in share/veltrano/ once installed.
 std::string DefaultChainPath() {
-    const std::string beside = ExecutableDir() + "chains/default.chain";
-    if (std::ifstream(beside).good()) {
-        return beside;
+    for (const char* place : {"chains/default.chain", "../share/veltrano/chains/default.chain"}) {
+        const std::string path = ExecutableDir() + place;
+        if (std::ifstream(path).good()) {
+            return path;
+        }
     }
     return "chains/default.chain";
 }
 
-bool CanOpenFile(const std::string& path) {
-    std::error_code ec;
-    return !std::filesystem::is_directory(path, ec) && std::ifstream(path).good();
-}
-
 bool RunChain(const std::string& chainPath, const Image16& in, Image16& out, std::string& error) {
-    if (!CanOpenFile(chainPath)) {
-        error = "cannot be opened";
+    // The library would open a FIFO and wait for a writer: only regular files go to it.
+    if (!CheckInputFile(chainPath, error)) {
         return false;
     }
     out.width = in.width;

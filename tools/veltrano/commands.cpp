@@ -30,6 +30,25 @@ std::string LogPathIn(const std::string& dir) { return (fs::path(dir) / "veltran
 
 }  // namespace
 
+int ReportExposure(const std::string& subject, const ExposureResult& exposure) {
+    const std::string code = " (code " + std::to_string(exposure.code) + ")";
+    switch (exposure.outcome) {
+        case ExposureOutcome::Delivered:
+            return kExitDone;
+        case ExposureOutcome::DeliveredWithWarning:
+            std::fprintf(stderr, "veltrano: warning: %s%s; the image was taken\n",
+                         DescribeAcquisitionCode(exposure.code).c_str(), code.c_str());
+            return kExitDone;
+        case ExposureOutcome::Stopped:
+            std::fprintf(stderr, "veltrano: %s: stopped: no image was taken%s\n", subject.c_str(),
+                         code.c_str());
+            return kExitStopped;
+        case ExposureOutcome::Failed:
+            break;
+    }
+    return Fail(subject, "no image: " + DescribeAcquisitionCode(exposure.code) + code);
+}
+
 int RunProcess(int argc, char** argv) {
     const Options options(argc, argv, 2, {"chain", "in", "out", "width", "height", "type", "header"});
     if (options.Help()) {
@@ -55,23 +74,28 @@ int RunProcess(int argc, char** argv) {
                          "to read it as a raw file");
     }
 
-    if (!CanOpenFile(chain)) {
-        return Fail(chain, "cannot be opened");
+    std::string error;
+    if (!CheckInputFile(chain, error)) {
+        return Fail(chain, error);
     }
     if (IsPngPath(out) && !PngSupported()) {
         return Fail(out, kNoPngSupport);
     }
     Image16 image;
-    std::string error;
     const bool read = raw ? ReadRawImage(in, layout, image, error) : ReadPngImage(in, image, error);
     if (!read) {
         return Fail(in, error);
+    }
+    // The output is checked, and its temporary file made, before the chain runs.
+    PendingOutput output;
+    if (!output.Open(out, error)) {
+        return Fail(out, error);
     }
     Image16 result;
     if (!RunChain(chain, image, result, error)) {
         return Fail(chain, error);
     }
-    if (!WriteImage(out, result, error)) {
+    if (!WriteImage(output, out, result, error)) {
         return Fail(out, error);
     }
     std::printf("wrote %s (%u x %u)\n", out.c_str(), result.width, result.height);
@@ -104,30 +128,32 @@ int RunAcquire(int argc, char** argv) {
     if (IsPngPath(out) && !PngSupported()) {
         return Fail(out, kNoPngSupport);  // before the exposure, not after it
     }
+    const std::string logPath = LogPathIn(workDir);
+    if (!options.Has("verbose") && !CheckWritableFile(logPath, error)) {
+        return Fail(logPath, error);
+    }
+    PendingOutput output;
+    if (!output.Open(out, error)) {
+        return Fail(out, error);
+    }
 
     imgmat frame;
-    bool delivered = false;
-    int code = 0;
+    ExposureResult exposure;
     {
         // The library's console lines go to a log in the work folder unless asked for.
         std::unique_ptr<StdoutToFile> log;
         if (!options.Has("verbose")) {
-            log = std::make_unique<StdoutToFile>(LogPathIn(workDir));
+            log = std::make_unique<StdoutToFile>(logPath);
         }
         CVeltrano detector(workDir.c_str());
         if (!OpenDetector(detector, error)) {
             return Fail(workDir, error);
         }
-        code = TakeExposure(detector, settings, frame, delivered);
+        exposure = TakeExposure(detector, settings, frame);
         CloseDetector(detector);
     }
-    if (!delivered) {
-        return Fail(workDir, "no image: " + DescribeAcquisitionCode(code) + " (code " +
-                                 std::to_string(code) + ")");
-    }
-    if (code != 0) {
-        std::fprintf(stderr, "veltrano: warning: %s (code %d); the image was taken\n",
-                     DescribeAcquisitionCode(code).c_str(), code);
+    if (const int exit = ReportExposure(workDir, exposure); exit != kExitDone) {
+        return exit;
     }
     Image16 image = ToImage16(frame);
     if (!chain.empty()) {
@@ -137,14 +163,14 @@ int RunAcquire(int argc, char** argv) {
         }
         image.pixels.swap(processed.pixels);
     }
-    if (!WriteImage(out, image, error)) {
+    if (!WriteImage(output, out, image, error)) {
         return Fail(out, error);
     }
     std::printf("wrote %s (%u x %u)\n", out.c_str(), image.width, image.height);
     return kExitDone;
 }
 
-int RunCalibrate(int argc, char** argv) {
+int RunVirtualCalibrate(int argc, char** argv) {
     const Options options(argc, argv, 2, {"workdir", "frames"});
     if (options.Help()) {
         std::fputs(kCalibrateUsage, stdout);

@@ -1,9 +1,11 @@
 // The subcommands of the veltrano program. Each returns the process exit code: 0 done,
-// 1 failure (after a one-line message on standard error), 2 usage error.
+// 1 failure (after a one-line message on standard error), 2 usage error, 130 an exposure
+// stopped before it gave an image.
 #pragma once
 
 #include <string>
 
+#include "acquisition.h"
 #include "image_files.h"
 
 namespace vcli {
@@ -11,11 +13,15 @@ namespace vcli {
 constexpr int kExitDone = 0;
 constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
+// An exposure stopped with Ctrl-C before it gave an image: the shells' code for an interrupt.
+constexpr int kExitStopped = 130;
 
 int RunDemo(int argc, char** argv);
 int RunAcquire(int argc, char** argv);
 int RunProcess(int argc, char** argv);
 int RunCalibrate(int argc, char** argv);
+// The virtual sensor writes its own calibration files (calibrate --virtual, without the switch).
+int RunVirtualCalibrate(int argc, char** argv);
 int RunInfo(int argc, char** argv);
 
 // Shared by the subcommands.
@@ -23,10 +29,10 @@ int RunInfo(int argc, char** argv);
 // "veltrano: <subject>: <problem>" on standard error; returns kExitFailure.
 int Fail(const std::string& subject, const std::string& problem);
 
-// True when `path` names a file that can be opened for reading. A folder cannot: on POSIX
-// systems it opens like a file and only fails on reading, which would be reported as a file
-// without content.
-bool CanOpenFile(const std::string& path);
+// Reports an exposure and returns the exit code: kExitDone when it gave an image (after a
+// warning on standard error when a setting failed); otherwise one line and kExitStopped for a
+// stop (also one that came before the sensor was armed), kExitFailure for a failure.
+int ReportExposure(const std::string& subject, const ExposureResult& exposure);
 
 // Runs the chain file on `in` into `out`. On failure sets error to a description of what is
 // wrong with the chain file (the caller names the file).

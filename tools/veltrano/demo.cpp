@@ -65,16 +65,22 @@ int RunDemo(int argc, char** argv) {
         return Fail(workDir.string(), "cannot be created");
     }
     const std::string logPath = (outDir / "veltrano.log").string();
+    const std::string iniPath = (workDir / "VirtualSensor.ini").string();
+    for (const std::string& path : {logPath, iniPath}) {
+        if (!CheckWritableFile(path, error)) {
+            return Fail(path, error);
+        }
+    }
     fs::remove(logPath, ec);
 
     Stopwatch watch;
     std::printf("veltrano demo: virtual sensor 2000 (1300 x 1800 pixels) in %s\n",
                 workDir.string().c_str());
     {
-        std::ofstream ini(workDir / "VirtualSensor.ini", std::ios::trunc);
+        std::ofstream ini(iniPath, std::ios::trunc);
         ini << kSensorIni;
         if (!ini.flush()) {
-            return Fail((workDir / "VirtualSensor.ini").string(), "cannot be written");
+            return Fail(iniPath, "cannot be written");
         }
     }
     int result = 0;
@@ -93,8 +99,7 @@ int RunDemo(int argc, char** argv) {
     std::fflush(stdout);
 
     imgmat frame;
-    bool delivered = false;
-    int code = 0;
+    ExposureResult exposure;
     double openSeconds = 0.0;
     double acquireSeconds = 0.0;
     {
@@ -104,20 +109,17 @@ int RunDemo(int argc, char** argv) {
             return Fail(workDir.string(), error);
         }
         openSeconds = watch.Lap();
-        code = TakeExposure(detector, ExposureSettings{}, frame, delivered);
+        exposure = TakeExposure(detector, ExposureSettings{}, frame);
         acquireSeconds = watch.Lap();
         CloseDetector(detector);
     }
     std::printf("  %-28s %6.2f s\n", "detector opened", openSeconds);
-    if (!delivered) {
-        return Fail(workDir.string(), "no image: " + DescribeAcquisitionCode(code) + " (code " +
-                                          std::to_string(code) + ")");
+    if (exposure.outcome != ExposureOutcome::Delivered &&
+        exposure.outcome != ExposureOutcome::DeliveredWithWarning) {
+        return ReportExposure(workDir.string(), exposure);
     }
     std::printf("  %-28s %6.2f s\n", "exposure acquired", acquireSeconds);
-    if (code != 0) {
-        std::fprintf(stderr, "veltrano: warning: %s (code %d); the image was taken\n",
-                     DescribeAcquisitionCode(code).c_str(), code);
-    }
+    ReportExposure(workDir.string(), exposure);  // a warning, if a setting failed
     watch.Lap();
 
     const Image16 corrected = ToImage16(frame);

@@ -74,6 +74,13 @@ int WriteVirtualSensorCalibration(const std::string& workDir, int frames, std::s
     return fn(workDir.c_str(), frames);
 }
 
+SetFlatDoseFn FindVirtualSensorSource() {
+    HMODULE module = LoadLibraryW(L"FpdSys");
+    return module == nullptr ? nullptr
+                             : reinterpret_cast<SetFlatDoseFn>(reinterpret_cast<void*>(
+                                   GetProcAddress(module, "VirtualSensor_SetFlatDose")));
+}
+
 #else
 
 std::string ExecutableDir() {
@@ -132,6 +139,15 @@ int WriteVirtualSensorCalibration(const std::string& workDir, int frames, std::s
         return -1000;
     }
     return fn(workDir.c_str(), frames);
+}
+
+SetFlatDoseFn FindVirtualSensorSource() {
+    void* module = dlopen((ExecutableDir() + "libFpdSys.so").c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (module == nullptr) {
+        module = dlopen("libFpdSys.so", RTLD_NOW | RTLD_LOCAL);
+    }
+    return module == nullptr ? nullptr
+                             : reinterpret_cast<SetFlatDoseFn>(dlsym(module, "VirtualSensor_SetFlatDose"));
 }
 
 #endif

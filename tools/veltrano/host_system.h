@@ -34,4 +34,9 @@ private:
 // driver does not have it).
 int WriteVirtualSensorCalibration(const std::string& workDir, int frames, std::string& error);
 
+// VirtualSensor_SetFlatDose of the driver library, found as above: the X-ray source of the
+// virtual sensor. Null when the driver is not the virtual sensor (a real sensor's driver).
+using SetFlatDoseFn = int (*)(double);
+SetFlatDoseFn FindVirtualSensorSource();
+
 }  // namespace vcli

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -40,10 +41,54 @@ bool ReadRawImage(const std::string& path, const RawLayout& layout, Image16& ima
 // A matrix from the detector (32-bit floats holding 16-bit values) as 16-bit pixels.
 Image16 ToImage16(const imgmat& matrix);
 
-// Writes the image: a 16-bit PNG for a ".png" path, otherwise a raw file of 32-bit floats
-// (element code 8, no header) through the image matrix. The data goes to a temporary file next
-// to the target, which replaces the target only once complete: a failed write never leaves a
-// damaged or half-written file under the target name.
+// An output file in the making. Open checks the target and creates a temporary file beside the
+// file that will be replaced, before any work is spent; Commit moves the finished temporary file
+// over it. An object destroyed without a successful Commit removes its temporary file, so a
+// failed run leaves nothing behind and the target as it was.
+//
+// The target may be missing (its folder must exist and take a new file) or a regular file. A
+// symbolic link to a regular file stays a link: the file it points to receives the new content,
+// as a shell's "> FILE" would give it. Anything else at the target (a folder, a FIFO, a device,
+// a socket, a link to one of these or to nothing) is refused and left alone.
+class PendingOutput {
+public:
+    PendingOutput() = default;
+    ~PendingOutput();
+    PendingOutput(const PendingOutput&) = delete;
+    PendingOutput& operator=(const PendingOutput&) = delete;
+
+    // False with a description of the problem (the caller names the target).
+    bool Open(const std::string& target, std::string& error);
+    // The temporary file, open for binary writing (null before Open or after CloseFile).
+    std::FILE* File() const { return file_; }
+    const std::string& TemporaryPath() const { return temporary_; }
+    // Closes the temporary file; false when the rest of its data could not be written.
+    bool CloseFile(std::string& error);
+    // Closes the temporary file if still open and moves it over the target.
+    bool Commit(std::string& error);
+
+private:
+    std::string final_;      // the file that is replaced (a link's target, resolved)
+    std::string temporary_;  // beside it
+    std::FILE* file_ = nullptr;
+    bool committed_ = false;
+};
+
+// Refuses, with a description, a path that exists and is not a regular file (or a link to one):
+// opening a FIFO would block, and a device or folder is no place for a log or settings file.
+bool CheckWritableFile(const std::string& path, std::string& error);
+
+// True when path names a regular file (or a link to one); otherwise false with a description:
+// "cannot be opened" when nothing is there, "is a FIFO, not a regular file" and the like.
+bool CheckInputFile(const std::string& path, std::string& error);
+
+// Writes the image into an opened output: a 16-bit PNG for a ".png" target, otherwise a raw
+// file of 32-bit floats (element code 8, no header) through the image matrix. Then commits it.
+bool WriteImage(PendingOutput& output, const std::string& target, const Image16& image,
+                std::string& error);
+bool WritePreview(PendingOutput& output, uint32_t width, uint32_t height,
+                  const std::vector<uint8_t>& pixels, std::string& error);
+// Open, then the write above.
 bool WriteImage(const std::string& path, const Image16& image, std::string& error);
 bool WritePreview(const std::string& path, uint32_t width, uint32_t height,
                   const std::vector<uint8_t>& pixels, std::string& error);

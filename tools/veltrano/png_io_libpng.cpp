@@ -1,14 +1,15 @@
 // PNG reading and writing through libpng.
 //
-// libpng reports errors by long-jumping out of its calls; every function here therefore keeps
-// its C++ objects outside the setjmp scope (they are created before it and only filled inside)
-// and turns a jump into a false result with libpng's message.
+// libpng reports errors by long-jumping out of its calls. The functions that call libpng under
+// setjmp therefore own no C++ object: they work through pointers to state that their callers
+// own, and a jump only turns into a false result with libpng's message.
 #include "png_io.h"
 
 #include <png.h>
 
-#include <cstdio>
+#include <cerrno>
 #include <cstring>
+#include <new>
 
 namespace vcli {
 namespace {
@@ -24,9 +25,6 @@ void OnError(png_structp png, png_const_charp message) {
 }
 
 void OnWarning(png_structp, png_const_charp) {}
-
-// fopen of a path given on the command line (UTF-8 on every system the program targets).
-FILE* OpenFile(const std::string& path, const char* mode) { return std::fopen(path.c_str(), mode); }
 
 const char* ColourName(int colourType) {
     switch (colourType) {
@@ -46,16 +44,104 @@ bool IsLittleEndianHost() {
     return first == 1;
 }
 
+// What a read produces, owned by ReadPng16 outside the setjmp scope.
+struct ReadState {
+    uint64_t maxPixels = 0;
+    uint32_t width = 0;
+    uint32_t height = 0;
+    std::vector<uint16_t>* pixels = nullptr;
+    std::string* refusal = nullptr;  // set when the file is a PNG of a kind we do not read
+};
+
+// Grows the pixel buffer to hold `count` samples; false when memory runs out.
+bool GrowTo(std::vector<uint16_t>& pixels, size_t count) {
+    try {
+        pixels.resize(count);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return true;
+}
+
+// The libpng part of a read. Returns 0 done, 1 refused (state.refusal says why), 2 out of
+// memory; a libpng error long-jumps back to the caller's setjmp instead.
+int DecodeRows(png_structp png, png_infop info, ReadState& state) {
+    png_read_info(png, info);
+    const uint32_t w = png_get_image_width(png, info);
+    const uint32_t h = png_get_image_height(png, info);
+    const int depth = png_get_bit_depth(png, info);
+    const int colour = png_get_color_type(png, info);
+    if (colour != PNG_COLOR_TYPE_GRAY || depth != 16) {
+        *state.refusal = "is not a 16-bit grayscale PNG (it is " + std::to_string(depth) +
+                         "-bit " + ColourName(colour) + ")";
+        return 1;
+    }
+    const uint64_t count = static_cast<uint64_t>(w) * h;
+    if (count > state.maxPixels) {
+        *state.refusal = "declares " + std::to_string(w) + " x " + std::to_string(h) +
+                         " pixels, more than the " + std::to_string(state.maxPixels) +
+                         " this program reads";
+        return 1;
+    }
+    if (IsLittleEndianHost()) {
+        png_set_swap(png);  // PNG stores 16-bit samples most significant byte first
+    }
+    // An Adam7 file sends its pixels in seven passes over the whole image: libpng merges each
+    // pass into rows that already hold the earlier passes, so every row is read once per pass.
+    const int passes = png_set_interlace_handling(png);
+    png_read_update_info(png, info);
+    std::vector<uint16_t>& pixels = *state.pixels;
+    if (passes > 1) {
+        if (!GrowTo(pixels, static_cast<size_t>(count))) {
+            return 2;
+        }
+    }
+    for (int pass = 0; pass < passes; ++pass) {
+        for (uint32_t y = 0; y < h; ++y) {
+            const size_t end = (static_cast<size_t>(y) + 1) * w;
+            // A plain file grows the buffer row by row, so a header that declares a large
+            // image costs memory only as far as the file really holds rows.
+            if (pixels.size() < end && !GrowTo(pixels, end)) {
+                return 2;
+            }
+            png_read_row(png, reinterpret_cast<png_bytep>(pixels.data() + end - w), nullptr);
+        }
+    }
+    png_read_end(png, nullptr);
+    state.width = w;
+    state.height = h;
+    return 0;
+}
+
+// Runs the decoder under setjmp. Everything it fills lives in the caller's frame (compilers do
+// not inline a function that calls setjmp), so a long jump leaves no object half-built here.
+// Returns DecodeRows' result, or 3 when libpng reported an error.
+int RunDecode(png_structp png, png_infop info, std::FILE* file, ReadState* state) {
+    if (setjmp(png_jmpbuf(png))) {
+        return 3;
+    }
+    png_init_io(png, file);
+    png_set_sig_bytes(png, 8);
+    // The pixel count is checked against maxPixels right after the header, before libpng sizes
+    // anything by the width, so libpng may accept every size the format allows: a header that
+    // declares too much is then refused in those words, not as damaged.
+    png_set_user_limits(png, 0x7fffffff, 0x7fffffff);
+    return DecodeRows(png, info, *state);
+}
+
+// libpng's text for a file that ends too early is "Read Error"; say it in words.
+std::string DamageText(const ErrorSink& sink, std::FILE* file) {
+    if (std::strcmp(sink.message, "Read Error") == 0 && std::feof(file)) {
+        return "is damaged: it ends before its image data does";
+    }
+    return sink.message[0] ? std::string("is damaged: ") + sink.message : "is damaged";
+}
+
 template <typename Sample>
-bool WriteGray(const std::string& path, uint32_t width, uint32_t height,
+bool WriteGray(std::FILE* file, uint32_t width, uint32_t height,
                const std::vector<Sample>& pixels, std::string& error) {
     if (width == 0 || height == 0 || pixels.size() != static_cast<size_t>(width) * height) {
         error = "image size does not match its pixels";
-        return false;
-    }
-    FILE* file = OpenFile(path, "wb");
-    if (file == nullptr) {
-        error = "cannot be created";
         return false;
     }
     ErrorSink sink;
@@ -63,14 +149,16 @@ bool WriteGray(const std::string& path, uint32_t width, uint32_t height,
     png_infop info = png ? png_create_info_struct(png) : nullptr;
     if (png == nullptr || info == nullptr) {
         png_destroy_write_struct(&png, &info);
-        std::fclose(file);
         error = "out of memory";
         return false;
     }
     if (setjmp(png_jmpbuf(png))) {
+        const int writeError = errno;
         png_destroy_write_struct(&png, &info);
-        std::fclose(file);
-        error = sink.message;
+        // libpng says "Write Error" when the stream refuses bytes, a full disk most often.
+        error = std::strcmp(sink.message, "Write Error") == 0
+                    ? std::string("could not be written completely (") + std::strerror(writeError) + ")"
+                    : std::string("could not be written: ") + sink.message;
         return false;
     }
     png_init_io(png, file);
@@ -82,7 +170,7 @@ bool WriteGray(const std::string& path, uint32_t width, uint32_t height,
     png_set_compression_level(png, 2);
     png_write_info(png, info);
     if (sizeof(Sample) == 2 && IsLittleEndianHost()) {
-        png_set_swap(png);  // PNG stores 16-bit samples most significant byte first
+        png_set_swap(png);
     }
     for (uint32_t y = 0; y < height; ++y) {
         const Sample* row = pixels.data() + static_cast<size_t>(y) * width;
@@ -90,10 +178,6 @@ bool WriteGray(const std::string& path, uint32_t width, uint32_t height,
     }
     png_write_end(png, nullptr);
     png_destroy_write_struct(&png, &info);
-    if (std::fclose(file) != 0) {
-        error = "could not be written completely";
-        return false;
-    }
     return true;
 }
 
@@ -105,15 +189,21 @@ bool PngSupported() { return true; }
 
 bool ReadPng16(const std::string& path, uint32_t& width, uint32_t& height,
                std::vector<uint16_t>& pixels, std::string& error) {
-    FILE* file = OpenFile(path, "rb");
+    std::FILE* file = std::fopen(path.c_str(), "rb");
     if (file == nullptr) {
         error = "cannot be opened";
         return false;
     }
+    const bool read = ReadPng16(file, width, height, pixels, error);
+    std::fclose(file);
+    return read;
+}
+
+bool ReadPng16(std::FILE* file, uint32_t& width, uint32_t& height, std::vector<uint16_t>& pixels,
+               std::string& error, uint64_t maxPixels) {
     png_byte signature[8] = {0};
     if (std::fread(signature, 1, sizeof signature, file) != sizeof signature ||
         png_sig_cmp(signature, 0, sizeof signature) != 0) {
-        std::fclose(file);
         error = "is not a PNG file";
         return false;
     }
@@ -122,63 +212,43 @@ bool ReadPng16(const std::string& path, uint32_t& width, uint32_t& height,
     png_infop info = png ? png_create_info_struct(png) : nullptr;
     if (png == nullptr || info == nullptr) {
         png_destroy_read_struct(&png, &info, nullptr);
-        std::fclose(file);
         error = "out of memory";
         return false;
     }
-    // Filled inside the setjmp scope only; owned outside it so that a jump frees nothing twice.
     std::vector<uint16_t> image;
     std::string refusal;
-    if (setjmp(png_jmpbuf(png))) {
-        png_destroy_read_struct(&png, &info, nullptr);
-        std::fclose(file);
-        error = sink.message[0] ? std::string("is damaged: ") + sink.message : "is damaged";
+    ReadState state;
+    state.maxPixels = maxPixels;
+    state.pixels = &image;
+    state.refusal = &refusal;
+    const int outcome = RunDecode(png, info, file, &state);
+    png_destroy_read_struct(&png, &info, nullptr);
+    if (outcome == 3) {
+        error = DamageText(sink, file);
         return false;
     }
-    png_init_io(png, file);
-    png_set_sig_bytes(png, sizeof signature);
-    // Large sensor frames are well inside this; the limit only guards against absurd headers.
-    png_set_user_limits(png, 20000, 20000);
-    png_read_info(png, info);
-    const uint32_t w = png_get_image_width(png, info);
-    const uint32_t h = png_get_image_height(png, info);
-    const int depth = png_get_bit_depth(png, info);
-    const int colour = png_get_color_type(png, info);
-    if (colour != PNG_COLOR_TYPE_GRAY || depth != 16) {
-        refusal = "is not a 16-bit grayscale PNG (it is " + std::to_string(depth) + "-bit " +
-                  ColourName(colour) + ")";
-    } else {
-        if (IsLittleEndianHost()) {
-            png_set_swap(png);
-        }
-        png_read_update_info(png, info);
-        image.resize(static_cast<size_t>(w) * h);
-        for (uint32_t y = 0; y < h; ++y) {
-            png_read_row(png, reinterpret_cast<png_bytep>(image.data() + static_cast<size_t>(y) * w),
-                         nullptr);
-        }
-        png_read_end(png, nullptr);
-    }
-    png_destroy_read_struct(&png, &info, nullptr);
-    std::fclose(file);
-    if (!refusal.empty()) {
+    if (outcome == 1) {
         error = refusal;
         return false;
     }
-    width = w;
-    height = h;
+    if (outcome == 2) {
+        error = "is too large to be held in memory";
+        return false;
+    }
+    width = state.width;
+    height = state.height;
     pixels.swap(image);
     return true;
 }
 
-bool WritePng16(const std::string& path, uint32_t width, uint32_t height,
+bool WritePng16(std::FILE* file, uint32_t width, uint32_t height,
                 const std::vector<uint16_t>& pixels, std::string& error) {
-    return WriteGray(path, width, height, pixels, error);
+    return WriteGray(file, width, height, pixels, error);
 }
 
-bool WritePng8(const std::string& path, uint32_t width, uint32_t height,
+bool WritePng8(std::FILE* file, uint32_t width, uint32_t height,
                const std::vector<uint8_t>& pixels, std::string& error) {
-    return WriteGray(path, width, height, pixels, error);
+    return WriteGray(file, width, height, pixels, error);
 }
 
 }  // namespace vcli

@@ -13,14 +13,19 @@ bool ReadPng16(const std::string&, uint32_t&, uint32_t&, std::vector<uint16_t>&,
     return false;
 }
 
-bool WritePng16(const std::string&, uint32_t, uint32_t, const std::vector<uint16_t>&,
+bool ReadPng16(std::FILE*, uint32_t&, uint32_t&, std::vector<uint16_t>&, std::string& error,
+               uint64_t) {
+    error = kNoPngSupport;
+    return false;
+}
+
+bool WritePng16(std::FILE*, uint32_t, uint32_t, const std::vector<uint16_t>&,
                 std::string& error) {
     error = kNoPngSupport;
     return false;
 }
 
-bool WritePng8(const std::string&, uint32_t, uint32_t, const std::vector<uint8_t>&,
-               std::string& error) {
+bool WritePng8(std::FILE*, uint32_t, uint32_t, const std::vector<uint8_t>&, std::string& error) {
     error = kNoPngSupport;
     return false;
 }

@@ -12,11 +12,11 @@ inline const char kMainUsage[] =
     "  demo       acquire one exposure from the built-in virtual sensor and process it\n"
     "  acquire    take one exposure from the driver library the Veltrano library finds\n"
     "  process    run a post-processing chain on a 16-bit PNG or a raw image file\n"
-    "  calibrate  write the virtual sensor's calibration files into a work folder\n"
+    "  calibrate  make the sensor's gain and defect files from its own flat exposures\n"
     "  info       show the state, serial number, USB information and size of the sensor\n"
     "\n"
     "Run 'veltrano <command> --help' for the options of a command.\n"
-    "Exit codes: 0 done, 1 failure, 2 usage error.\n";
+    "Exit codes: 0 done, 1 failure, 2 usage error, 130 exposure stopped with Ctrl-C.\n";
 
 inline const char kDemoUsage[] =
     "usage: veltrano demo [--out DIR] [--chain FILE]\n"
@@ -59,11 +59,27 @@ inline const char kProcessUsage[] =
     "32-bit floats (element code 8). A failed run leaves an existing output file untouched.\n";
 
 inline const char kCalibrateUsage[] =
-    "usage: veltrano calibrate --workdir DIR [--frames 1|4]\n"
+    "usage: veltrano calibrate --workdir DIR [--levels 1|4] [--exposures N] [--yes] [--verbose]\n"
+    "       veltrano calibrate --workdir DIR --virtual [--frames 1|4]\n"
     "\n"
-    "Has the virtual sensor write its gain and defect calibration below DIR/Correct/Default\n"
-    "(one gain frame, or four at different levels). DIR is created if needed; the sensor size\n"
-    "comes from DIR/VirtualSensor.ini (section [VirtualSensor], key SensorSize).\n";
+    "Calibrates the sensor of the work folder DIR through the driver library that the Veltrano\n"
+    "library loads: flat exposures (nothing in the beam) at one dose or at four rising doses,\n"
+    "N of each (default 4 levels of 8), then one check exposure. Each exposure must be a usable\n"
+    "flat (not saturated, not too dark, uniform, at the dose of the one before) or the run stops.\n"
+    "Only a run that succeeds replaces the gain and defect files below DIR/Correct/Default; the\n"
+    "previous ones are kept beside them with \".previous\" appended. A real sensor asks the\n"
+    "operator to set the source before each level and press Enter (--yes: go on at once); the\n"
+    "virtual sensor sets its own dose. Ctrl-C stops the run and changes nothing. Prints the\n"
+    "defects found by kind and the flat field's variation before and after correction, and\n"
+    "writes DIR/calibration-report.png (check exposure raw and corrected, and the defect map).\n"
+    "\n"
+    "  --levels 1|4     doses to calibrate at (default 4)\n"
+    "  --exposures N    exposures per level, 2 to 64 (default 8)\n"
+    "  --yes            do not wait for the operator before each level\n"
+    "  --verbose        show the library's console lines (default: DIR/veltrano.log)\n"
+    "  --virtual        instead, have the virtual sensor write its own calibration files (one\n"
+    "                   gain frame, or four with --frames 4); DIR is created if needed and the\n"
+    "                   size comes from DIR/VirtualSensor.ini\n";
 
 inline const char kInfoUsage[] =
     "usage: veltrano info --workdir DIR [--verbose]\n"

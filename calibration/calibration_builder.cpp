@@ -1,0 +1,569 @@
+// CalibrationBuilder: averaging the flat exposures of each level, the defect search and the
+// gain frames. The neighbourhood references come from the processing library's median filter,
+// and the cut corners are filled for them with its diagonal copies.
+#include <algorithm>
+#include <cmath>
+#include <deque>
+#include <filesystem>
+#include <new>
+#include <vector>
+
+#include "calibration/calibration_internal.h"
+#include "veltrano/filters.h"
+#include "veltrano/geometry.h"
+
+namespace veltrano {
+
+using calibration::InCutCorner;
+
+namespace {
+
+constexpr int kFloatPixels = 6;
+// Below this many degrees of freedom, levels x (exposures - 1), a good pixel's temporal spread
+// scatters too widely to tell a noisy or a stuck pixel from it.
+constexpr int kMinSpreadDegrees = 6;
+constexpr long long kMaxPixels = 1LL << 28;
+constexpr int kMaxRadius = 2047;
+
+bool Positive(float value) { return std::isfinite(value) && value > 0.0f; }
+
+}  // namespace
+
+namespace calibration {
+
+bool ThresholdsUsable(const DefectThresholds& t) {
+    return Positive(t.deadFraction) && t.deadFraction < 1.0f && Positive(t.hotFraction) &&
+           t.hotFraction > 1.0f && Positive(t.responseTolerance) && Positive(t.noisyFactor) &&
+           Positive(t.frozenFraction) && Positive(t.lineFraction) && Positive(t.lineDeviation) &&
+           Positive(t.clusterEdgeDeviation) && t.clusterMinPixels >= 1 && t.localBlock >= 1 &&
+           t.localRadius >= 1 && t.localRadius <= kMaxRadius;
+}
+
+}  // namespace calibration
+
+namespace {
+
+uint16_t ToSample(double value) {
+    if (!(value > 0.0)) return 0;
+    if (value >= 65535.0) return 65535;
+    return static_cast<uint16_t>(value + 0.5);
+}
+
+// Ratio of a pixel's mean to its reference, or 1 where the reference is not positive (a level
+// too dark to judge).
+double Ratio(float value, float reference) {
+    return reference > 0.0f ? static_cast<double>(value) / reference : 1.0;
+}
+
+// The median of the ratios gathered for one line.
+double MedianOf(std::vector<double>& values) {
+    if (values.empty()) return 1.0;
+    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+    std::nth_element(values.begin(), middle, values.end());
+    return *middle;
+}
+
+}  // namespace
+
+struct CalibrationBuilder::State {
+    int width = 0;
+    int height = 0;
+    int cut = 0;
+    int levels = 0;
+    bool valid = false;
+    size_t pixels = 0;
+
+    // The closed levels' mean and temporal spread; the level being taken lives in the sums.
+    std::vector<std::vector<float>> mean;
+    std::vector<std::vector<float>> spread;
+    std::vector<int> exposures;
+    std::vector<double> brightSum;
+    int current = -1;
+    // Sums of (exposure - first exposure of the level): shifted, so that the spread does not
+    // drown in the square of the signal.
+    std::vector<float> first;
+    std::vector<double> sum;
+    std::vector<double> squares;
+
+    bool analysed = false;
+    DefectThresholds thresholds;
+    std::vector<std::vector<uint16_t>> frames;
+    std::vector<uint32_t> frameLevels;
+    std::vector<float> doses;
+    std::vector<uint8_t> defects;
+    DefectCounts counts;
+    uint32_t lineColumns = 0;
+    uint32_t lineRows = 0;
+    uint32_t clusterCount = 0;
+
+    bool cutAt(size_t i) const {
+        return InCutCorner(static_cast<long long>(i / static_cast<size_t>(width)),
+                           static_cast<long long>(i % static_cast<size_t>(width)), width, cut);
+    }
+
+    // Mean and spread of the level being taken, from its sums.
+    void currentStatistics(std::vector<float>& m, std::vector<float>& s) const {
+        const double n = exposures[static_cast<size_t>(current)];
+        m.resize(pixels);
+        s.assign(pixels, 0.0f);
+        for (size_t i = 0; i < pixels; ++i) {
+            m[i] = static_cast<float>(first[i] + sum[i] / n);
+            if (n > 1.0) {
+                const double variance = (squares[i] - sum[i] * sum[i] / n) / (n - 1.0);
+                s[i] = static_cast<float>(std::sqrt(std::max(0.0, variance)));
+            }
+        }
+    }
+
+    // The reference of each pixel's neighbourhood: the median of block means around its block.
+    bool reference(const std::vector<float>& map, int block, int radius,
+                   std::vector<float>& out) const {
+        std::vector<float> filled(map);
+        uint8_t* bytes = reinterpret_cast<uint8_t*>(filled.data());
+        // Mirror the active pixels across the corners' edges, so that a neighbourhood reaching
+        // into a corner does not read the zeros of pixels that do not exist.
+        if (Copy_RightDown_To_LeftUp(bytes, bytes, width, height, kFloatPixels, 0, 0, cut + 2) != 1 ||
+            Copy_LeftDown_To_RightUp(bytes, bytes, width, height, kFloatPixels, width - cut - 1, 0,
+                                     cut + 1) != 1) {
+            return false;
+        }
+        const int bw = (width + block - 1) / block;
+        const int bh = (height + block - 1) / block;
+        std::vector<double> blockSum(static_cast<size_t>(bw) * bh, 0.0);
+        std::vector<double> blockCount(blockSum.size(), 0.0);
+        for (int y = 0; y < height; ++y) {
+            for (int x = 0; x < width; ++x) {
+                const size_t b = static_cast<size_t>(y / block) * bw + static_cast<size_t>(x / block);
+                blockSum[b] += filled[static_cast<size_t>(y) * width + x];
+                blockCount[b] += 1.0;
+            }
+        }
+        std::vector<float> means(blockSum.size());
+        for (size_t b = 0; b < means.size(); ++b) {
+            means[b] = static_cast<float>(blockSum[b] / blockCount[b]);
+        }
+        std::vector<float> medians(means.size());
+        if (Median_Blur(means.data(), medians.data(), bw, bh, radius, kFloatPixels) != 1) {
+            return false;
+        }
+        out.resize(pixels);
+        for (int y = 0; y < height; ++y) {
+            for (int x = 0; x < width; ++x) {
+                out[static_cast<size_t>(y) * width + x] =
+                    medians[static_cast<size_t>(y / block) * bw + static_cast<size_t>(x / block)];
+            }
+        }
+        return true;
+    }
+
+    int analyse(const DefectThresholds& t);
+    void classifyPixels(const std::vector<const std::vector<float>*>& m,
+                        const std::vector<const std::vector<float>*>& s,
+                        const std::vector<std::vector<float>>& rm,
+                        const std::vector<std::vector<float>>& rs, bool spreadTests,
+                        const DefectThresholds& t);
+    void markLines(const std::vector<const std::vector<float>*>& m,
+                   const std::vector<std::vector<float>>& rm, const DefectThresholds& t);
+    void markClusters(const std::vector<const std::vector<float>*>& m,
+                      const std::vector<std::vector<float>>& rm, const DefectThresholds& t);
+    double largestDeviation(const std::vector<const std::vector<float>*>& m,
+                            const std::vector<std::vector<float>>& rm, size_t i) const;
+};
+
+CalibrationBuilder::CalibrationBuilder(int width, int height, int cornerCut, int levels)
+    : state_(std::make_unique<State>()) {
+    State& s = *state_;
+    s.width = width;
+    s.height = height;
+    s.cut = cornerCut;
+    s.levels = levels;
+    s.valid = width >= 1 && height >= 1 && width <= 65535 && height <= 65535 &&
+              static_cast<long long>(width) * height <= kMaxPixels && cornerCut >= 0 &&
+              cornerCut < width &&
+              (levels == 1 || levels == 4);
+    if (s.valid) {
+        s.pixels = static_cast<size_t>(width) * static_cast<size_t>(height);
+        s.mean.resize(static_cast<size_t>(levels));
+        s.spread.resize(static_cast<size_t>(levels));
+        s.exposures.assign(static_cast<size_t>(levels), 0);
+        s.brightSum.assign(static_cast<size_t>(levels), 0.0);
+    }
+}
+
+CalibrationBuilder::~CalibrationBuilder() = default;
+
+bool CalibrationBuilder::IsValid() const { return state_->valid; }
+int CalibrationBuilder::Width() const { return state_->width; }
+int CalibrationBuilder::Height() const { return state_->height; }
+int CalibrationBuilder::CornerCut() const { return state_->cut; }
+int CalibrationBuilder::Levels() const { return state_->levels; }
+bool CalibrationBuilder::IsCut(int column, int row) const {
+    return InCutCorner(row, column, state_->width, state_->cut);
+}
+
+int CalibrationBuilder::AddExposure(int level, const float* pixels) {
+    State& s = *state_;
+    if (!s.valid) return -3;
+    if (pixels == nullptr) return -1;
+    if (level < 0 || level >= s.levels || (level != s.current && level != s.current + 1)) {
+        return -2;
+    }
+    try {
+        if (level != s.current) {
+            if (s.current >= 0) {
+                const size_t closed = static_cast<size_t>(s.current);
+                s.currentStatistics(s.mean[closed], s.spread[closed]);
+            }
+            s.current = level;
+            s.first.assign(pixels, pixels + s.pixels);
+            s.sum.assign(s.pixels, 0.0);
+            s.squares.assign(s.pixels, 0.0);
+        }
+    } catch (const std::bad_alloc&) {
+        s.current = -1;  // nothing half-made is kept
+        s.first.clear();
+        s.sum.clear();
+        s.squares.clear();
+        return -4;
+    }
+    for (size_t i = 0; i < s.pixels; ++i) {
+        const double d = static_cast<double>(pixels[i]) - s.first[i];
+        s.sum[i] += d;
+        s.squares[i] += d * d;
+    }
+    const size_t l = static_cast<size_t>(level);
+    ++s.exposures[l];
+    s.brightSum[l] += BrightMean(pixels, s.pixels);
+    s.analysed = false;
+    return 1;
+}
+
+int CalibrationBuilder::Exposures(int level) const {
+    const State& s = *state_;
+    return s.valid && level >= 0 && level < s.levels ? s.exposures[static_cast<size_t>(level)] : 0;
+}
+
+int CalibrationBuilder::Analyse(const DefectThresholds& thresholds) {
+    if (!state_->valid) return -1;
+    try {
+        return state_->analyse(thresholds);
+    } catch (const std::bad_alloc&) {
+        state_->analysed = false;
+        return -4;
+    }
+}
+
+int CalibrationBuilder::State::analyse(const DefectThresholds& t) {
+    analysed = false;
+    if (std::count(exposures.begin(), exposures.end(), 0) != 0) return -1;
+    if (!calibration::ThresholdsUsable(t)) return -2;
+    const size_t L = static_cast<size_t>(levels);
+
+    // The frames' levels: the mean of the exposures' bright means. The acquisition compares an
+    // image's bright mean with them, so they must rise with the dose.
+    frameLevels.assign(L, 0);
+    for (size_t l = 0; l < L; ++l) {
+        frameLevels[l] = ToSample(brightSum[l] / exposures[l]);
+        if (l > 0 && frameLevels[l] <= frameLevels[l - 1]) return -3;
+    }
+
+    std::vector<float> lastMean, lastSpread;
+    currentStatistics(lastMean, lastSpread);
+    std::vector<const std::vector<float>*> m(L), s(L);
+    for (size_t l = 0; l < L; ++l) {
+        const bool last = l == static_cast<size_t>(current);
+        m[l] = last ? &lastMean : &mean[l];
+        s[l] = last ? &lastSpread : &spread[l];
+    }
+
+    int degrees = 0;
+    for (int n : exposures) degrees += n - 1;
+    const bool spreadTests = degrees >= kMinSpreadDegrees;
+    std::vector<std::vector<float>> rm(L), rs(spreadTests ? L : 0);
+    for (size_t l = 0; l < L; ++l) {
+        if (!reference(*m[l], t.localBlock, t.localRadius, rm[l])) return -4;
+        if (spreadTests && !reference(*s[l], t.localBlock, t.localRadius, rs[l])) return -4;
+    }
+
+    defects.assign(pixels, kDefectNone);
+    classifyPixels(m, s, rm, rs, spreadTests, t);
+    markLines(m, rm, t);
+    markClusters(m, rm, t);
+
+    counts = DefectCounts();
+    uint32_t* byKind[] = {nullptr, &counts.dead, &counts.hot, &counts.unresponsive, &counts.noisy,
+                          &counts.columnPixels, &counts.rowPixels, &counts.clusterPixels};
+    for (uint8_t kind : defects) {
+        if (kind != kDefectNone) {
+            ++*byKind[kind];
+            ++counts.total;
+        }
+    }
+    // Lines and clusters were counted while they were marked; keep those numbers.
+    counts.columns = lineColumns;
+    counts.rows = lineRows;
+    counts.clusters = clusterCount;
+
+    frames.assign(L, std::vector<uint16_t>(pixels, 0));
+    doses.assign(L, 0.0f);
+    for (size_t l = 0; l < L; ++l) {
+        std::vector<uint16_t>& frame = frames[l];
+        double sumActive = 0.0, active = 0.0;
+        for (size_t i = 0; i < pixels; ++i) {
+            const bool cutHere = cutAt(i);
+            // A defective pixel gets what a good one would read there: the gain it gives is
+            // never used (the pixel is repaired), but it leaves the frame's mean alone.
+            frame[i] = ToSample(defects[i] != kDefectNone && !cutHere ? rm[l][i] : (*m[l])[i]);
+            if (!cutHere) {
+                sumActive += (*m[l])[i];
+                active += 1.0;
+            }
+        }
+        frame[0] = static_cast<uint16_t>(frameLevels[l]);
+        doses[l] = active > 0.0 ? static_cast<float>(sumActive / active) : 0.0f;
+    }
+    thresholds = t;
+    analysed = true;
+    return 1;
+}
+
+void CalibrationBuilder::State::classifyPixels(const std::vector<const std::vector<float>*>& m,
+                                               const std::vector<const std::vector<float>*>& s,
+                                               const std::vector<std::vector<float>>& rm,
+                                               const std::vector<std::vector<float>>& rs,
+                                               bool spreadTests, const DefectThresholds& t) {
+    const size_t L = m.size();
+    for (size_t i = 0; i < pixels; ++i) {
+        if (cutAt(i)) continue;
+        bool dead = false, hot = false;
+        for (size_t l = 0; l < L; ++l) {
+            const double ratio = Ratio((*m[l])[i], rm[l][i]);
+            dead = dead || ratio < t.deadFraction;
+            hot = hot || ratio > t.hotFraction;
+        }
+        if (dead || hot) {
+            defects[i] = dead ? kDefectDead : kDefectHot;
+            continue;
+        }
+        if (L >= 2) {
+            const double rise = static_cast<double>((*m[L - 1])[i]) - (*m[0])[i];
+            const double referenceRise = static_cast<double>(rm[L - 1][i]) - rm[0][i];
+            if (referenceRise > 0.0 && std::fabs(rise / referenceRise - 1.0) > t.responseTolerance) {
+                defects[i] = kDefectUnresponsive;
+                continue;
+            }
+        }
+        if (spreadTests) {
+            // The spreads of the levels relative to their references, pooled: each level adds
+            // its own degrees of freedom.
+            double squares = 0.0, n = 0.0;
+            for (size_t l = 0; l < L; ++l) {
+                if (rs[l][i] > 0.0f) {
+                    const double z = (*s[l])[i] / rs[l][i];
+                    squares += z * z;
+                    n += 1.0;
+                }
+            }
+            if (n > 0.0) {
+                const double z = std::sqrt(squares / n);
+                if (z > t.noisyFactor) {
+                    defects[i] = kDefectNoisy;
+                } else if (z < t.frozenFraction) {
+                    defects[i] = kDefectUnresponsive;
+                }
+            }
+        }
+    }
+}
+
+void CalibrationBuilder::State::markLines(const std::vector<const std::vector<float>*>& m,
+                                          const std::vector<std::vector<float>>& rm,
+                                          const DefectThresholds& t) {
+    // Both directions are judged on the pixel marks alone, so that a defective column does not
+    // make every row it crosses look defective.
+    const std::vector<uint8_t> marks(defects);
+    std::vector<double> ratios;
+    auto judge = [&](bool column, int index) {
+        const int length = column ? height : width;
+        size_t active = 0, marked = 0;
+        bool deviates = false;
+        for (size_t l = 0; l < m.size() && !deviates; ++l) {
+            ratios.clear();
+            for (int k = 0; k < length; ++k) {
+                const int x = column ? index : k;
+                const int y = column ? k : index;
+                if (InCutCorner(y, x, width, cut)) continue;
+                const size_t i = static_cast<size_t>(y) * width + x;
+                ratios.push_back(Ratio((*m[l])[i], rm[l][i]));
+                if (l == 0) {
+                    ++active;
+                    marked += marks[i] != kDefectNone;
+                }
+            }
+            deviates = std::fabs(MedianOf(ratios) - 1.0) > t.lineDeviation;
+        }
+        return active > 0 && (deviates || static_cast<double>(marked) > t.lineFraction * active);
+    };
+    std::vector<uint8_t> badColumns(static_cast<size_t>(width), 0), badRows(static_cast<size_t>(height), 0);
+    for (int x = 0; x < width; ++x) badColumns[static_cast<size_t>(x)] = judge(true, x);
+    for (int y = 0; y < height; ++y) badRows[static_cast<size_t>(y)] = judge(false, y);
+    lineColumns = static_cast<uint32_t>(std::count(badColumns.begin(), badColumns.end(), 1));
+    lineRows = static_cast<uint32_t>(std::count(badRows.begin(), badRows.end(), 1));
+    for (int y = 0; y < height; ++y) {
+        for (int x = 0; x < width; ++x) {
+            if (InCutCorner(y, x, width, cut)) continue;
+            uint8_t& kind = defects[static_cast<size_t>(y) * width + x];
+            if (badColumns[static_cast<size_t>(x)]) {
+                kind = kDefectColumn;
+            } else if (badRows[static_cast<size_t>(y)]) {
+                kind = kDefectRow;
+            }
+        }
+    }
+}
+
+double CalibrationBuilder::State::largestDeviation(const std::vector<const std::vector<float>*>& m,
+                                                   const std::vector<std::vector<float>>& rm,
+                                                   size_t i) const {
+    double largest = 0.0;
+    for (size_t l = 0; l < m.size(); ++l) {
+        largest = std::max(largest, std::fabs(Ratio((*m[l])[i], rm[l][i]) - 1.0));
+    }
+    return largest;
+}
+
+void CalibrationBuilder::State::markClusters(const std::vector<const std::vector<float>*>& m,
+                                             const std::vector<std::vector<float>>& rm,
+                                             const DefectThresholds& t) {
+    clusterCount = 0;
+    auto isPixelDefect = [&](size_t i) {
+        return defects[i] >= kDefectDead && defects[i] <= kDefectNoisy;
+    };
+    std::vector<uint8_t> seen(pixels, 0);
+    std::vector<size_t> group;
+    std::deque<size_t> queue;
+    // Calls f for each neighbour (8-connected) of pixel i inside the image.
+    auto forNeighbours = [&](size_t i, auto&& f) {
+        const int x = static_cast<int>(i % static_cast<size_t>(width));
+        const int y = static_cast<int>(i / static_cast<size_t>(width));
+        for (int dy = -1; dy <= 1; ++dy) {
+            for (int dx = -1; dx <= 1; ++dx) {
+                const int nx = x + dx, ny = y + dy;
+                if ((dx != 0 || dy != 0) && nx >= 0 && ny >= 0 && nx < width && ny < height) {
+                    f(static_cast<size_t>(ny) * width + nx);
+                }
+            }
+        }
+    };
+    for (size_t start = 0; start < pixels; ++start) {
+        if (seen[start] || !isPixelDefect(start)) continue;
+        group.clear();
+        queue.assign(1, start);
+        seen[start] = 1;
+        while (!queue.empty()) {
+            const size_t i = queue.front();
+            queue.pop_front();
+            group.push_back(i);
+            forNeighbours(i, [&](size_t n) {
+                if (!seen[n] && isPixelDefect(n)) {
+                    seen[n] = 1;
+                    queue.push_back(n);
+                }
+            });
+        }
+        if (group.size() < static_cast<size_t>(t.clusterMinPixels)) continue;
+        ++clusterCount;
+        // The cluster, then its rim: neighbours that deviate clearly, though not enough to be
+        // condemned alone, join it, and their neighbours are looked at in turn.
+        queue.assign(group.begin(), group.end());
+        for (size_t i : group) defects[i] = kDefectCluster;
+        while (!queue.empty()) {
+            const size_t i = queue.front();
+            queue.pop_front();
+            forNeighbours(i, [&](size_t n) {
+                if (defects[n] == kDefectNone && !cutAt(n) &&
+                    largestDeviation(m, rm, n) > t.clusterEdgeDeviation) {
+                    defects[n] = kDefectCluster;
+                    seen[n] = 1;
+                    queue.push_back(n);
+                }
+            });
+        }
+    }
+}
+
+bool CalibrationBuilder::IsAnalysed() const { return state_->analysed; }
+
+const uint16_t* CalibrationBuilder::GainFrame(int level) const {
+    const State& s = *state_;
+    return s.analysed && level >= 0 && level < s.levels ? s.frames[static_cast<size_t>(level)].data()
+                                                        : nullptr;
+}
+
+uint32_t CalibrationBuilder::FrameLevel(int level) const {
+    const State& s = *state_;
+    return s.analysed && level >= 0 && level < s.levels ? s.frameLevels[static_cast<size_t>(level)] : 0;
+}
+
+float CalibrationBuilder::LevelDose(int level) const {
+    const State& s = *state_;
+    return s.analysed && level >= 0 && level < s.levels ? s.doses[static_cast<size_t>(level)] : 0.0f;
+}
+
+const uint8_t* CalibrationBuilder::DefectMap() const {
+    return state_->analysed ? state_->defects.data() : nullptr;
+}
+
+DefectCounts CalibrationBuilder::Counts() const {
+    return state_->analysed ? state_->counts : DefectCounts();
+}
+
+const DefectThresholds& CalibrationBuilder::Thresholds() const { return state_->thresholds; }
+
+void CalibrationBuilder::DescribeIn(CalibrationHeader& header) const {
+    const State& s = *state_;
+    header.width = static_cast<uint32_t>(s.width);
+    header.height = static_cast<uint32_t>(s.height);
+    header.cornerCut = s.cut;
+    header.frames = static_cast<uint32_t>(s.levels);
+    for (size_t l = 0; l < 4; ++l) {
+        const bool used = s.analysed && l < static_cast<size_t>(s.levels);
+        header.levels[l] = used ? s.frameLevels[l] : 0;
+        header.doses[l] = used ? s.doses[l] : 0.0f;
+    }
+    header.exposures = s.exposures.empty()
+                           ? 0
+                           : static_cast<uint32_t>(*std::min_element(s.exposures.begin(), s.exposures.end()));
+    header.thresholds = s.thresholds;
+    header.defects = Counts();
+}
+
+int CalibrationBuilder::WriteFiles(const char* gainPath, const char* defectPath,
+                                   const CalibrationHeader& header) const {
+    if (gainPath == nullptr || defectPath == nullptr || *gainPath == '\0' || *defectPath == '\0') {
+        return -1;
+    }
+    const State& s = *state_;
+    if (!s.analysed) return -2;
+    std::vector<uint8_t> body;
+    body.reserve(s.frames.size() * s.pixels * 2);
+    for (const std::vector<uint16_t>& frame : s.frames) {
+        for (uint16_t v : frame) {
+            body.push_back(static_cast<uint8_t>(v & 0xFF));
+            body.push_back(static_cast<uint8_t>(v >> 8));
+        }
+    }
+    CalibrationHeader gain = header;
+    gain.kind = CalibrationHeader::kGainFile;
+    CalibrationHeader defects = header;
+    defects.kind = CalibrationHeader::kDefectFile;
+    if (!calibration::WriteWholeFile(gainPath, calibration::EncodeHeader(gain), body)) return 0;
+    if (!calibration::WriteWholeFile(defectPath, calibration::EncodeHeader(defects), s.defects)) {
+        std::error_code ignored;
+        std::filesystem::remove(gainPath, ignored);
+        return 0;
+    }
+    return 1;
+}
+
+}  // namespace veltrano

@@ -1,0 +1,77 @@
+// Pieces shared by the calibration sources: the cut-corner rule, the statistics of a flat
+// exposure, the header's byte layout and writing a file completely or not at all.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "veltrano/calibration_builder.h"
+
+namespace veltrano::calibration {
+
+// The sensor has no pixels in its two upper corners: row + column <= cut, or column - row >=
+// width - cut.
+inline bool InCutCorner(long long row, long long column, long long width, long long cut) {
+    return row + column <= cut || column - row >= width - cut;
+}
+
+// The columns of a row outside the cut corners: [first, end), empty when first >= end.
+inline void ActiveSpan(long long row, long long width, long long cut, long long& first, long long& end) {
+    first = row > cut ? 0 : cut - row + 1;
+    end = width - cut + row < width ? width - cut + row : width;
+}
+
+// What the checks of a calibration run look at, over the pixels outside the cut corners.
+struct FlatStatistics {
+    uint64_t pixels = 0;
+    double mean = 0.0;
+    // Percentiles of the values truncated to integers and clamped to 0..65535.
+    int median = 0;
+    int p16 = 0;
+    int p84 = 0;
+    double saturatedFraction = 0.0;  // at or above the saturation level
+};
+FlatStatistics MeasureFlat(const float* pixels, int width, int height, int cut,
+                           float saturationLevel);
+
+// Standard deviation over mean, outside the cut corners; 0 for a mean of 0.
+double CoefficientOfVariation(const float* pixels, int width, int height, int cut);
+
+std::vector<uint8_t> EncodeHeader(const CalibrationHeader& header);
+// False when the bytes are not a header of ours.
+bool DecodeHeader(const std::vector<uint8_t>& bytes, CalibrationHeader& header);
+
+// Writes header and body to path; on any failure removes what was written and returns false.
+bool WriteWholeFile(const std::string& path, const std::vector<uint8_t>& header,
+                    const std::vector<uint8_t>& body);
+
+// False for thresholds the defect search cannot work with (see CalibrationBuilder::Analyse).
+bool ThresholdsUsable(const DefectThresholds& thresholds);
+
+// The sensor's calibration folder below a work directory, and the private one of a run.
+std::string CalibrationFolderOf(const std::string& workDir);
+std::string ScratchFolderOf(const std::string& workDir);
+
+// Every file below folder whose extension (the text after the last dot of its name) is ext, in
+// the order in which the detector's loader meets them: it takes the first.
+std::vector<std::string> FindByExtension(const std::string& folder, const std::string& ext);
+
+// The files put in place by ReplaceCalibration and the backups of the ones they replaced.
+struct Replaced {
+    std::string gain;
+    std::string defect;
+    std::string gainBackup;
+    std::string defectBackup;
+};
+
+// Puts a new gain and defect file into the calibration folder of workDir (see RunCalibration):
+// write(gainPath, defectPath) must write both files completely to the temporary paths it is
+// given. Returns true when the new files are in place; otherwise the previous calibration is as
+// it was and message says what failed.
+bool ReplaceCalibration(const std::string& workDir,
+                        const std::function<bool(const std::string&, const std::string&)>& write,
+                        Replaced& replaced, std::string& message);
+
+}  // namespace veltrano::calibration

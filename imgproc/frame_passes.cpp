@@ -1,0 +1,457 @@
+// Whole-frame passes: minimum/maximum, exact double sums, histograms and table mappings.
+#include "imgproc/frame_passes.h"
+
+#include <cmath>
+#include <cstring>
+#include <type_traits>
+
+#include "imgproc/dispatch.h"
+#include "imgproc/pixel_helpers.h"
+
+#if VELTRANO_HAS_AVX2_PATHS
+#include <immintrin.h>
+#endif
+
+namespace veltrano {
+namespace {
+
+// For floating elements the extreme found by value is replaced by the first element equal to
+// it: only a zero has two representations that compare equal, so only then can the sign differ.
+template <class T>
+void FirstEqual(const T* src, size_t count, T& value) {
+    if constexpr (std::is_floating_point_v<T>) {
+        if (value != 0) return;
+        for (size_t i = 0; i < count; ++i) {
+            if (src[i] == 0) {
+                value = src[i];
+                return;
+            }
+        }
+    } else {
+        (void)src;
+        (void)count;
+        (void)value;
+    }
+}
+
+// Plain code without the else of FindMinMax: two independent comparisons per element, which
+// the compiler can keep in vector registers. For numbers the result is the same extreme value;
+// for not-a-number elements every comparison is false, as in FindMinMax.
+template <class T>
+void MinMaxScalar(const T* src, size_t count, T& mn, T& mx) {
+    T lo = src[0];
+    T hi = src[0];
+    for (size_t i = 1; i < count; ++i) {
+        const T v = src[i];
+        lo = v < lo ? v : lo;
+        hi = v > hi ? v : hi;
+    }
+    mn = lo;
+    mx = hi;
+}
+
+#if VELTRANO_HAS_AVX2_PATHS
+
+VELTRANO_TARGET_AVX2 void MinMaxAvx2(const uint8_t* src, size_t count, uint8_t& mn, uint8_t& mx) {
+    __m256i lo = _mm256_set1_epi8(static_cast<char>(src[0]));
+    __m256i hi = lo;
+    size_t i = 0;
+    for (; i + 32 <= count; i += 32) {
+        const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src + i));
+        lo = _mm256_min_epu8(lo, v);
+        hi = _mm256_max_epu8(hi, v);
+    }
+    alignas(32) uint8_t l[32];
+    alignas(32) uint8_t h[32];
+    _mm256_store_si256(reinterpret_cast<__m256i*>(l), lo);
+    _mm256_store_si256(reinterpret_cast<__m256i*>(h), hi);
+    uint8_t a = l[0];
+    uint8_t b = h[0];
+    for (int k = 1; k < 32; ++k) {
+        a = l[k] < a ? l[k] : a;
+        b = h[k] > b ? h[k] : b;
+    }
+    for (; i < count; ++i) {
+        a = src[i] < a ? src[i] : a;
+        b = src[i] > b ? src[i] : b;
+    }
+    mn = a;
+    mx = b;
+}
+
+// Signed and unsigned 16-bit share one loop: unsigned values are compared with a bias that
+// maps them onto the signed order.
+template <bool kUnsigned, class T>
+VELTRANO_TARGET_AVX2 void MinMax16Avx2(const T* src, size_t count, T& mn, T& mx) {
+    const __m256i bias = _mm256_set1_epi16(kUnsigned ? static_cast<short>(0x8000) : 0);
+    __m256i lo = _mm256_xor_si256(_mm256_set1_epi16(static_cast<short>(src[0])), bias);
+    __m256i hi = lo;
+    size_t i = 0;
+    for (; i + 16 <= count; i += 16) {
+        const __m256i v = _mm256_xor_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(src + i)), bias);
+        lo = _mm256_min_epi16(lo, v);
+        hi = _mm256_max_epi16(hi, v);
+    }
+    alignas(32) T l[16];
+    alignas(32) T h[16];
+    _mm256_store_si256(reinterpret_cast<__m256i*>(l), _mm256_xor_si256(lo, bias));
+    _mm256_store_si256(reinterpret_cast<__m256i*>(h), _mm256_xor_si256(hi, bias));
+    T a = l[0];
+    T b = h[0];
+    for (int k = 1; k < 16; ++k) {
+        a = l[k] < a ? l[k] : a;
+        b = h[k] > b ? h[k] : b;
+    }
+    for (; i < count; ++i) {
+        a = src[i] < a ? src[i] : a;
+        b = src[i] > b ? src[i] : b;
+    }
+    mn = a;
+    mx = b;
+}
+
+// _mm256_min_ps(v, acc) returns acc when v is not a number, so such elements are passed over
+// exactly as the scalar comparisons pass over them. The first element is never NaN here.
+VELTRANO_TARGET_AVX2 void MinMaxAvx2(const float* src, size_t count, float& mn, float& mx) {
+    __m256 lo = _mm256_set1_ps(src[0]);
+    __m256 hi = lo;
+    size_t i = 0;
+    for (; i + 8 <= count; i += 8) {
+        const __m256 v = _mm256_loadu_ps(src + i);
+        lo = _mm256_min_ps(v, lo);
+        hi = _mm256_max_ps(v, hi);
+    }
+    alignas(32) float l[8];
+    alignas(32) float h[8];
+    _mm256_store_ps(l, lo);
+    _mm256_store_ps(h, hi);
+    float a = l[0];
+    float b = h[0];
+    for (int k = 1; k < 8; ++k) {
+        a = l[k] < a ? l[k] : a;
+        b = h[k] > b ? h[k] : b;
+    }
+    for (; i < count; ++i) {
+        a = src[i] < a ? src[i] : a;
+        b = src[i] > b ? src[i] : b;
+    }
+    mn = a;
+    mx = b;
+}
+
+VELTRANO_TARGET_AVX2 void MinMaxAvx2(const double* src, size_t count, double& mn, double& mx) {
+    __m256d lo = _mm256_set1_pd(src[0]);
+    __m256d hi = lo;
+    size_t i = 0;
+    for (; i + 4 <= count; i += 4) {
+        const __m256d v = _mm256_loadu_pd(src + i);
+        lo = _mm256_min_pd(v, lo);
+        hi = _mm256_max_pd(v, hi);
+    }
+    alignas(32) double l[4];
+    alignas(32) double h[4];
+    _mm256_store_pd(l, lo);
+    _mm256_store_pd(h, hi);
+    double a = l[0];
+    double b = h[0];
+    for (int k = 1; k < 4; ++k) {
+        a = l[k] < a ? l[k] : a;
+        b = h[k] > b ? h[k] : b;
+    }
+    for (; i < count; ++i) {
+        a = src[i] < a ? src[i] : a;
+        b = src[i] > b ? src[i] : b;
+    }
+    mn = a;
+    mx = b;
+}
+
+void MinMaxAvx2(const uint16_t* src, size_t count, uint16_t& mn, uint16_t& mx) {
+    MinMax16Avx2<true>(src, count, mn, mx);
+}
+
+void MinMaxAvx2(const int16_t* src, size_t count, int16_t& mn, int16_t& mx) {
+    MinMax16Avx2<false>(src, count, mn, mx);
+}
+
+// Four lanes of double sums and a check, per element, that the value is an integer of magnitude
+// at most 2^24. Returns false (the caller then adds in index order) when one is not.
+VELTRANO_TARGET_AVX2 bool ExactSumAvx2(const float* src, size_t count, double& sum) {
+    const __m256 limit = _mm256_set1_ps(16777216.0f);
+    const __m256 absMask = _mm256_castsi256_ps(_mm256_set1_epi32(0x7fffffff));
+    __m256d s0 = _mm256_setzero_pd();
+    __m256d s1 = _mm256_setzero_pd();
+    __m256 ok = _mm256_castsi256_ps(_mm256_set1_epi32(-1));
+    size_t i = 0;
+    for (; i + 8 <= count; i += 8) {
+        const __m256 v = _mm256_loadu_ps(src + i);
+        const __m256 integral = _mm256_cmp_ps(_mm256_round_ps(v, _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC), v, _CMP_EQ_OQ);
+        const __m256 small = _mm256_cmp_ps(_mm256_and_ps(v, absMask), limit, _CMP_LE_OQ);
+        ok = _mm256_and_ps(ok, _mm256_and_ps(integral, small));
+        s0 = _mm256_add_pd(s0, _mm256_cvtps_pd(_mm256_castps256_ps128(v)));
+        s1 = _mm256_add_pd(s1, _mm256_cvtps_pd(_mm256_extractf128_ps(v, 1)));
+    }
+    if (_mm256_movemask_ps(ok) != 0xff) return false;
+    alignas(32) double lanes[4];
+    _mm256_store_pd(lanes, _mm256_add_pd(s0, s1));
+    double total = (lanes[0] + lanes[1]) + (lanes[2] + lanes[3]);
+    for (; i < count; ++i) {
+        const float v = src[i];
+        if (!(std::trunc(v) == v && std::fabs(v) <= 16777216.0f)) return false;
+        total += static_cast<double>(v);
+    }
+    sum = total;
+    return true;
+}
+
+#endif
+
+bool ExactSumScalar(const float* src, size_t count, double& sum) {
+    double s[4] = {0.0, 0.0, 0.0, 0.0};
+    size_t i = 0;
+    for (; i + 4 <= count; i += 4) {
+        for (int k = 0; k < 4; ++k) {
+            const float v = src[i + k];
+            if (!(std::trunc(v) == v && std::fabs(v) <= 16777216.0f)) return false;
+            s[k] += static_cast<double>(v);
+        }
+    }
+    double total = (s[0] + s[1]) + (s[2] + s[3]);
+    for (; i < count; ++i) {
+        const float v = src[i];
+        if (!(std::trunc(v) == v && std::fabs(v) <= 16777216.0f)) return false;
+        total += static_cast<double>(v);
+    }
+    sum = total;
+    return true;
+}
+
+template <class T>
+void MinMaxDispatch(const T* src, size_t count, T& mn, T& mx) {
+    if constexpr (std::is_floating_point_v<T>) {
+        // A not-a-number first element stays both results: every comparison with it is false.
+        if (std::isnan(src[0])) {
+            mn = mx = src[0];
+            return;
+        }
+    }
+    const Impl impl = ActiveImpl();
+    if (impl == Impl::Reference) {
+        FindMinMax(src, count, mn, mx);
+        return;
+    }
+#if VELTRANO_HAS_AVX2_PATHS
+    if (impl == Impl::Avx2) {
+        MinMaxAvx2(src, count, mn, mx);
+    } else {
+        MinMaxScalar(src, count, mn, mx);
+    }
+#else
+    MinMaxScalar(src, count, mn, mx);
+#endif
+    FirstEqual(src, count, mn);
+    FirstEqual(src, count, mx);
+}
+
+// Several partial histograms, so that runs of equal values do not wait on one counter.
+template <class T, size_t kBins>
+void CountValuesScalar(const T* src, size_t count, uint32_t* bins) {
+    constexpr size_t kCopies = kBins <= 256 ? 4 : 1;
+    if constexpr (kCopies == 1) {
+        for (size_t i = 0; i < count; ++i) ++bins[src[i]];
+    } else {
+        uint32_t part[kCopies - 1][kBins] = {};
+        size_t i = 0;
+        for (; i + kCopies <= count; i += kCopies) {
+            ++bins[src[i]];
+            for (size_t k = 1; k < kCopies; ++k) ++part[k - 1][src[i + k]];
+        }
+        for (; i < count; ++i) ++bins[src[i]];
+        for (size_t k = 0; k + 1 < kCopies; ++k)
+            for (size_t b = 0; b < kBins; ++b) bins[b] += part[k][b];
+    }
+}
+
+inline int32_t FloatBin(float v, FloatBinRule rule) {
+    if (rule == FloatBinRule::InRangeOnly) return (v > -1.0f && v < 65536.0f) ? static_cast<int32_t>(v) : -1;
+    if (!(v > 0.0f)) return 0;
+    if (v >= 65535.0f) return 65535;
+    return static_cast<int32_t>(v);
+}
+
+#if VELTRANO_HAS_AVX2_PATHS
+// The bins of eight pixels at a time are computed in vector registers; the counting itself stays
+// scalar. Pixels that the first rule leaves out are skipped by their lane's bit.
+VELTRANO_TARGET_AVX2 void CountFloatBinsAvx2(const float* src, size_t count, FloatBinRule rule, int32_t* bins) {
+    const __m256 zero = _mm256_setzero_ps();
+    const __m256 top = _mm256_set1_ps(65535.0f);
+    const __m256 lowOpen = _mm256_set1_ps(-1.0f);
+    const __m256 highOpen = _mm256_set1_ps(65536.0f);
+    alignas(32) int32_t idx[8];
+    size_t i = 0;
+    for (; i + 8 <= count; i += 8) {
+        const __m256 v = _mm256_loadu_ps(src + i);
+        if (rule == FloatBinRule::InRangeOnly) {
+            const __m256 inside = _mm256_and_ps(_mm256_cmp_ps(v, lowOpen, _CMP_GT_OQ), _mm256_cmp_ps(v, highOpen, _CMP_LT_OQ));
+            // Outside lanes are zeroed before the conversion so that it stays defined.
+            _mm256_store_si256(reinterpret_cast<__m256i*>(idx), _mm256_cvttps_epi32(_mm256_and_ps(v, inside)));
+            const int lanes = _mm256_movemask_ps(inside);
+            if (lanes == 0xff) {
+                for (int k = 0; k < 8; ++k) ++bins[idx[k]];
+            } else {
+                for (int k = 0; k < 8; ++k)
+                    if ((lanes >> k) & 1) ++bins[idx[k]];
+            }
+        } else {
+            // max(v, 0) with v first turns NaN into 0; min caps at 65535 before the conversion.
+            const __m256 c = _mm256_min_ps(_mm256_max_ps(v, zero), top);
+            _mm256_store_si256(reinterpret_cast<__m256i*>(idx), _mm256_cvttps_epi32(c));
+            for (int k = 0; k < 8; ++k) ++bins[idx[k]];
+        }
+    }
+    for (; i < count; ++i) {
+        const int32_t b = FloatBin(src[i], rule);
+        if (b >= 0) ++bins[b];
+    }
+}
+#endif
+
+}  // namespace
+
+void FrameMinMax(const uint8_t* s, size_t n, uint8_t& a, uint8_t& b) { MinMaxDispatch(s, n, a, b); }
+void FrameMinMax(const uint16_t* s, size_t n, uint16_t& a, uint16_t& b) { MinMaxDispatch(s, n, a, b); }
+void FrameMinMax(const int16_t* s, size_t n, int16_t& a, int16_t& b) { MinMaxDispatch(s, n, a, b); }
+void FrameMinMax(const float* s, size_t n, float& a, float& b) { MinMaxDispatch(s, n, a, b); }
+void FrameMinMax(const double* s, size_t n, double& a, double& b) { MinMaxDispatch(s, n, a, b); }
+
+double SumInDouble(const float* src, size_t count) {
+    const Impl impl = ActiveImpl();
+    if (impl != Impl::Reference && count <= (size_t(1) << 28)) {
+        double sum = 0.0;
+#if VELTRANO_HAS_AVX2_PATHS
+        if (impl == Impl::Avx2 ? ExactSumAvx2(src, count, sum) : ExactSumScalar(src, count, sum)) return sum;
+#else
+        if (ExactSumScalar(src, count, sum)) return sum;
+#endif
+    }
+    double sum = 0.0;
+    for (size_t i = 0; i < count; ++i) sum += static_cast<double>(src[i]);
+    return sum;
+}
+
+void CountValues(const uint8_t* src, size_t count, uint32_t* bins) {
+    if (ActiveImpl() == Impl::Reference) {
+        for (size_t i = 0; i < count; ++i) ++bins[src[i]];
+        return;
+    }
+    CountValuesScalar<uint8_t, 256>(src, count, bins);
+}
+
+void CountValues(const uint16_t* src, size_t count, uint32_t* bins) {
+    for (size_t i = 0; i < count; ++i) ++bins[src[i]];
+}
+
+void CountFloatBins(const float* src, size_t count, FloatBinRule rule, int32_t* bins) {
+#if VELTRANO_HAS_AVX2_PATHS
+    if (ActiveImpl() == Impl::Avx2) {
+        CountFloatBinsAvx2(src, count, rule, bins);
+        return;
+    }
+#endif
+    for (size_t i = 0; i < count; ++i) {
+        const int32_t b = FloatBin(src[i], rule);
+        if (b >= 0) ++bins[b];
+    }
+}
+
+namespace {
+
+inline uint8_t DefectMark(float v) {
+    if (std::fabs(v) < 1e-6f) return 0;
+    if (v > 255.0f) v = 255.0f;
+    if (v < 0.0f) v = 0.0f;
+    return v != v ? 0 : static_cast<uint8_t>(v);
+}
+
+#if VELTRANO_HAS_AVX2_PATHS
+VELTRANO_TARGET_AVX2 void GainFromMeanAvx2(const float* flat, float* gain, size_t count, double mean) {
+    const __m256d m = _mm256_set1_pd(mean);
+    const __m128 floor = _mm_set1_ps(0.001f);
+    size_t i = 0;
+    for (; i + 4 <= count; i += 4) {
+        const __m128 v = _mm_loadu_ps(flat + i);
+        const __m128 p = _mm_blendv_ps(v, floor, _mm_cmplt_ps(v, floor));
+        _mm_storeu_ps(gain + i, _mm256_cvtpd_ps(_mm256_div_pd(m, _mm256_cvtps_pd(p))));
+    }
+    for (; i < count; ++i) {
+        const float p = flat[i] < 0.001f ? 0.001f : flat[i];
+        gain[i] = static_cast<float>(mean / p);
+    }
+}
+
+// |v| < 1e-6 gives 0; otherwise max(v, 0) (NaN becomes 0 there), capped at 255, truncated.
+VELTRANO_TARGET_AVX2 size_t DefectMarksAvx2(const float* map, uint8_t* marks, size_t count) {
+    const __m256 absMask = _mm256_castsi256_ps(_mm256_set1_epi32(0x7fffffff));
+    const __m256 tiny = _mm256_set1_ps(1e-6f);
+    const __m256 top = _mm256_set1_ps(255.0f);
+    size_t defective = 0;
+    size_t i = 0;
+    for (; i + 8 <= count; i += 8) {
+        const __m256 v = _mm256_loadu_ps(map + i);
+        const __m256 zero = _mm256_cmp_ps(_mm256_and_ps(v, absMask), tiny, _CMP_LT_OQ);
+        const __m256 c = _mm256_andnot_ps(zero, _mm256_min_ps(_mm256_max_ps(v, _mm256_setzero_ps()), top));
+        const __m256i n = _mm256_cvttps_epi32(c);
+        const __m128i words = _mm_packus_epi32(_mm256_castsi256_si128(n), _mm256_extracti128_si256(n, 1));
+        const __m128i bytes = _mm_packus_epi16(words, words);
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(marks + i), bytes);
+        const int nonZero = ~_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, _mm_setzero_si128())) & 0xff;
+        defective += static_cast<size_t>(__builtin_popcount(static_cast<unsigned>(nonZero)));
+    }
+    for (; i < count; ++i) {
+        marks[i] = DefectMark(map[i]);
+        defective += marks[i] != 0;
+    }
+    return defective;
+}
+#endif
+
+}  // namespace
+
+void GainFromMean(const float* flat, float* gain, size_t count, double mean) {
+#if VELTRANO_HAS_AVX2_PATHS
+    if (ActiveImpl() == Impl::Avx2) {
+        GainFromMeanAvx2(flat, gain, count, mean);
+        return;
+    }
+#endif
+    for (size_t i = 0; i < count; ++i) {
+        const float p = flat[i] < 0.001f ? 0.001f : flat[i];
+        gain[i] = static_cast<float>(mean / p);
+    }
+}
+
+size_t DefectMarks(const float* map, uint8_t* marks, size_t count) {
+#if VELTRANO_HAS_AVX2_PATHS
+    if (ActiveImpl() == Impl::Avx2) return DefectMarksAvx2(map, marks, count);
+#endif
+    size_t defective = 0;
+    for (size_t i = 0; i < count; ++i) {
+        marks[i] = DefectMark(map[i]);
+        defective += marks[i] != 0;
+    }
+    return defective;
+}
+
+void MapThroughTable(const uint8_t* src, uint8_t* dst, size_t count, const uint8_t* table) {
+    for (size_t i = 0; i < count; ++i) dst[i] = table[src[i]];
+}
+
+void MapThroughTable(const uint16_t* src, uint16_t* dst, size_t count, const uint16_t* table, int first) {
+    for (size_t i = 0; i < count; ++i) dst[i] = table[src[i] - first];
+}
+
+void MapThroughTable(const int16_t* src, int16_t* dst, size_t count, const int16_t* table, int first) {
+    for (size_t i = 0; i < count; ++i) dst[i] = table[src[i] - first];
+}
+
+}  // namespace veltrano

@@ -1,0 +1,68 @@
+// A small synthetic sensor for the builder's tests: smooth shading and pixel-to-pixel gain, dark
+// offsets, noise that grows with the signal, and planted pixels that read what the test wants.
+// Exposures are deterministic for a given seed.
+#pragma once
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <functional>
+#include <random>
+#include <vector>
+
+namespace caltest {
+
+struct SyntheticSensor {
+    // What a planted pixel reads, from its gain, the dose, its dark offset and a unit normal draw.
+    using Reading = std::function<double(double gain, double dose, double dark, double unit)>;
+
+    int width, height, cut;
+    std::vector<float> gain, dark;
+    std::vector<Reading> planted;
+    std::mt19937 noise;
+
+    explicit SyntheticSensor(uint32_t seed = 1, int w = 120, int h = 90, int c = 12)
+        : width(w), height(h), cut(c), gain(size_t(w) * h), dark(gain.size()), planted(gain.size()), noise(seed) {
+        std::normal_distribution<double> unit(0.0, 1.0);
+        for (size_t i = 0; i < gain.size(); ++i) {
+            const double x = double(i % size_t(w)), y = double(i / size_t(w));
+            gain[i] = float((1.0 + 0.08 * std::sin(x / 23.0) * std::cos(y / 31.0)) * (1.0 + 0.03 * unit(noise)));
+            dark[i] = float(50.0 + 5.0 * unit(noise));
+        }
+    }
+
+    size_t index(int x, int y) const { return size_t(y) * width + x; }
+    bool isCut(int x, int y) const { return y + x <= cut || x - y >= width - cut; }
+    void plant(int x, int y, Reading reading) { planted[index(x, y)] = std::move(reading); }
+
+    // An ordinary pixel: gain x dose + dark offset, and noise of variance 2 x signal + 36.
+    static double Good(double g, double dose, double dark, double unit) {
+        return g * dose + dark + std::sqrt(2.0 * g * dose + 36.0) * unit;
+    }
+
+    std::vector<float> expose(double dose) {
+        std::vector<float> frame(gain.size(), 0.0f);
+        std::normal_distribution<double> unit(0.0, 1.0);
+        for (int y = 0; y < height; ++y) {
+            for (int x = 0; x < width; ++x) {
+                if (isCut(x, y)) continue;  // no pixel there
+                const size_t i = index(x, y);
+                const double v = (planted[i] ? planted[i] : Good)(gain[i], dose, dark[i], unit(noise));
+                frame[i] = float(std::round(std::clamp(v, 0.0, 65535.0)));
+            }
+        }
+        return frame;
+    }
+};
+
+inline SyntheticSensor::Reading Stuck(double value) {
+    return [value](double, double, double, double) { return value; };
+}
+// A good pixel with its gain scaled.
+inline SyntheticSensor::Reading Scaled(double factor) {
+    return [factor](double g, double dose, double dark, double unit) {
+        return SyntheticSensor::Good(factor * g, dose, dark, unit);
+    };
+}
+
+}  // namespace caltest
