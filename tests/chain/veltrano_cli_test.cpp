@@ -1,4 +1,5 @@
-// The command-line program end to end: a demo exposure, usage errors and the common bad inputs.
+// The command-line program end to end: a demo exposure and the common bad inputs (usage errors
+// are in veltrano_cli_options_test.cpp).
 #include "cli_support.h"
 
 #if !defined(_WIN32)
@@ -42,23 +43,6 @@ TEST_F(VeltranoCli, BadInputFailsWithOneLineAndLeavesTheOutputAlone) {
             << outcome.second;
         EXPECT_EQ(ReadAll(dir_ / "out.png"), "previous output") << c[0];
         EXPECT_FALSE(fs::exists(dir_ / "out.png.part")) << c[0];
-    }
-}
-
-TEST_F(VeltranoCli, UsageErrorsExitWithTwoAndHelpWithZero) {
-    const char* usage[] = {
-        "", "frobnicate", "info", "demo extra", "process --in a.png --out b.png",
-        "process --chain c --in a.png --out b.png --bogus",
-        "process --chain c --in a.raw --out b.png --width x --height 3 --type 3",
-        "acquire --workdir w --out o.png --trigger-mode 5", "calibrate --workdir w --frames 2"};
-    for (const char* args : usage) {
-        const auto outcome = Veltrano(args);
-        EXPECT_EQ(outcome.first, 2) << args;
-        EXPECT_NE(outcome.second.find("usage"), std::string::npos) << args << outcome.second;
-    }
-    for (const char* args : {"--help", "demo --help", "acquire --help", "process --help",
-                             "calibrate --help", "info -h"}) {
-        EXPECT_EQ(Veltrano(args).first, 0) << args;
     }
 }
 
