@@ -100,7 +100,8 @@ TEST_F(VeltranoCli, ValuesInRangeReachTheSubcommand) {
          "veltrano: c: cannot be opened\n"},
         {"calibrate --workdir missing --levels 1 --exposures 64 --yes --verbose",
          "veltrano: missing: is not a folder\n"},
-        {"calibrate --workdir missing --levels 4 --exposures 2", "veltrano: missing: is not a folder\n"},
+        {"calibrate --workdir missing --levels 4 --exposures 2",
+         "veltrano: missing: is not a folder\n"},
         {"info --workdir missing --verbose", "veltrano: missing: is not a folder\n"},
     };
     for (const auto& c : cases) {
@@ -120,9 +121,12 @@ TEST_F(VeltranoCli, HelpComesFromTheParser) {
         {"demo --help", "usage: veltrano demo [--out DIR] [--chain FILE]\n"},
         {"info -h", "usage: veltrano info --workdir DIR [--verbose]\n"},
         {"acquire --help",
-         "usage: veltrano acquire --workdir DIR [--delay MS] [--trigger-mode 6|7] [--threshold N]\n"},
-        {"process --help", "usage: veltrano process --chain FILE --in IMAGE --out IMAGE [--width W]"},
-        {"calibrate --help", "usage: veltrano calibrate --workdir DIR [--levels 1|4] [--exposures N]"},
+         "usage: veltrano acquire --workdir DIR [--delay MS] [--trigger-mode 6|7] "
+         "[--threshold N]\n"},
+        {"process --help",
+         "usage: veltrano process --chain FILE --in IMAGE --out IMAGE [--width W]"},
+        {"calibrate --help",
+         "usage: veltrano calibrate --workdir DIR [--levels 1|4] [--exposures N]"},
     };
     for (const auto& c : cases) {
         const Run run = VeltranoOutput(c[0]);
@@ -131,7 +135,8 @@ TEST_F(VeltranoCli, HelpComesFromTheParser) {
         EXPECT_EQ(run.out.compare(0, std::string(c[1]).size(), c[1]), 0) << c[0] << "\n" << run.out;
     }
     // The defaults shown are the ones the subcommands use.
-    EXPECT_NE(VeltranoOutput("calibrate --help").out.find("exposures per level, 2 to 64 (default 8)"),
+    EXPECT_NE(VeltranoOutput("calibrate --help")
+                  .out.find("exposures per level, 2 to 64 (default 8)"),
               std::string::npos);
     EXPECT_NE(VeltranoOutput("acquire --help").out.find("trigger threshold (default 100)"),
               std::string::npos);
@@ -208,7 +213,8 @@ TEST_F(VeltranoCli, DocumentationListsTheOptionsOfTheHelp) {
         for (const std::string& entry : SectionLines(help.out, "options:")) {
             if (entry == "-h,--help") continue;
             const size_t space = entry.find(' ');
-            shown[entry.substr(0, space)] = space == std::string::npos ? "" : entry.substr(space + 1);
+            shown[entry.substr(0, space)] =
+                space == std::string::npos ? "" : entry.substr(space + 1);
         }
         EXPECT_EQ(shown, documented.at(command)) << "veltrano " << command << " --help:\n"
                                                  << help.out;

@@ -168,32 +168,35 @@ struct Command {
     std::function<int()> run;
 };
 
+// The first line goes into the list of commands, the whole into "veltrano demo --help".
+const char kDemoHelp[] =
+    "acquire one exposure from the built-in virtual sensor and process it\n"
+    "\n"
+    "Sets up a virtual sensor of the largest size (2000: 1300 x 1800 pixels) in DIR/sensor,\n"
+    "writes its calibration, takes one exposure of the phantom scene, runs the chain and writes\n"
+    "  DIR/corrected.png  the corrected exposure (16-bit grayscale)\n"
+    "  DIR/processed.png  after the post-processing chain (16-bit grayscale)\n"
+    "  DIR/preview.png    both side by side, for viewing (8-bit)\n"
+    "The library's console lines go to DIR/veltrano.log.";
+
 CLI::App* DefineDemo(CLI::App& program, DemoOptions& o) {
-    CLI::App* demo = AddCommand(
-        program, "demo",
-        "acquire one exposure from the built-in virtual sensor and process it\n"
-        "\n"
-        "Sets up a virtual sensor of the largest size (2000: 1300 x 1800 pixels) in DIR/sensor,\n"
-        "writes its calibration, takes one exposure of the phantom scene, runs the chain and writes\n"
-        "  DIR/corrected.png  the corrected exposure (16-bit grayscale)\n"
-        "  DIR/processed.png  after the post-processing chain (16-bit grayscale)\n"
-        "  DIR/preview.png    both side by side, for viewing (8-bit)\n"
-        "The library's console lines go to DIR/veltrano.log.");
+    CLI::App* demo = AddCommand(program, "demo", kDemoHelp);
     AddPath(demo, "--out", o.outDir, "DIR", "output folder")->capture_default_str();
     AddPath(demo, "--chain", o.chain, "FILE",
             "chain file (default: chains/default.chain shipped with the program)");
     return demo;
 }
 
+const char kAcquireHelp[] =
+    "take one exposure from the driver library the Veltrano library finds\n"
+    "\n"
+    "Takes one exposure from the driver library that the Veltrano library loads (FpdSys), with\n"
+    "the calibration below DIR/Correct/Default, and writes the corrected image (processed by\n"
+    "the chain when one is given). FILE ending in .png gets a 16-bit grayscale PNG; any other\n"
+    "name a raw file of 32-bit floats (element code 8, no header). Ctrl-C stops the wait.";
+
 CLI::App* DefineAcquire(CLI::App& program, AcquireOptions& o) {
-    CLI::App* acquire = AddCommand(
-        program, "acquire",
-        "take one exposure from the driver library the Veltrano library finds\n"
-        "\n"
-        "Takes one exposure from the driver library that the Veltrano library loads (FpdSys), with\n"
-        "the calibration below DIR/Correct/Default, and writes the corrected image (processed by\n"
-        "the chain when one is given). FILE ending in .png gets a 16-bit grayscale PNG; any other\n"
-        "name a raw file of 32-bit floats (element code 8, no header). Ctrl-C stops the wait.");
+    CLI::App* acquire = AddCommand(program, "acquire", kAcquireHelp);
     AddPath(acquire, "--workdir", o.workDir, "DIR", kWorkDirHelp)->required();
     AddNumber(acquire, "--delay", o.exposure.delayMs, "MS", "delay time", 0, 600000);
     AddChoice(acquire, "--trigger-mode", o.exposure.triggerMode, {"6", "7"}, "trigger mode");
@@ -204,16 +207,17 @@ CLI::App* DefineAcquire(CLI::App& program, AcquireOptions& o) {
     return acquire;
 }
 
+const char kProcessHelp[] =
+    "run a post-processing chain on a 16-bit PNG or a raw image file\n"
+    "\n"
+    "Runs a post-processing chain on a 16-bit grayscale PNG, or on a headerless raw file when\n"
+    "its layout is given. Raw element codes: 0 int8, 1 uint8, 2 int16, 3 uint16, 4 int32,\n"
+    "5 uint32, 6 int64, 7 uint64, 8 float32, 9 float64 (little-endian); values are clamped to\n"
+    "0..65535 and rounded. An output ending in .png gets a 16-bit PNG, any other a raw file of\n"
+    "32-bit floats (element code 8). A failed run leaves an existing output file untouched.";
+
 CLI::App* DefineProcess(CLI::App& program, ProcessOptions& o) {
-    CLI::App* process = AddCommand(
-        program, "process",
-        "run a post-processing chain on a 16-bit PNG or a raw image file\n"
-        "\n"
-        "Runs a post-processing chain on a 16-bit grayscale PNG, or on a headerless raw file when\n"
-        "its layout is given. Raw element codes: 0 int8, 1 uint8, 2 int16, 3 uint16, 4 int32,\n"
-        "5 uint32, 6 int64, 7 uint64, 8 float32, 9 float64 (little-endian); values are clamped to\n"
-        "0..65535 and rounded. An output ending in .png gets a 16-bit PNG, any other a raw file of\n"
-        "32-bit floats (element code 8). A failed run leaves an existing output file untouched.");
+    CLI::App* process = AddCommand(program, "process", kProcessHelp);
     AddPath(process, "--chain", o.chain, "FILE", "post-processing chain")->required();
     AddPath(process, "--in", o.in, "IMAGE", "input image: a 16-bit PNG, or raw with the layout")
         ->required();
@@ -247,25 +251,26 @@ CLI::App* DefineProcess(CLI::App& program, ProcessOptions& o) {
     return process;
 }
 
+const char kCalibrateHelp[] =
+    "make the sensor's gain and defect files from its own flat exposures\n"
+    "\n"
+    "Calibrates the sensor of the work folder DIR through the driver library that the Veltrano\n"
+    "library loads: flat exposures (nothing in the beam) at one dose or at four rising doses,\n"
+    "N of each (default 4 levels of 8), then one check exposure. Each exposure must be a usable\n"
+    "flat (not saturated, not too dark, uniform, at the dose of the one before) or the run stops.\n"
+    "Only a run that succeeds replaces the gain and defect files below DIR/Correct/Default; the\n"
+    "previous ones are kept beside them with \".previous\" appended. A real sensor asks the\n"
+    "operator to set the source before each level and press Enter (--yes: go on at once); the\n"
+    "virtual sensor sets its own dose. Ctrl-C stops the run and changes nothing. Prints the\n"
+    "defects found by kind and the flat field's variation before and after correction, and\n"
+    "writes DIR/calibration-report.png (check exposure raw and corrected, and the defect map).\n"
+    "\n"
+    "With --virtual, the virtual sensor writes its own calibration files instead (one gain\n"
+    "frame, or four with --frames 4); DIR is created if needed and the size comes from\n"
+    "DIR/VirtualSensor.ini. It takes only --workdir and --frames.";
+
 CLI::App* DefineCalibrate(CLI::App& program, CalibrateOptions& o) {
-    CLI::App* calibrate = AddCommand(
-        program, "calibrate",
-        "make the sensor's gain and defect files from its own flat exposures\n"
-        "\n"
-        "Calibrates the sensor of the work folder DIR through the driver library that the Veltrano\n"
-        "library loads: flat exposures (nothing in the beam) at one dose or at four rising doses,\n"
-        "N of each (default 4 levels of 8), then one check exposure. Each exposure must be a usable\n"
-        "flat (not saturated, not too dark, uniform, at the dose of the one before) or the run stops.\n"
-        "Only a run that succeeds replaces the gain and defect files below DIR/Correct/Default; the\n"
-        "previous ones are kept beside them with \".previous\" appended. A real sensor asks the\n"
-        "operator to set the source before each level and press Enter (--yes: go on at once); the\n"
-        "virtual sensor sets its own dose. Ctrl-C stops the run and changes nothing. Prints the\n"
-        "defects found by kind and the flat field's variation before and after correction, and\n"
-        "writes DIR/calibration-report.png (check exposure raw and corrected, and the defect map).\n"
-        "\n"
-        "With --virtual, the virtual sensor writes its own calibration files instead (one gain\n"
-        "frame, or four with --frames 4); DIR is created if needed and the size comes from\n"
-        "DIR/VirtualSensor.ini. It takes only --workdir and --frames.");
+    CLI::App* calibrate = AddCommand(program, "calibrate", kCalibrateHelp);
     AddPath(calibrate, "--workdir", o.workDir, "DIR", kWorkDirHelp)->required();
     CLI::Option* levels = AddChoice(calibrate, "--levels", o.levels, {"1", "4"},
                                     "doses to calibrate at");
@@ -284,12 +289,13 @@ CLI::App* DefineCalibrate(CLI::App& program, CalibrateOptions& o) {
     return calibrate;
 }
 
+const char kInfoHelp[] =
+    "show the state, serial number, USB information and size of the sensor\n"
+    "\n"
+    "Opens the sensor and shows its online state, serial number, USB information and size.";
+
 CLI::App* DefineInfo(CLI::App& program, InfoOptions& o) {
-    CLI::App* info = AddCommand(
-        program, "info",
-        "show the state, serial number, USB information and size of the sensor\n"
-        "\n"
-        "Opens the sensor and shows its online state, serial number, USB information and size.");
+    CLI::App* info = AddCommand(program, "info", kInfoHelp);
     AddPath(info, "--workdir", o.workDir, "DIR", kWorkDirHelp)->required();
     AddSwitch(info, "--verbose", o.verbose, kVerboseHelp);
     return info;

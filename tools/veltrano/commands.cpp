@@ -59,7 +59,8 @@ int RunProcess(const ProcessOptions& options) {
         return Fail(out, kNoPngSupport);
     }
     Image16 image;
-    const bool read = options.raw ? ReadRawImage(in, options.layout, image, error) : ReadPngImage(in, image, error);
+    const bool read = options.raw ? ReadRawImage(in, options.layout, image, error)
+                                  : ReadPngImage(in, image, error);
     if (!read) {
         return Fail(in, error);
     }
