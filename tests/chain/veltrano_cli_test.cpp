@@ -65,5 +65,16 @@ TEST_F(VeltranoCli, DemoTakesAnExposureAndWritesThreeImages) {
     EXPECT_NE(ReadAll(dir_ / "out/corrected.png"), ReadAll(dir_ / "out/processed.png"));
 }
 
+// The virtual sensor's own calibration goes through the driver library that the program loads
+// itself. Started by name from the PATH, the program is still found beside it, also where the
+// run path is not searched (under AddressSanitizer).
+TEST_F(VeltranoCli, LoadsTheDriverWhenStartedFromThePath) {
+    const auto outcome = Shell("PATH='" + program_.parent_path().string() +
+                               "':\"$PATH\" veltrano calibrate --workdir w --virtual --frames 4");
+    ASSERT_EQ(outcome.first, 0) << outcome.second;
+    EXPECT_TRUE(fs::is_regular_file(dir_ / "w/Correct/Default/VirtualSensor.gn"));
+    EXPECT_TRUE(fs::is_regular_file(dir_ / "w/Correct/Default/VirtualSensor.dft"));
+}
+
 }  // namespace
 #endif
