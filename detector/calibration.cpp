@@ -13,6 +13,7 @@
 #include "veltrano/defect_repair.h"
 #include "veltrano/detector.h"
 #include "veltrano/geometry.h"
+#include "veltrano/pixel_type.h"
 #include "veltrano/point_ops.h"
 
 using veltrano::detail::LogLine;
@@ -23,8 +24,10 @@ constexpr unsigned long long kHeaderBytes = 1040;
 constexpr int kHistogramBins = 65536;
 constexpr int kRawUnsigned8 = 1;
 constexpr int kRawUnsigned16 = 3;
-constexpr int kFloatPixels = 6;
-constexpr int kFourBytePixels = 8;
+constexpr int kFloatPixels = veltrano::kPix32F;
+// The corner fill moves the float frame's elements as the 32-bit integer code: the diagonal
+// copies only move bytes, and both codes are 4 bytes wide.
+constexpr int kFourBytePixels = veltrano::kPix32S;
 
 // The first file below workDir/Correct/Default whose extension (the text after the last dot of
 // its name) is ext, in the order the folder listing returns them; empty when there is none.
