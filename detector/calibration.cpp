@@ -15,6 +15,7 @@
 #include "veltrano/defect_repair.h"
 #include "veltrano/detector.h"
 #include "veltrano/geometry.h"
+#include "veltrano/pixel_type.h"
 #include "veltrano/point_ops.h"
 
 using veltrano::detail::LogLine;
@@ -26,8 +27,10 @@ constexpr unsigned long long kHeaderBytes = fpdsys::kCalibrationHeaderBytes;
 constexpr uint32_t kBrightPixels = 5000;
 constexpr int kRawUnsigned8 = 1;
 constexpr int kRawUnsigned16 = 3;
-constexpr int kFloatPixels = 6;
-constexpr int kFourBytePixels = 8;
+constexpr int kFloatPixels = veltrano::kPix32F;
+// The corner fill moves the float frame's elements as the 32-bit integer code: the diagonal
+// copies only move bytes, and both codes are 4 bytes wide.
+constexpr int kFourBytePixels = veltrano::kPix32S;
 
 // The calibration image dimensions for a sensor size code: its row's, or 1300 x 1800 when the
 // code is not in the table.

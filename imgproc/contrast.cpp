@@ -14,6 +14,7 @@
 
 #include "imgproc/dispatch.h"
 #include "imgproc/frame_passes.h"
+#include "imgproc/pixel_dispatch.h"
 #include "imgproc/pixel_helpers.h"
 #include "imgproc/scratch_buffers.h"
 #include "imgproc/window_helpers.h"
@@ -376,24 +377,6 @@ void EnhanceQuick(const T* src, T* dst, int w, int h, int radius, float alpha, f
     }
 }
 
-// Runs Worker<T> for the element type of a pixel-type code; false for a code not in the list.
-template <template <class> class Worker, class... Args>
-bool DispatchInteger(int32_t code, void* src, void* dst, Args... args) {
-    switch (code) {
-    case kPix16U:
-        Worker<uint16_t>::Run(static_cast<uint16_t*>(src), static_cast<uint16_t*>(dst), args...);
-        return true;
-    case kPix8U:
-        Worker<uint8_t>::Run(static_cast<uint8_t*>(src), static_cast<uint8_t*>(dst), args...);
-        return true;
-    case kPix16S:
-        Worker<int16_t>::Run(static_cast<int16_t*>(src), static_cast<int16_t*>(dst), args...);
-        return true;
-    default:
-        return false;
-    }
-}
-
 template <class T>
 struct ExactWorker {
     static void Run(const T* s, T* d, int w, int h, int r, float a, float g) {
@@ -423,24 +406,17 @@ int Enhance(uint16_t* src, uint16_t* dst, uint32_t width, uint32_t height, int32
     if (!ImageSize(width, height, w, h)) return 1;
     // Refused before anything is allocated: the working buffers are several frames of doubles.
     if (static_cast<uint64_t>(width) * height > kMaxElements) return -4;
+    // A code that is not served writes nothing and still returns 1.
+    const auto run = [&](auto tag) {
+        using T = typename decltype(tag)::type;
+        Worker<T>::Run(reinterpret_cast<T*>(src), reinterpret_cast<T*>(dst), w, h, static_cast<int>(radius),
+                       alpha, maxGain);
+        return 1;
+    };
     if constexpr (kServesFloat) {
-        if (code == kPix32F) {
-            Worker<float>::Run(reinterpret_cast<float*>(src), reinterpret_cast<float*>(dst), w, h,
-                               radius, alpha, maxGain);
-            return 1;
-        }
-    }
-    DispatchInteger<Worker>(code, src, dst, w, h, static_cast<int>(radius), alpha, maxGain);
-    return 1;
-}
-
-size_t ElementBytes(int32_t code) {
-    switch (code) {
-    case kPix16U:
-    case kPix16S: return 2;
-    case kPix8U: return 1;
-    case kPix32F: return 4;
-    default: return 8;
+        return DispatchPixelType<Pix16U, Pix8U, Pix16S, Pix32F>(code, 1, run);
+    } else {
+        return DispatchPixelType<Pix16U, Pix8U, Pix16S>(code, 1, run);
     }
 }
 
@@ -475,11 +451,10 @@ int Ace_Gamma(uint16_t* src, void* dst, int32_t width, uint32_t height, int32_t 
     // such a call changes nothing. (Taken literally, an in-place call would copy a work buffer of
     // width * height * 8 bytes back over the caller's image, far past a buffer sized for the
     // code; it returns 1 and leaves the image as it was instead.)
-    if (pixelType != veltrano::kPix8U && pixelType != veltrano::kPix16U && pixelType != veltrano::kPix16S &&
-        pixelType != veltrano::kPix32F)
-        return 1;
+    using namespace veltrano;
+    if (!ServesPixelType<Pix8U, Pix16U, Pix16S, Pix32F>(pixelType)) return 1;
 
-    const size_t bytes = static_cast<size_t>(count) * veltrano::ElementBytes(pixelType);
+    const size_t bytes = static_cast<size_t>(count) * static_cast<size_t>(PixelTypeSize(pixelType));
     // In place the work buffer starts as a copy of the image, so that the steps see what an
     // out-of-place call sees in its destination.
     std::vector<unsigned char> scratch;
@@ -504,7 +479,7 @@ int Ace_Gamma(uint16_t* src, void* dst, int32_t width, uint32_t height, int32_t 
                                          param->param2, param->param3);
     }
     if (param->param4 != 1.0f) GammaCorrect(work, work, w, height, param->param4, pixelType);
-    if (param->param6 == 1 && (pixelType == veltrano::kPix16U || pixelType == veltrano::kPix8U))
+    if (param->param6 == 1 && ServesPixelType<Pix16U, Pix8U>(pixelType))
         EquHist(src, work16, static_cast<int32_t>(count), pixelType);
 
     if (dst == src) std::memcpy(src, scratch.data(), bytes);

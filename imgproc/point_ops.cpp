@@ -13,6 +13,7 @@
 
 #include "imgproc/dispatch.h"
 #include "imgproc/frame_passes.h"
+#include "imgproc/pixel_dispatch.h"
 #include "imgproc/pixel_helpers.h"
 #include "imgproc/scratch_buffers.h"
 #include "imgproc/vector_math.h"
@@ -537,18 +538,14 @@ int GammaCorrect(void* src, void* dst, uint32_t width, uint32_t height, float ga
     if (src == nullptr) return -1;
     if (dst == nullptr) return -2;
     const uint64_t count = PixelCount(width, height);
-    switch (pixelType) {
-    case kPix8U:
-        return GammaInteger(static_cast<const uint8_t*>(src), static_cast<uint8_t*>(dst), count, gamma);
-    case kPix16U:
-        return GammaInteger(static_cast<const uint16_t*>(src), static_cast<uint16_t*>(dst), count, gamma);
-    case kPix16S:
-        return GammaInteger(static_cast<const int16_t*>(src), static_cast<int16_t*>(dst), count, gamma);
-    case kPix32F:
-        return GammaFloat(static_cast<const float*>(src), static_cast<float*>(dst), count, gamma);
-    default:
-        return -3;
-    }
+    return DispatchPixelType<Pix8U, Pix16U, Pix16S, Pix32F>(pixelType, -3, [&](auto tag) {
+        using T = typename decltype(tag)::type;
+        if constexpr (std::is_floating_point_v<T>) {
+            return GammaFloat(static_cast<const T*>(src), static_cast<T*>(dst), count, gamma);
+        } else {
+            return GammaInteger(static_cast<const T*>(src), static_cast<T*>(dst), count, gamma);
+        }
+    });
 }
 
 int Image_Log(float* src, float* dst, uint32_t width, uint32_t height, int32_t negate) {
@@ -578,14 +575,10 @@ int Image_Square_NoTrunc(void* src, double* dst, int32_t width, int32_t height,
     if (src == nullptr) return -1;
     if (dst == nullptr) return -2;
     const uint64_t count = PixelCount(width, height);
-    switch (pixelType) {
-    case kPix8U: SquareWorker(static_cast<const uint8_t*>(src), dst, count); return 1;
-    case kPix16U: SquareWorker(static_cast<const uint16_t*>(src), dst, count); return 1;
-    case kPix16S: SquareWorker(static_cast<const int16_t*>(src), dst, count); return 1;
-    case kPix32F: SquareWorker(static_cast<const float*>(src), dst, count); return 1;
-    case kPix32S: SquareWorker(static_cast<const int32_t*>(src), dst, count); return 1;
-    default: return -3;
-    }
+    return DispatchPixelType<Pix8U, Pix16U, Pix16S, Pix32F, Pix32S>(pixelType, -3, [&](auto tag) {
+        SquareWorker(static_cast<const typename decltype(tag)::type*>(src), dst, count);
+        return 1;
+    });
 }
 
 int ThresholdBinary(uint16_t* src, uint16_t* dst, int32_t pixelType, uint32_t width,
@@ -594,13 +587,12 @@ int ThresholdBinary(uint16_t* src, uint16_t* dst, int32_t pixelType, uint32_t wi
     if (dst == nullptr) return -2;
     if (mode > 3) return 1;
     const uint64_t count = PixelCount(width, height);
-    if (pixelType == kPix16U) {
-        ThresholdWorker(src, dst, count, threshold, mode);
-    } else if (pixelType == kPix8U) {
-        ThresholdWorker(reinterpret_cast<const uint8_t*>(src), reinterpret_cast<uint8_t*>(dst), count,
-                        threshold, mode);
-    }
-    return 1;
+    // Other codes write nothing and return 1, as other modes do.
+    return DispatchPixelType<Pix16U, Pix8U>(pixelType, 1, [&](auto tag) {
+        using T = typename decltype(tag)::type;
+        ThresholdWorker(reinterpret_cast<const T*>(src), reinterpret_cast<T*>(dst), count, threshold, mode);
+        return 1;
+    });
 }
 
 // The floor of 0.001 keeps a dead pixel from dividing by zero.
@@ -631,8 +623,8 @@ int EquHist(uint16_t* src, uint16_t* dst, int32_t pixelCount, int32_t pixelType)
     if (src == nullptr) return -1;
     if (dst == nullptr) return -2;
     const uint64_t count = pixelCount > 0 ? static_cast<uint64_t>(pixelCount) : 0;
-    if (pixelType == kPix16U) return EquHistWorker(src, dst, count);
-    if (pixelType == kPix8U)
-        return EquHistWorker(reinterpret_cast<const uint8_t*>(src), reinterpret_cast<uint8_t*>(dst), count);
-    return -3;
+    return DispatchPixelType<Pix16U, Pix8U>(pixelType, -3, [&](auto tag) {
+        using T = typename decltype(tag)::type;
+        return EquHistWorker(reinterpret_cast<const T*>(src), reinterpret_cast<T*>(dst), count);
+    });
 }
