@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstdint>
 #include <limits>
+#include <type_traits>
 #include <vector>
 
 #include "imgproc/dispatch.h"
@@ -159,30 +160,56 @@ int GammaInteger(const T* src, T* dst, uint64_t count, float gamma) {
         return 1;
     }
     if (count == 0) return 1;
-    T mn = src[0];
-    T mx = src[0];
-    FrameMinMax(src, static_cast<size_t>(count), mn, mx);
-    const size_t n = static_cast<size_t>(static_cast<int>(mx) - static_cast<int>(mn)) + 1;
     bool vectorTable = false;
 #if VELTRANO_HAS_AVX2_PATHS
     // The vector power serves finite, non-zero exponents; the C library keeps the rest.
     vectorTable = impl == Impl::Avx2 && std::isfinite(gamma) && gamma != 0.0f;
 #endif
-    if (!vectorTable && n > count) {
-        for (uint64_t i = 0; i < count; ++i) dst[i] = curve(src[i]);
-        return 1;
-    }
-    // Only the entries of mn .. mx are filled; no other value occurs.
+    // The frame goes in chunks that stay in the cache: the values of a chunk are found first and
+    // the table grows (in blocks of 64 entries) to cover them, then the chunk is mapped. So the
+    // table holds only the values that occur, without a pass over the whole frame to find them.
+    // Entry e of the table is the value low + e.
+    constexpr size_t kChunk = 16384;
+    constexpr size_t kBlock = 64;
+    const int low = static_cast<int>(curve.low);
     std::vector<T> table(values);
-    T* entries = table.data() + (static_cast<int>(mn) - static_cast<int>(curve.low));
-    if (vectorTable) {
+    size_t filledFrom = values;
+    size_t filledTo = values;
+    auto fill = [&](size_t from, size_t to) {
+        T* entries = table.data() + from;
+        const int first = low + static_cast<int>(from);
+        if (vectorTable) {
 #if VELTRANO_HAS_AVX2_PATHS
-        GammaTableAvx2(curve, mn, n, entries);
+            GammaTableAvx2(curve, first, to - from, entries);
 #endif
-    } else {
-        for (size_t k = 0; k < n; ++k) entries[k] = curve(static_cast<T>(mn + static_cast<int>(k)));
+        } else {
+            for (size_t k = 0; k < to - from; ++k) entries[k] = curve(static_cast<T>(first + static_cast<int>(k)));
+        }
+    };
+    for (size_t start = 0; start < count; start += kChunk) {
+        const size_t n = std::min<size_t>(kChunk, static_cast<size_t>(count) - start);
+        T mn = src[start];
+        T mx = src[start];
+        FrameMinMax(src + start, n, mn, mx);
+        const size_t from = static_cast<size_t>(static_cast<int>(mn) - low) / kBlock * kBlock;
+        const size_t to = std::min(values, (static_cast<size_t>(static_cast<int>(mx) - low) / kBlock + 1) * kBlock);
+        if (filledFrom == filledTo) {
+            // Without the vector power a small image is cheaper pixel by pixel than its table.
+            if (!vectorTable && to - from > static_cast<size_t>(count)) {
+                for (uint64_t i = 0; i < count; ++i) dst[i] = curve(src[i]);
+                return 1;
+            }
+            fill(from, to);
+            filledFrom = from;
+            filledTo = to;
+        } else {
+            if (from < filledFrom) fill(from, filledFrom);
+            if (to > filledTo) fill(filledTo, to);
+            filledFrom = std::min(filledFrom, from);
+            filledTo = std::max(filledTo, to);
+        }
+        MapThroughTable(src + start, dst + start, n, table.data());
     }
-    MapThroughTable(src, dst, static_cast<size_t>(count), table.data());
     return 1;
 }
 
