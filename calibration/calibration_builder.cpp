@@ -11,6 +11,7 @@
 #include "calibration/calibration_internal.h"
 #include "veltrano/filters.h"
 #include "veltrano/geometry.h"
+#include "veltrano/pixel_type.h"
 
 namespace veltrano {
 
@@ -18,7 +19,6 @@ using calibration::InCutCorner;
 
 namespace {
 
-constexpr int kFloatPixels = 6;
 // Below this many degrees of freedom, levels x (exposures - 1), a good pixel's temporal spread
 // scatters too widely to tell a noisy or a stuck pixel from it.
 constexpr int kMinSpreadDegrees = 6;
@@ -122,8 +122,8 @@ struct CalibrationBuilder::State {
         uint8_t* bytes = reinterpret_cast<uint8_t*>(filled.data());
         // Mirror the active pixels across the corners' edges, so that a neighbourhood reaching
         // into a corner does not read the zeros of pixels that do not exist.
-        if (Copy_RightDown_To_LeftUp(bytes, bytes, width, height, kFloatPixels, 0, 0, cut + 2) != 1 ||
-            Copy_LeftDown_To_RightUp(bytes, bytes, width, height, kFloatPixels, width - cut - 1, 0,
+        if (Copy_RightDown_To_LeftUp(bytes, bytes, width, height, kPix32F, 0, 0, cut + 2) != 1 ||
+            Copy_LeftDown_To_RightUp(bytes, bytes, width, height, kPix32F, width - cut - 1, 0,
                                      cut + 1) != 1) {
             return false;
         }
@@ -143,7 +143,7 @@ struct CalibrationBuilder::State {
             means[b] = static_cast<float>(blockSum[b] / blockCount[b]);
         }
         std::vector<float> medians(means.size());
-        if (Median_Blur(means.data(), medians.data(), bw, bh, radius, kFloatPixels) != 1) {
+        if (Median_Blur(means.data(), medians.data(), bw, bh, radius, kPix32F) != 1) {
             return false;
         }
         out.resize(pixels);

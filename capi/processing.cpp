@@ -7,6 +7,12 @@
 
 using namespace veltrano::capi;
 
+// A C host cannot include the C++ header, so the C header repeats the codes; they must agree.
+static_assert(VT_PIX_8U == veltrano::kPix8U && VT_PIX_16U == veltrano::kPix16U &&
+                  VT_PIX_16S == veltrano::kPix16S && VT_PIX_32F == veltrano::kPix32F &&
+                  VT_PIX_32S == veltrano::kPix32S && VT_PIX_64F == veltrano::kPix64F,
+              "the C interface's pixel-type codes differ from the library's");
+
 extern "C" {
 
 // Normalisation and point operations.

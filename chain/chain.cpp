@@ -14,13 +14,13 @@
 #include "veltrano/fastnlm.h"
 #include "veltrano/filters.h"
 #include "veltrano/params.h"
+#include "veltrano/pixel_type.h"
 #include "veltrano/point_ops.h"
 #include "veltrano/usm.h"
 
 namespace veltrano::chain {
 namespace {
 
-constexpr int kPixelType16U = 4;
 constexpr int kWrongBlockSize = -11;
 
 // The image every step works on, in place: the chain's destination buffer.
@@ -47,7 +47,7 @@ int RunAce(const Block& b, const Image& im) {
     param.param5 = IntParam(b, 5);
     param.param6 = IntParam(b, 6);
     return Ace_Gamma(im.pixels, im.pixels, im.width, static_cast<uint32_t>(im.height),
-                     kPixelType16U, &param, "");
+                     kPix16U, &param, "");
 }
 
 int RunClahe(const Block& b, const Image& im) {
@@ -76,22 +76,22 @@ int RunUsm(const Block& b, const Image& im) {
     param.lam = FloatParam(b, 2);
     param.isNeedNorm = IntParam(b, 3);
     return USM_EX(im.pixels, im.pixels, static_cast<uint32_t>(im.width),
-                  static_cast<uint32_t>(im.height), kPixelType16U, &param, "");
+                  static_cast<uint32_t>(im.height), kPix16U, &param, "");
 }
 
 int RunBrightnessContrast(const Block& b, const Image& im) {
     const float brightness = static_cast<float>(IntParam(b, 1));
     const float contrast = FloatParam(b, 2);
-    return BrigntAndContrast(im.pixels, im.pixels, im.width, im.height, kPixelType16U, brightness,
+    return BrigntAndContrast(im.pixels, im.pixels, im.width, im.height, kPix16U, brightness,
                              contrast);
 }
 
 int RunMedian(const Block& b, const Image& im) {
-    return Median_Blur(im.pixels, im.pixels, im.width, im.height, IntParam(b, 1), kPixelType16U);
+    return Median_Blur(im.pixels, im.pixels, im.width, im.height, IntParam(b, 1), kPix16U);
 }
 
 int RunBox(const Block& b, const Image& im) {
-    return Box_Filter(im.pixels, im.pixels, im.width, im.height, kPixelType16U, IntParam(b, 1));
+    return Box_Filter(im.pixels, im.pixels, im.width, im.height, kPix16U, IntParam(b, 1));
 }
 
 // The denoiser serves 8-bit images only, so the step renders the frame to 8 bits, denoises that
@@ -129,7 +129,7 @@ int RunFastNlm(const Block& b, const Image& im) {
 // Inverse refuses the 16-bit code it is given here, so this step leaves the image as it is.
 // Chain files rely on that: the block is accepted and the chain goes on.
 int RunInverse(const Block&, const Image& im) {
-    return Inverse(im.pixels, im.pixels, im.width, im.height, kPixelType16U);
+    return Inverse(im.pixels, im.pixels, im.width, im.height, kPix16U);
 }
 
 // In the order in which a block's name is tested.

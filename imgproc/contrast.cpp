@@ -14,6 +14,7 @@
 
 #include "imgproc/dispatch.h"
 #include "imgproc/frame_passes.h"
+#include "imgproc/pixel_dispatch.h"
 #include "imgproc/pixel_helpers.h"
 #include "imgproc/scratch_buffers.h"
 #include "imgproc/window_helpers.h"
@@ -105,8 +106,7 @@ void EnhanceExact(const T* src, T* dst, int w, int h, int radius, float alpha, f
 // double precision. While every partial sum stays below 2^53 each addition is exact, so 64-bit
 // integer running sums give the very same numbers in any order and for any radius; the local
 // mean and mean square are then the same two divisions as in the plain code. The integer sums
-// are kept one row at a time: the horizontal sums of every row, then one running column sum
-// per column that moves down the image.
+// are kept one row at a time (see EnhanceExactIntegerSums).
 
 struct ExactConstants {
     double area;     // (2r + 1)^2
@@ -215,8 +215,60 @@ VELTRANO_TARGET_AVX2 void ExactRowAvx2(const T* x, const int64_t* s, const int64
 }
 #endif
 
+#if VELTRANO_HAS_AVX2_PATHS
+// Four elements of a row widened to 64-bit lanes.
+template <class T>
+VELTRANO_TARGET_AVX2 inline __m256i WidenFour(const T* p) {
+    if constexpr (std::is_same_v<T, uint16_t>) {
+        return _mm256_cvtepu16_epi64(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)));
+    } else if constexpr (std::is_same_v<T, int16_t>) {
+        return _mm256_cvtepi16_epi64(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)));
+    } else {
+        int32_t word;
+        std::memcpy(&word, p, 4);
+        return _mm256_cvtepu8_epi64(_mm_cvtsi32_si128(word));
+    }
+}
+
+// The column sums move down one row: the entering row added, the leaving one taken away. The
+// values fit in 32 bits, so their squares are products of the low halves of the 64-bit lanes.
+template <class T>
+VELTRANO_TARGET_AVX2 void MoveColumnsAvx2(const T* enter, const T* leave, int64_t* sums, int64_t* squares, size_t w) {
+    size_t x = 0;
+    for (; x + 4 <= w; x += 4) {
+        const __m256i a = WidenFour(enter + x);
+        const __m256i b = WidenFour(leave + x);
+        __m256i* s = reinterpret_cast<__m256i*>(sums + x);
+        __m256i* q = reinterpret_cast<__m256i*>(squares + x);
+        _mm256_storeu_si256(s, _mm256_add_epi64(_mm256_loadu_si256(s), _mm256_sub_epi64(a, b)));
+        _mm256_storeu_si256(q, _mm256_add_epi64(_mm256_loadu_si256(q),
+                                                _mm256_sub_epi64(_mm256_mul_epi32(a, a), _mm256_mul_epi32(b, b))));
+    }
+    for (; x < w; ++x) {
+        const int64_t a = enter[x];
+        const int64_t b = leave[x];
+        sums[x] += a - b;
+        squares[x] += a * a - b * b;
+    }
+}
+#endif
+
+template <class T>
+void MoveColumns(const T* enter, const T* leave, int64_t* sums, int64_t* squares, size_t w) {
+    for (size_t x = 0; x < w; ++x) {
+        const int64_t a = enter[x];
+        const int64_t b = leave[x];
+        sums[x] += a - b;
+        squares[x] += a * a - b * b;
+    }
+}
+
 // Returns false, having written nothing, when the sums could leave the exact range of a double
 // or the scratch cannot be allocated; the caller then runs the plain form.
+//
+// The window sums are integers, so they may be formed in any order: first down the columns (one
+// running sum per column, moved a row at a time, vector-wide), then along the row through prefix
+// sums of the mirrored column sums (a window is the difference of two prefixes).
 template <class T>
 bool EnhanceExactIntegerSums(const T* src, T* dst, int w, int h, int radius, float alpha, float maxGain) {
     const int r = radius < 1 ? 1 : radius;
@@ -228,60 +280,43 @@ bool EnhanceExactIntegerSums(const T* src, T* dst, int w, int h, int radius, flo
     T mx = src[0];
     FrameMinMax(src, count, mn, mx);
     const int64_t maxAbs = std::max<int64_t>(mx, -static_cast<int64_t>(mn));
-    // The largest partial sum of squares: a window of (2r + 1)^2 squares plus one entering row
-    // or element; below 2^52 it is exact in a double and converts exactly.
+    // The largest partial sum of squares of the plain form: a window of (2r + 1)^2 squares plus
+    // one entering row or element. Below 2^51 it is exact in a double, and a window sum converts
+    // exactly through Int64ToDouble (which needs less than 2^51).
     const double side = 2.0 * r + 2.0;
-    if (side * side * static_cast<double>(maxAbs) * static_cast<double>(maxAbs) >= 4503599627370496.0) return false;
+    if (side * side * static_cast<double>(maxAbs) * static_cast<double>(maxAbs) >= 2251799813685248.0) return false;
 
-    // The horizontal sums of a row are kept in a ring of 2r + 2 rows (or all rows of a shorter
-    // image): the rows a window needs, mirrored or not, always lie in the band y - r - 1 .. y + r,
-    // whose rows fall in distinct slots. No frame-sized scratch is needed.
+    // The source rows of the window are kept in a ring of 2r + 2 rows (or all rows of a shorter
+    // image), copied as they enter: the rows a window needs, mirrored or not, always lie in the
+    // band y - r - 1 .. y + r, whose rows fall in distinct slots. So a leaving row is still at
+    // hand when the output has overwritten it (in place), and no frame-sized scratch is needed.
     const size_t k = 2 * static_cast<size_t>(r) + 1;
     const size_t slots = std::min(static_cast<size_t>(h), k + 1);
-    std::vector<int64_t> ringSums;
-    std::vector<int64_t> ringSquares;
+    std::vector<T> ring;
     std::vector<int> slotRow(slots, -1);
     std::vector<int64_t> colSums;
     std::vector<int64_t> colSquares;
+    std::vector<int64_t> prefixSums;
+    std::vector<int64_t> prefixSquares;
+    std::vector<int64_t> sums;
+    std::vector<int64_t> squares;
     std::vector<int32_t> index;
-    std::vector<int64_t> ext;
-    std::vector<int64_t> extSquares;
-    if (!TryResize(ringSums, slots * width) || !TryResize(ringSquares, slots * width) || !TryResize(colSums, width) ||
-        !TryResize(colSquares, width) || !TryResize(index, width + k - 1) || !TryResize(ext, width + k - 1) ||
-        !TryResize(extSquares, width + k - 1))
+    if (!TryResize(ring, slots * width) || !TryResize(colSums, width) || !TryResize(colSquares, width) ||
+        !TryResize(prefixSums, width + k) || !TryResize(prefixSquares, width + k) || !TryResize(sums, width) ||
+        !TryResize(squares, width) || !TryResize(index, width + k - 1))
         return false;
     for (size_t j = 0; j < index.size(); ++j) index[j] = static_cast<int32_t>(MirrorIndex(static_cast<ptrdiff_t>(j) - r, w));
 
-    // The horizontal sums of source row y (already mirrored into the image), computed on first use.
-    auto rowSums = [&](ptrdiff_t y, const int64_t*& sums, const int64_t*& squares) {
+    // Source row y (mirrored into the image), from the ring.
+    auto row = [&](ptrdiff_t y) -> const T* {
         const int sourceRow = static_cast<int>(MirrorIndex(y, h));
         const size_t slot = static_cast<size_t>(sourceRow) % slots;
-        int64_t* rs = ringSums.data() + slot * width;
-        int64_t* rq = ringSquares.data() + slot * width;
-        sums = rs;
-        squares = rq;
-        if (slotRow[slot] == sourceRow) return;
-        slotRow[slot] = sourceRow;
-        const T* row = src + static_cast<size_t>(sourceRow) * width;
-        for (size_t j = 0; j < ext.size(); ++j) {
-            const int64_t v = row[index[j]];
-            ext[j] = v;
-            extSquares[j] = v * v;
+        T* copy = ring.data() + slot * width;
+        if (slotRow[slot] != sourceRow) {
+            slotRow[slot] = sourceRow;
+            std::memcpy(copy, src + static_cast<size_t>(sourceRow) * width, width * sizeof(T));
         }
-        int64_t a = 0;
-        int64_t b = 0;
-        for (size_t j = 0; j < k; ++j) {
-            a += ext[j];
-            b += extSquares[j];
-        }
-        rs[0] = a;
-        rq[0] = b;
-        for (size_t x = 1; x < width; ++x) {
-            a += ext[x + k - 1] - ext[x - 1];
-            b += extSquares[x + k - 1] - extSquares[x - 1];
-            rs[x] = a;
-            rq[x] = b;
-        }
+        return copy;
     };
 
     ExactConstants c;
@@ -291,39 +326,52 @@ bool EnhanceExactIntegerSums(const T* src, T* dst, int w, int h, int radius, flo
     c.capTest = std::isfinite(c.ceiling) && c.ceiling > 0.0 && std::isfinite(c.k);
     const bool avx2 = ActiveImpl() == Impl::Avx2;
 
-    const int64_t* a = nullptr;
-    const int64_t* b = nullptr;
     for (ptrdiff_t i = -r; i <= r; ++i) {
-        rowSums(i, a, b);
+        const T* add = row(i);
         for (size_t x = 0; x < width; ++x) {
-            colSums[x] += a[x];
-            colSquares[x] += b[x];
+            const int64_t v = add[x];
+            colSums[x] += v;
+            colSquares[x] += v * v;
         }
     }
     for (int y = 0; y < h; ++y) {
         if (y > 0) {
-            // The leaving row first: it lies in the band, so the entering row cannot evict it
-            // before it is used, and it is read before its slot may be reused.
-            rowSums(y - 1 - r, a, b);
-            for (size_t x = 0; x < width; ++x) {
-                colSums[x] -= a[x];
-                colSquares[x] -= b[x];
+            // The leaving row is fetched first: it lies in the band, so fetching the entering row
+            // cannot evict it before it is used.
+            const T* leave = row(y - 1 - r);
+            const T* enter = row(y + r);
+#if VELTRANO_HAS_AVX2_PATHS
+            if (avx2) {
+                MoveColumnsAvx2(enter, leave, colSums.data(), colSquares.data(), width);
+            } else
+#endif
+            {
+                MoveColumns(enter, leave, colSums.data(), colSquares.data(), width);
             }
-            rowSums(y + r, a, b);
-            for (size_t x = 0; x < width; ++x) {
-                colSums[x] += a[x];
-                colSquares[x] += b[x];
-            }
+        }
+        int64_t ps = 0;
+        int64_t pq = 0;
+        prefixSums[0] = 0;
+        prefixSquares[0] = 0;
+        for (size_t j = 0; j + 1 < width + k; ++j) {
+            ps += colSums[static_cast<size_t>(index[j])];
+            pq += colSquares[static_cast<size_t>(index[j])];
+            prefixSums[j + 1] = ps;
+            prefixSquares[j + 1] = pq;
+        }
+        for (size_t x = 0; x < width; ++x) {
+            sums[x] = prefixSums[x + k] - prefixSums[x];
+            squares[x] = prefixSquares[x + k] - prefixSquares[x];
         }
         const T* xs = src + static_cast<size_t>(y) * width;
         T* out = dst + static_cast<size_t>(y) * width;
 #if VELTRANO_HAS_AVX2_PATHS
         if (avx2) {
-            ExactRowAvx2(xs, colSums.data(), colSquares.data(), out, w, c);
+            ExactRowAvx2(xs, sums.data(), squares.data(), out, w, c);
             continue;
         }
 #endif
-        ExactRowScalar(xs, colSums.data(), colSquares.data(), out, w, c);
+        ExactRowScalar(xs, sums.data(), squares.data(), out, w, c);
     }
     return true;
 }
@@ -376,24 +424,6 @@ void EnhanceQuick(const T* src, T* dst, int w, int h, int radius, float alpha, f
     }
 }
 
-// Runs Worker<T> for the element type of a pixel-type code; false for a code not in the list.
-template <template <class> class Worker, class... Args>
-bool DispatchInteger(int32_t code, void* src, void* dst, Args... args) {
-    switch (code) {
-    case kPix16U:
-        Worker<uint16_t>::Run(static_cast<uint16_t*>(src), static_cast<uint16_t*>(dst), args...);
-        return true;
-    case kPix8U:
-        Worker<uint8_t>::Run(static_cast<uint8_t*>(src), static_cast<uint8_t*>(dst), args...);
-        return true;
-    case kPix16S:
-        Worker<int16_t>::Run(static_cast<int16_t*>(src), static_cast<int16_t*>(dst), args...);
-        return true;
-    default:
-        return false;
-    }
-}
-
 template <class T>
 struct ExactWorker {
     static void Run(const T* s, T* d, int w, int h, int r, float a, float g) {
@@ -423,24 +453,17 @@ int Enhance(uint16_t* src, uint16_t* dst, uint32_t width, uint32_t height, int32
     if (!ImageSize(width, height, w, h)) return 1;
     // Refused before anything is allocated: the working buffers are several frames of doubles.
     if (static_cast<uint64_t>(width) * height > kMaxElements) return -4;
+    // A code that is not served writes nothing and still returns 1.
+    const auto run = [&](auto tag) {
+        using T = typename decltype(tag)::type;
+        Worker<T>::Run(reinterpret_cast<T*>(src), reinterpret_cast<T*>(dst), w, h, static_cast<int>(radius),
+                       alpha, maxGain);
+        return 1;
+    };
     if constexpr (kServesFloat) {
-        if (code == kPix32F) {
-            Worker<float>::Run(reinterpret_cast<float*>(src), reinterpret_cast<float*>(dst), w, h,
-                               radius, alpha, maxGain);
-            return 1;
-        }
-    }
-    DispatchInteger<Worker>(code, src, dst, w, h, static_cast<int>(radius), alpha, maxGain);
-    return 1;
-}
-
-size_t ElementBytes(int32_t code) {
-    switch (code) {
-    case kPix16U:
-    case kPix16S: return 2;
-    case kPix8U: return 1;
-    case kPix32F: return 4;
-    default: return 8;
+        return DispatchPixelType<Pix16U, Pix8U, Pix16S, Pix32F>(code, 1, run);
+    } else {
+        return DispatchPixelType<Pix16U, Pix8U, Pix16S>(code, 1, run);
     }
 }
 
@@ -475,11 +498,10 @@ int Ace_Gamma(uint16_t* src, void* dst, int32_t width, uint32_t height, int32_t 
     // such a call changes nothing. (Taken literally, an in-place call would copy a work buffer of
     // width * height * 8 bytes back over the caller's image, far past a buffer sized for the
     // code; it returns 1 and leaves the image as it was instead.)
-    if (pixelType != veltrano::kPix8U && pixelType != veltrano::kPix16U && pixelType != veltrano::kPix16S &&
-        pixelType != veltrano::kPix32F)
-        return 1;
+    using namespace veltrano;
+    if (!ServesPixelType<Pix8U, Pix16U, Pix16S, Pix32F>(pixelType)) return 1;
 
-    const size_t bytes = static_cast<size_t>(count) * veltrano::ElementBytes(pixelType);
+    const size_t bytes = static_cast<size_t>(count) * static_cast<size_t>(PixelTypeSize(pixelType));
     // In place the work buffer starts as a copy of the image, so that the steps see what an
     // out-of-place call sees in its destination.
     std::vector<unsigned char> scratch;
@@ -504,7 +526,7 @@ int Ace_Gamma(uint16_t* src, void* dst, int32_t width, uint32_t height, int32_t 
                                          param->param2, param->param3);
     }
     if (param->param4 != 1.0f) GammaCorrect(work, work, w, height, param->param4, pixelType);
-    if (param->param6 == 1 && (pixelType == veltrano::kPix16U || pixelType == veltrano::kPix8U))
+    if (param->param6 == 1 && ServesPixelType<Pix16U, Pix8U>(pixelType))
         EquHist(src, work16, static_cast<int32_t>(count), pixelType);
 
     if (dst == src) std::memcpy(src, scratch.data(), bytes);

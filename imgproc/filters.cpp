@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "imgproc/dispatch.h"
+#include "imgproc/pixel_dispatch.h"
 #include "imgproc/pixel_helpers.h"
 #include "imgproc/row_kernels.h"
 #include "imgproc/scratch_buffers.h"
@@ -545,18 +546,8 @@ int gaussFilter_32F(float* src, float* dst, int width, int height, int ksize1, i
 int Box_Filter(void* src, void* dst, int width, int height, int pixelType, int radius) {
     if (src == nullptr) return -1;
     if (dst == nullptr) return -2;
-    switch (pixelType) {
-    case kPix8U:
-        return BoxDispatch(static_cast<const uint8_t*>(src), static_cast<uint8_t*>(dst), width, height, radius);
-    case kPix16U:
-        return BoxDispatch(static_cast<const uint16_t*>(src), static_cast<uint16_t*>(dst), width, height, radius);
-    case kPix16S:
-        return BoxDispatch(static_cast<const int16_t*>(src), static_cast<int16_t*>(dst), width, height, radius);
-    case kPix32F:
-        return BoxDispatch(static_cast<const float*>(src), static_cast<float*>(dst), width, height, radius);
-    case kPix64F:
-        return BoxDispatch(static_cast<const double*>(src), static_cast<double*>(dst), width, height, radius);
-    default:
-        return -3;
-    }
+    return DispatchPixelType<Pix8U, Pix16U, Pix16S, Pix32F, Pix64F>(pixelType, -3, [&](auto tag) {
+        using T = typename decltype(tag)::type;
+        return BoxDispatch(static_cast<const T*>(src), static_cast<T*>(dst), width, height, radius);
+    });
 }

@@ -50,12 +50,12 @@ void GainFromMean(const float* flat, float* gain, size_t count, double mean);
 // truncated (not-a-number gives 0). Returns the number of non-zero marks.
 size_t DefectMarks(const float* map, uint8_t* marks, size_t count);
 
-// dst[i] = table[src[i] - first] for every pixel: the table holds one entry for every value that
-// occurs, from `first` on. dst may be src.
+// dst[i] = the table's entry for src[i], for every pixel. The table has an entry for every
+// value of the type (256 or 65536), in the order of the values: table[v] for unsigned pixels,
+// table[v + 32768] for signed 16-bit ones. Only the entries of values that occur are read.
+// dst may be src.
 void MapThroughTable(const uint8_t* src, uint8_t* dst, size_t count, const uint8_t* table);
-void MapThroughTable(const uint16_t* src, uint16_t* dst, size_t count, const uint16_t* table,
-                     int first);
-void MapThroughTable(const int16_t* src, int16_t* dst, size_t count, const int16_t* table,
-                     int first);
+void MapThroughTable(const uint16_t* src, uint16_t* dst, size_t count, const uint16_t* table);
+void MapThroughTable(const int16_t* src, int16_t* dst, size_t count, const int16_t* table);
 
 }  // namespace veltrano

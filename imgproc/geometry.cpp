@@ -7,19 +7,12 @@
 #include <cstring>
 #include <vector>
 
+#include "imgproc/pixel_dispatch.h"
 #include "imgproc/pixel_helpers.h"
 #include "imgproc/scratch_buffers.h"
 
 namespace veltrano {
 namespace {
-
-int ChannelCount(int pixelType) {
-    switch (pixelType) {
-    case 1: case 9: return 3;
-    case 2: case 7: return 4;
-    default: return 1;
-    }
-}
 
 // Blends the mark into dst over the clipped rectangle; a mark pixel of zero (in all of its first
 // three channels for colour types) is transparent. A fourth channel is never changed.
@@ -162,17 +155,13 @@ int AddWaterMask(uint8_t* src, uint8_t* dst, uint8_t* mark, int width, int heigh
     if (src == nullptr) return -1;
     if (dst == nullptr) return -2;
     if (mark == nullptr) return -3;
-    const int channels = ChannelCount(pixelType);
-    switch (pixelType) {
-    case 4: case 9:
-        return AddMark<uint16_t>(src, dst, mark, width, height, markWidth, markHeight, x, y, channels, alpha);
-    case 1: case 2: case 3: case 7:
-        return AddMark<uint8_t>(src, dst, mark, width, height, markWidth, markHeight, x, y, channels, alpha);
-    case 6:
-        return AddMark<float>(src, dst, mark, width, height, markWidth, markHeight, x, y, channels, alpha);
-    default:
-        return 1;
-    }
+    // Any other code returns 1 and changes nothing, not even the copy to the destination.
+    return DispatchPixelType<Pix16U, Pix16UC3, Pix8U, Pix8UC3, Pix8UC4, Pix8UC4Too, Pix32F>(
+        pixelType, 1, [&](auto tag) {
+            using Tag = decltype(tag);
+            return AddMark<typename Tag::type>(src, dst, mark, width, height, markWidth, markHeight, x, y,
+                                               Tag::channels, alpha);
+        });
 }
 
 int Copy_LeftDown_To_RightUp(uint8_t* src, uint8_t* dst, int width, int height, int pixelType,

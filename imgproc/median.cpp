@@ -33,6 +33,7 @@
 #include "imgproc/dispatch.h"
 #include "imgproc/median_networks.h"
 #include "imgproc/median_select.h"
+#include "imgproc/pixel_dispatch.h"
 #include "imgproc/pixel_helpers.h"
 #include "imgproc/scratch_buffers.h"
 #include "veltrano/filters.h"
@@ -738,11 +739,7 @@ int Median_Blur(void* src, void* dst, int width, int height, int radius, int pix
     using namespace veltrano;
     if (src == nullptr) return -1;
     if (dst == nullptr) return -2;
-    switch (pixelType) {
-    case kPix8U: return MedianBlurTyped<uint8_t>(src, dst, width, height, radius);
-    case kPix16U: return MedianBlurTyped<uint16_t>(src, dst, width, height, radius);
-    case kPix16S: return MedianBlurTyped<int16_t>(src, dst, width, height, radius);
-    case kPix32F: return MedianBlurTyped<float>(src, dst, width, height, radius);
-    default: return kMedianFailed;
-    }
+    return DispatchPixelType<Pix8U, Pix16U, Pix16S, Pix32F>(pixelType, kMedianFailed, [&](auto tag) {
+        return MedianBlurTyped<typename decltype(tag)::type>(src, dst, width, height, radius);
+    });
 }

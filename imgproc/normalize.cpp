@@ -49,22 +49,16 @@ void StretchPlain(const T* src, T* dst, size_t count, const Stretch<T>& s) {
 
 // Integer members: every value between the minimum and the maximum maps through the same
 // arithmetic, so a table of those values, built with that arithmetic, gives the same pixels.
+// Returns false, having written nothing, when the image has fewer pixels than the table would
+// have entries.
 template <class T>
-void StretchByTable(const T* src, T* dst, size_t count, const Stretch<T>& s, T mx) {
+bool StretchByTable(const T* src, T* dst, size_t count, const Stretch<T>& s, T mx) {
     const size_t values = static_cast<size_t>(mx - s.mn) + 1;
-    if (values >= count) {
-        StretchPlain(src, dst, count, s);
-        return;
-    }
-    std::vector<T> table(values);
-    for (size_t k = 0; k < values; ++k) table[k] = s.apply(static_cast<T>(s.mn + k));
-    if constexpr (std::is_same_v<T, uint8_t>) {
-        std::vector<uint8_t> full(256, 0);
-        for (size_t k = 0; k < values; ++k) full[s.mn + k] = table[k];
-        MapThroughTable(src, dst, count, full.data());
-    } else {
-        MapThroughTable(src, dst, count, table.data(), s.mn);
-    }
+    if (values >= count) return false;
+    std::vector<T> table(size_t(1) << (8 * sizeof(T)));
+    for (size_t k = 0; k < values; ++k) table[s.mn + k] = s.apply(static_cast<T>(s.mn + k));
+    MapThroughTable(src, dst, count, table.data());
+    return true;
 }
 
 #if VELTRANO_HAS_AVX2_PATHS
@@ -194,6 +188,10 @@ int NormalizeLinear(const T* src, T* dst, uint32_t width, uint32_t height, T low
                        static_cast<double>(low),
                        static_cast<double>(high)};
     const Impl impl = ActiveImpl();
+    // Bytes: a table of at most 256 entries and the vector table lookup beat the arithmetic.
+    if constexpr (std::is_same_v<T, uint8_t>) {
+        if (impl != Impl::Reference && StretchByTable(src, dst, count, s, mx)) return 1;
+    }
 #if VELTRANO_HAS_AVX2_PATHS
     if (impl == Impl::Avx2) {
         StretchAvx2(src, dst, count, s);
@@ -201,10 +199,7 @@ int NormalizeLinear(const T* src, T* dst, uint32_t width, uint32_t height, T low
     }
 #endif
     if constexpr (std::is_integral_v<T>) {
-        if (impl != Impl::Reference) {
-            StretchByTable(src, dst, count, s, mx);
-            return 1;
-        }
+        if (impl != Impl::Reference && StretchByTable(src, dst, count, s, mx)) return 1;
     }
     StretchPlain(src, dst, count, s);
     return 1;

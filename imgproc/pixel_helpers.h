@@ -1,6 +1,7 @@
-// Helpers shared by every processing function: element sizes, value ranges, the min/max search
-// and the mirrored border extension. Header-only templates, one per concept, instantiated for
-// whatever element type an algorithm works on.
+// Helpers shared by every processing function: value ranges, the min/max search and the mirrored
+// border extension (the pixel-type codes and element sizes are public, in veltrano/pixel_type.h).
+// Header-only templates, one per concept, instantiated for whatever element type an algorithm
+// works on.
 #pragma once
 
 #include <cstddef>
@@ -9,30 +10,9 @@
 #include <type_traits>
 #include <vector>
 
+#include "veltrano/pixel_type.h"
+
 namespace veltrano {
-
-// Pixel-type codes of the multi-type entry points.
-enum PixelTypeCode : int32_t {
-    kPix8U = 3,
-    kPix16U = 4,
-    kPix16S = 5,
-    kPix32F = 6,
-    kPix32S = 8,
-    kPix64F = 11,
-};
-
-// Bytes per element for buffer sizing. The table is historic (codes 1, 2, 7, 9, 12, 13 have no
-// function of their own) and hosts size buffers with it, so it is kept exactly.
-inline int PixelTypeSize(int32_t code) {
-    switch (code) {
-    case 3: case 12: return 1;
-    case 4: case 5: return 2;
-    case 1: return 3;
-    case 2: case 6: case 7: case 8: case 13: return 4;
-    case 9: return 6;
-    default: return 8;
-    }
-}
 
 // Representable range of an element type. Two entries are unusual on purpose: the unsigned
 // 32-bit high bound is one below the maximum, and the floating types report the smallest

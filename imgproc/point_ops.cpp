@@ -9,10 +9,12 @@
 #include <cmath>
 #include <cstdint>
 #include <limits>
+#include <type_traits>
 #include <vector>
 
 #include "imgproc/dispatch.h"
 #include "imgproc/frame_passes.h"
+#include "imgproc/pixel_dispatch.h"
 #include "imgproc/pixel_helpers.h"
 #include "imgproc/scratch_buffers.h"
 #include "imgproc/vector_math.h"
@@ -54,37 +56,89 @@ struct GammaCurve {
 };
 
 #if VELTRANO_HAS_AVX2_PATHS
+// Eight 32-bit integers, each within the range of T, stored as T.
+template <class T>
+VELTRANO_TARGET_AVX2 inline void StoreEight(T* p, __m256i v) {
+    const __m128i lo = _mm256_castsi256_si128(v);
+    const __m128i hi = _mm256_extracti128_si256(v, 1);
+    if constexpr (std::is_same_v<T, uint16_t>) {
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(p), _mm_packus_epi32(lo, hi));
+    } else if constexpr (std::is_same_v<T, int16_t>) {
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(p), _mm_packs_epi32(lo, hi));
+    } else {
+        const __m128i words = _mm_packus_epi32(lo, hi);
+        _mm_storel_epi64(reinterpret_cast<__m128i*>(p), _mm_packus_epi16(words, words));
+    }
+}
+
 // Table entries for the values first .. first + n - 1 with the vector power: b^gamma as
 // exp(gamma log b) in double, which is within a few units of the last double place of the C
 // library's pow and so rounds to the same single-precision power except within about 2^-50
-// (relative) of a rounding boundary. Bases that are not positive and exponents whose product
-// leaves the served range of the exponential go to the C library.
+// (relative) of a rounding boundary. Every step runs in vector registers: the base is the same
+// single-precision quotient, the power is rounded to single precision and scaled back in double,
+// clamped (the value is finite there, so min then max is the clamp) and truncated, as in
+// GammaCurve. A group of eight entries with a base that is not positive, or an exponent product
+// outside the served range of the exponential, goes to the C library entry by entry.
+//
+// The logarithms of a block are taken in one loop and the exponentials in a second: each
+// evaluation is a long chain of dependent steps, and short loop bodies without branches or
+// transfers to integer registers let the processor overlap many of them. A lane the vector
+// power does not serve carries a not-a-number product and then the integer kNotServed, which
+// no entry can equal.
 template <class T>
 VELTRANO_TARGET_AVX2 void GammaTableAvx2(const GammaCurve<T>& curve, int first, size_t n, T* table) {
+    constexpr size_t kBlock = 256;
+    constexpr int32_t kNotServed = INT32_MIN;
     const __m256d g = _mm256_set1_pd(static_cast<double>(curve.gamma));
-    alignas(32) double p[4];
-    size_t k = 0;
-    for (; k + 4 <= n; k += 4) {
-        float b[4];
-        bool plain = false;
-        for (int j = 0; j < 4; ++j) {
-            b[j] = curve.base(static_cast<T>(first + static_cast<int>(k) + j));
-            plain = plain || !(b[j] > 0.0f);
+    const __m256 fHigh = _mm256_set1_ps(curve.fHigh);
+    const __m256d high = _mm256_set1_pd(curve.high);
+    const __m256d low = _mm256_set1_pd(curve.low);
+    const __m256d offset = _mm256_set1_pd(static_cast<double>(RoundingOffset<T>()));
+    const __m256d minExp = _mm256_set1_pd(-700.0);
+    const __m256d maxExp = _mm256_set1_pd(700.0);
+    const __m256d nan = _mm256_set1_pd(std::numeric_limits<double>::quiet_NaN());
+    const __m256d notServed = _mm256_set1_pd(static_cast<double>(kNotServed));
+    const __m256i steps = _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7);
+    alignas(32) double e[kBlock];
+    alignas(32) int32_t out[kBlock];
+    size_t start = 0;
+    while (start + 8 <= n) {
+        const size_t m = std::min(kBlock, (n - start) / 8 * 8);
+        for (size_t k = 0; k < m; k += 8) {
+            const __m256i values = _mm256_add_epi32(_mm256_set1_epi32(first + static_cast<int>(start + k)), steps);
+            const __m256 b = _mm256_div_ps(_mm256_cvtepi32_ps(values), fHigh);
+            const __m256 positive = _mm256_cmp_ps(b, _mm256_setzero_ps(), _CMP_GT_OQ);
+            const __m256 safe = _mm256_blendv_ps(_mm256_set1_ps(1.0f), b, positive);
+            for (int half = 0; half < 2; ++half) {
+                const __m128 bh = half == 0 ? _mm256_castps256_ps128(safe) : _mm256_extractf128_ps(safe, 1);
+                const __m128i ph = _mm_castps_si128(half == 0 ? _mm256_castps256_ps128(positive) : _mm256_extractf128_ps(positive, 1));
+                const __m256d eh = _mm256_mul_pd(g, LogPd(_mm256_cvtps_pd(bh)));
+                const __m256d served = _mm256_and_pd(_mm256_castsi256_pd(_mm256_cvtepi32_epi64(ph)),
+                                                     _mm256_and_pd(_mm256_cmp_pd(eh, minExp, _CMP_GE_OQ),
+                                                                   _mm256_cmp_pd(eh, maxExp, _CMP_LE_OQ)));
+                _mm256_store_pd(e + k + 4 * half, _mm256_blendv_pd(nan, eh, served));
+            }
         }
-        __m256d x = _mm256_set_pd(b[3], b[2], b[1], b[0]);
-        if (!plain) {
-            const __m256d e = _mm256_mul_pd(g, LogPd(x));
-            const __m256d inRange = _mm256_and_pd(_mm256_cmp_pd(e, _mm256_set1_pd(-700.0), _CMP_GE_OQ),
-                                                  _mm256_cmp_pd(e, _mm256_set1_pd(700.0), _CMP_LE_OQ));
-            plain = _mm256_movemask_pd(inRange) != 0xf;
-            _mm256_store_pd(p, ExpPd(e));
+        for (size_t k = 0; k < m; k += 4) {
+            const __m256d eh = _mm256_load_pd(e + k);
+            const __m256d served = _mm256_cmp_pd(eh, eh, _CMP_ORD_Q);
+            const __m256d p = _mm256_cvtps_pd(_mm256_cvtpd_ps(ExpPd(_mm256_and_pd(eh, served))));
+            const __m256d v = _mm256_add_pd(_mm256_mul_pd(p, high), offset);
+            const __m256d clamped = _mm256_max_pd(_mm256_min_pd(v, high), low);
+            _mm_store_si128(reinterpret_cast<__m128i*>(out + k), _mm256_cvttpd_epi32(_mm256_blendv_pd(notServed, clamped, served)));
         }
-        for (int j = 0; j < 4; ++j) {
-            const T value = static_cast<T>(first + static_cast<int>(k) + j);
-            table[k + j] = plain ? curve(value) : curve.finish(static_cast<float>(p[j]));
+        for (size_t k = 0; k < m; k += 8) {
+            const __m256i r = _mm256_load_si256(reinterpret_cast<const __m256i*>(out + k));
+            const __m256i missing = _mm256_cmpeq_epi32(r, _mm256_set1_epi32(kNotServed));
+            if (_mm256_testz_si256(missing, missing)) {
+                StoreEight(table + start + k, r);
+            } else {
+                for (size_t j = k; j < k + 8; ++j) table[start + j] = curve(static_cast<T>(first + static_cast<int>(start + j)));
+            }
         }
+        start += m;
     }
-    for (; k < n; ++k) table[k] = curve(static_cast<T>(first + static_cast<int>(k)));
+    for (; start < n; ++start) table[start] = curve(static_cast<T>(first + static_cast<int>(start)));
 }
 #endif
 
@@ -107,32 +161,55 @@ int GammaInteger(const T* src, T* dst, uint64_t count, float gamma) {
         return 1;
     }
     if (count == 0) return 1;
-    T mn = src[0];
-    T mx = src[0];
-    FrameMinMax(src, static_cast<size_t>(count), mn, mx);
-    const size_t n = static_cast<size_t>(static_cast<int>(mx) - static_cast<int>(mn)) + 1;
-    std::vector<T> table(n);
     bool vectorTable = false;
 #if VELTRANO_HAS_AVX2_PATHS
     // The vector power serves finite, non-zero exponents; the C library keeps the rest.
     vectorTable = impl == Impl::Avx2 && std::isfinite(gamma) && gamma != 0.0f;
 #endif
-    if (vectorTable) {
+    // The frame goes in chunks that stay in the cache: the values of a chunk are found first and
+    // the table grows (in blocks of 64 entries) to cover them, then the chunk is mapped. So the
+    // table holds only the values that occur, without a pass over the whole frame to find them.
+    // Entry e of the table is the value low + e.
+    constexpr size_t kChunk = 16384;
+    constexpr size_t kBlock = 64;
+    const int low = static_cast<int>(curve.low);
+    std::vector<T> table(values);
+    size_t filledFrom = values;
+    size_t filledTo = values;
+    auto fill = [&](size_t from, size_t to) {
+        T* entries = table.data() + from;
+        const int first = low + static_cast<int>(from);
+        if (vectorTable) {
 #if VELTRANO_HAS_AVX2_PATHS
-        GammaTableAvx2(curve, mn, n, table.data());
+            GammaTableAvx2(curve, first, to - from, entries);
 #endif
-    } else if (n <= count) {
-        for (size_t k = 0; k < n; ++k) table[k] = curve(static_cast<T>(mn + static_cast<int>(k)));
-    } else {
-        for (uint64_t i = 0; i < count; ++i) dst[i] = curve(src[i]);
-        return 1;
-    }
-    if constexpr (std::is_same_v<T, uint8_t>) {
-        uint8_t full[256] = {};
-        for (size_t k = 0; k < n; ++k) full[mn + k] = table[k];
-        MapThroughTable(src, dst, static_cast<size_t>(count), full);
-    } else {
-        MapThroughTable(src, dst, static_cast<size_t>(count), table.data(), mn);
+        } else {
+            for (size_t k = 0; k < to - from; ++k) entries[k] = curve(static_cast<T>(first + static_cast<int>(k)));
+        }
+    };
+    for (size_t start = 0; start < count; start += kChunk) {
+        const size_t n = std::min<size_t>(kChunk, static_cast<size_t>(count) - start);
+        T mn = src[start];
+        T mx = src[start];
+        FrameMinMax(src + start, n, mn, mx);
+        const size_t from = static_cast<size_t>(static_cast<int>(mn) - low) / kBlock * kBlock;
+        const size_t to = std::min(values, (static_cast<size_t>(static_cast<int>(mx) - low) / kBlock + 1) * kBlock);
+        if (filledFrom == filledTo) {
+            // Without the vector power a small image is cheaper pixel by pixel than its table.
+            if (!vectorTable && to - from > static_cast<size_t>(count)) {
+                for (uint64_t i = 0; i < count; ++i) dst[i] = curve(src[i]);
+                return 1;
+            }
+            fill(from, to);
+            filledFrom = from;
+            filledTo = to;
+        } else {
+            if (from < filledFrom) fill(from, filledFrom);
+            if (to > filledTo) fill(filledTo, to);
+            filledFrom = std::min(filledFrom, from);
+            filledTo = std::max(filledTo, to);
+        }
+        MapThroughTable(src + start, dst + start, n, table.data());
     }
     return 1;
 }
@@ -474,11 +551,7 @@ int EquHistWorker(const T* src, T* dst, uint64_t count) {
         if (hist[k] != 0) cdf = cdf + static_cast<float>(hist[k]) / n;
         table[k] = EqualisedValue<T>(k, cdf, high);
     }
-    if constexpr (sizeof(T) == 1) {
-        MapThroughTable(src, dst, static_cast<size_t>(count), table.data());
-    } else {
-        MapThroughTable(src, dst, static_cast<size_t>(count), table.data(), 0);
-    }
+    MapThroughTable(src, dst, static_cast<size_t>(count), table.data());
     return 1;
 }
 
@@ -525,7 +598,7 @@ int BrigntAndContrast(uint16_t* src, uint16_t* dst, int32_t width, int32_t heigh
         // Every value maps through the same arithmetic: a table of all 65536 results.
         std::vector<uint16_t> table(65536);
         for (size_t k = 0; k < table.size(); ++k) table[k] = map(static_cast<uint16_t>(k));
-        MapThroughTable(src, dst, count, table.data(), 0);
+        MapThroughTable(src, dst, count, table.data());
         return 1;
     }
     for (size_t i = 0; i < count; ++i) dst[i] = map(src[i]);
@@ -537,18 +610,14 @@ int GammaCorrect(void* src, void* dst, uint32_t width, uint32_t height, float ga
     if (src == nullptr) return -1;
     if (dst == nullptr) return -2;
     const uint64_t count = PixelCount(width, height);
-    switch (pixelType) {
-    case kPix8U:
-        return GammaInteger(static_cast<const uint8_t*>(src), static_cast<uint8_t*>(dst), count, gamma);
-    case kPix16U:
-        return GammaInteger(static_cast<const uint16_t*>(src), static_cast<uint16_t*>(dst), count, gamma);
-    case kPix16S:
-        return GammaInteger(static_cast<const int16_t*>(src), static_cast<int16_t*>(dst), count, gamma);
-    case kPix32F:
-        return GammaFloat(static_cast<const float*>(src), static_cast<float*>(dst), count, gamma);
-    default:
-        return -3;
-    }
+    return DispatchPixelType<Pix8U, Pix16U, Pix16S, Pix32F>(pixelType, -3, [&](auto tag) {
+        using T = typename decltype(tag)::type;
+        if constexpr (std::is_floating_point_v<T>) {
+            return GammaFloat(static_cast<const T*>(src), static_cast<T*>(dst), count, gamma);
+        } else {
+            return GammaInteger(static_cast<const T*>(src), static_cast<T*>(dst), count, gamma);
+        }
+    });
 }
 
 int Image_Log(float* src, float* dst, uint32_t width, uint32_t height, int32_t negate) {
@@ -578,14 +647,10 @@ int Image_Square_NoTrunc(void* src, double* dst, int32_t width, int32_t height,
     if (src == nullptr) return -1;
     if (dst == nullptr) return -2;
     const uint64_t count = PixelCount(width, height);
-    switch (pixelType) {
-    case kPix8U: SquareWorker(static_cast<const uint8_t*>(src), dst, count); return 1;
-    case kPix16U: SquareWorker(static_cast<const uint16_t*>(src), dst, count); return 1;
-    case kPix16S: SquareWorker(static_cast<const int16_t*>(src), dst, count); return 1;
-    case kPix32F: SquareWorker(static_cast<const float*>(src), dst, count); return 1;
-    case kPix32S: SquareWorker(static_cast<const int32_t*>(src), dst, count); return 1;
-    default: return -3;
-    }
+    return DispatchPixelType<Pix8U, Pix16U, Pix16S, Pix32F, Pix32S>(pixelType, -3, [&](auto tag) {
+        SquareWorker(static_cast<const typename decltype(tag)::type*>(src), dst, count);
+        return 1;
+    });
 }
 
 int ThresholdBinary(uint16_t* src, uint16_t* dst, int32_t pixelType, uint32_t width,
@@ -594,13 +659,12 @@ int ThresholdBinary(uint16_t* src, uint16_t* dst, int32_t pixelType, uint32_t wi
     if (dst == nullptr) return -2;
     if (mode > 3) return 1;
     const uint64_t count = PixelCount(width, height);
-    if (pixelType == kPix16U) {
-        ThresholdWorker(src, dst, count, threshold, mode);
-    } else if (pixelType == kPix8U) {
-        ThresholdWorker(reinterpret_cast<const uint8_t*>(src), reinterpret_cast<uint8_t*>(dst), count,
-                        threshold, mode);
-    }
-    return 1;
+    // Other codes write nothing and return 1, as other modes do.
+    return DispatchPixelType<Pix16U, Pix8U>(pixelType, 1, [&](auto tag) {
+        using T = typename decltype(tag)::type;
+        ThresholdWorker(reinterpret_cast<const T*>(src), reinterpret_cast<T*>(dst), count, threshold, mode);
+        return 1;
+    });
 }
 
 // The floor of 0.001 keeps a dead pixel from dividing by zero.
@@ -631,8 +695,8 @@ int EquHist(uint16_t* src, uint16_t* dst, int32_t pixelCount, int32_t pixelType)
     if (src == nullptr) return -1;
     if (dst == nullptr) return -2;
     const uint64_t count = pixelCount > 0 ? static_cast<uint64_t>(pixelCount) : 0;
-    if (pixelType == kPix16U) return EquHistWorker(src, dst, count);
-    if (pixelType == kPix8U)
-        return EquHistWorker(reinterpret_cast<const uint8_t*>(src), reinterpret_cast<uint8_t*>(dst), count);
-    return -3;
+    return DispatchPixelType<Pix16U, Pix8U>(pixelType, -3, [&](auto tag) {
+        using T = typename decltype(tag)::type;
+        return EquHistWorker(reinterpret_cast<const T*>(src), reinterpret_cast<T*>(dst), count);
+    });
 }

@@ -1,7 +1,7 @@
 // Veltrano: the intraoral X-ray sensor driver and image-processing library.
 //
 // This umbrella header declares everything a host sees: the image matrix, the detector object,
-// the processing functions, INI access and parameter records, the post-processing chain, and
+// the processing functions and their pixel-type codes, INI access and parameter records, the post-processing chain, and
 // the calibration of a sensor from its own exposures.
 // Link with the veltrano library (libveltrano.so / veltrano.dll). All declarations have C++
 // linkage.
@@ -13,6 +13,7 @@
 #include "veltrano/ini.h"
 #include "veltrano/params.h"
 
+#include "veltrano/pixel_type.h"
 #include "veltrano/normalize.h"
 #include "veltrano/point_ops.h"
 #include "veltrano/clahe.h"

@@ -310,10 +310,18 @@ VT_API int VT_CALL vt_WriteNULL_INI(const char* section, const char* key, const 
 
 /* ------------------------------------------------------------------------------------------
  * Processing functions over caller-owned, row-major buffers without row padding. Argument
- * order, pixel-type codes (3 uint8, 4 uint16, 5 int16, 6 float, 8 int32, 11 double) and results
- * are those of the C++ functions of the same name (veltrano/normalize.h to veltrano/usm.h);
- * C++'s bool is an int here. Records are the C structures above; the functions that update
- * their record (clahe_*, Ace_Gamma, USM_EX) update the structure. */
+ * order, pixel-type codes (below) and results are those of the C++ functions of the same name
+ * (veltrano/normalize.h to veltrano/usm.h); C++'s bool is an int here. Records are the C
+ * structures above; the functions that update their record (clahe_*, Ace_Gamma, USM_EX) update
+ * the structure. */
+
+/* Pixel-type codes (veltrano/pixel_type.h): the element type of the functions that take one. */
+#define VT_PIX_8U 3
+#define VT_PIX_16U 4
+#define VT_PIX_16S 5
+#define VT_PIX_32F 6
+#define VT_PIX_32S 8
+#define VT_PIX_64F 11
 
 VT_API int VT_CALL vt_normalize_8U(const uint8_t* src, uint8_t* dst, uint32_t width,
                                    uint32_t height, uint8_t low, uint8_t high);

@@ -66,7 +66,7 @@ std::string Format(const char* format, Args... args) {
 // ---------------------------------------------------------------------------------------------
 // Pixel types
 
-enum Code : int { U8 = 3, U16 = 4, S16 = 5, F32 = 6, S32 = 8, F64 = 11 };
+enum Code : int { U8 = VT_PIX_8U, U16 = VT_PIX_16U, S16 = VT_PIX_16S, F32 = VT_PIX_32F, S32 = VT_PIX_32S, F64 = VT_PIX_64F };
 
 py::dtype DtypeOf(int code) {
     switch (code) {

@@ -70,6 +70,23 @@ TEST_F(VeltranoDicom, AcquireProcessAndDemoWriteValidImagesOfOneStudy) {
     ASSERT_EQ(run.first, 0) << run.second;
     EXPECT_EQ(Errors("demo/processed.dcm"), "");
     EXPECT_EQ(Field(dir_ / "demo/processed.dcm", DCM_SpecificCharacterSet), "ISO_IR 192");
+    EXPECT_EQ(Field(dir_ / "demo/processed.dcm", DCM_ImagerPixelSpacing), "0.02\\0.02");
+
+    // A PNG input has no pitch of its own: the option gives it, and without one nothing is
+    // written.
+    const std::string chainArg =
+        " --chain '" + (fs::absolute("chains") / "default.chain").string() + "'";
+    run = Veltrano("process" + chainArg + " --in demo/corrected.png --out frompng.dcm");
+    EXPECT_EQ(run.first, 1) << run.second;
+    EXPECT_FALSE(fs::exists(dir_ / "frompng.dcm"));
+    run = Veltrano("process" + chainArg +
+                   " --in demo/corrected.png --pixel-pitch 0.035 --tooth 85 --out frompng.dcm");
+    ASSERT_EQ(run.first, 0) << run.second;
+    EXPECT_EQ(Errors("frompng.dcm"), "");
+    EXPECT_EQ(Field(dir_ / "frompng.dcm", DCM_ImagerPixelSpacing), "0.035\\0.035");
+    EXPECT_EQ(Field(dir_ / "frompng.dcm", DCM_ImageLaterality), "R");
+    EXPECT_EQ(Field(dir_ / "frompng.dcm", DCM_PatientName), "UNKNOWN^PATIENT");
+
     // A viewer's reader renders it.
     if (std::system("command -v dcm2pnm >/dev/null 2>&1") == 0) {
         EXPECT_EQ(Shell("dcm2pnm demo/processed.dcm demo/view.pgm").first, 0);
@@ -83,31 +100,39 @@ TEST_F(VeltranoDicom, BadValuesAndInputsAreRefusedWithoutOutput) {
     ASSERT_EQ(Veltrano("calibrate --workdir w --virtual").first, 0);
     Write("old.dcm", "previous content");
     const std::string chain = (fs::absolute("chains") / "default.chain").string();
-    const std::pair<const char*, const char*> cases[] = {
-        // Refused before the exposure: exit 2 and the option's own message.
-        {"acquire --workdir w --pixel-pitch 0.02 --tooth 19 --out old.dcm", "--tooth: '19'"},
-        {"acquire --workdir w --pixel-pitch 0.02 --birth-date 1980-02-30 --out old.dcm",
+    struct Case {
+        const char* args;
+        int code;
+        const char* problem;
+    };
+    const Case cases[] = {
+        // Refused by the parse, before the exposure: exit 2 and the option's own message.
+        {"acquire --workdir w --pixel-pitch 0.02 --tooth 19 --out old.dcm", 2, "--tooth: '19'"},
+        {"acquire --workdir w --pixel-pitch 0.02 --birth-date 1980-02-30 --out old.dcm", 2,
          "--birth-date: '1980-02-30' is not a valid date"},
-        {"acquire --workdir w --pixel-pitch 0.02 --sex Q --out old.dcm", "--sex: 'Q'"},
-        {"acquire --workdir w --pixel-pitch abc --out old.dcm", "--pixel-pitch needs"},
-        {"acquire --workdir w --out old.dcm", "needs the sensor's pixel pitch"},
-        {"process --chain CHAIN --in text.dcm --out old.dcm", "text.dcm: is not a readable DICOM"},
+        {"acquire --workdir w --pixel-pitch 0.02 --sex Q --out old.dcm", 2, "--sex: 'Q'"},
+        {"acquire --workdir w --pixel-pitch abc --out old.dcm", 2, "--pixel-pitch: needs"},
+        // Refused by the subcommand, before the exposure or the chain.
+        {"acquire --workdir w --out old.dcm", 1, "needs the sensor's pixel pitch"},
+        {"process --chain CHAIN --in text.dcm --out old.dcm", 1,
+         "text.dcm: is not a readable DICOM"},
     };
     Write("text.dcm", "not DICOM");
-    for (const auto& c : cases) {
-        std::string args = c.first;
+    for (const Case& c : cases) {
+        std::string args = c.args;
         const size_t at = args.find("CHAIN");
         if (at != std::string::npos) {
             args.replace(at, 5, chain);
         }
         const auto run = Veltrano(args);
-        EXPECT_NE(run.first, 0) << args;
-        EXPECT_NE(run.second.find(c.second), std::string::npos) << args << "\n" << run.second;
+        EXPECT_EQ(run.first, c.code) << args << "\n" << run.second;
+        EXPECT_NE(run.second.find(c.problem), std::string::npos) << args << "\n" << run.second;
         EXPECT_EQ(ReadAll(dir_ / "old.dcm"), "previous content") << args;
     }
     // The patient of a DICOM input cannot be changed on the way through.
     ASSERT_EQ(Veltrano("acquire --workdir w --pixel-pitch 0.02 --out in.dcm").first, 0);
-    const auto run = Veltrano("process --chain '" + chain + "' --in in.dcm --patient-id 7 --out old.dcm");
+    const auto run =
+        Veltrano("process --chain '" + chain + "' --in in.dcm --patient-id 7 --out old.dcm");
     EXPECT_EQ(run.first, 2);
     EXPECT_NE(run.second.find("patient and study of a DICOM input are kept"), std::string::npos)
         << run.second;

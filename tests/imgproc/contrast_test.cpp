@@ -240,6 +240,26 @@ TEST(ContrastEnhancement, ExactFormFastPathsMatchThePlainDoubleSums) {
     });
     EXPECT_EQ(peaks[1], peaks[0]);
     EXPECT_EQ(peaks[2], peaks[0]);
+    // Bright 16-bit pixels at radii whose window sums of squares pass 2^51 (from r 362) while
+    // the partial sums stay below 2^53: the fast paths must still match, and a constant image
+    // stays as it is.
+    for (int radius : {300, 400, 505}) {
+        std::vector<uint16_t> bright = RandomImage<uint16_t>(17, 13, 64000, 65535, seed++);
+        const auto got = AtEachLevel([&] {
+            std::vector<uint16_t> out(bright.size());
+            EXPECT_EQ(AdaptiveContrastEnhancement(bright.data(), out.data(), 17, 13, 4, radius, 1.0f, 3.0f), 1);
+            return out;
+        });
+        EXPECT_EQ(got[1], got[0]) << radius;
+        EXPECT_EQ(got[2], got[0]) << radius;
+        std::vector<uint16_t> top(17 * 13, 65535);
+        const auto constant = AtEachLevel([&] {
+            std::vector<uint16_t> out(top.size());
+            EXPECT_EQ(AdaptiveContrastEnhancement(top.data(), out.data(), 17, 13, 4, radius, 1.0f, 3.0f), 1);
+            return out;
+        });
+        for (const auto& out : constant) EXPECT_EQ(out, top) << radius;
+    }
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "imgproc/pixel_helpers.h"
+#include "veltrano/pixel_type.h"
 
 namespace {
 

@@ -276,6 +276,42 @@ TEST(PointOps, GammaTablesMatchTheLibraryPowerWithinTheStatedBound) {
     EXPECT_LT(differing, 20);
 }
 
+// The fast levels grow the table chunk by chunk as new values turn up. A frame whose values
+// spread outwards from the middle of the range, both upwards and downwards, makes every chunk
+// extend the table: the scalar level must still equal the plain loop, and the vector level must
+// give each value the same result as in a frame where every value turns up in the first chunk.
+TEST(PointOps, GammaTablesGrowingOverTheFrameGiveEveryValueOneResult) {
+    const int w = 509, h = 257;
+    const size_t n = static_cast<size_t>(w) * h;
+    std::vector<uint16_t> spreading(n);
+    for (size_t i = 0; i < n; ++i) {
+        const int step = static_cast<int>(i / 2 % 32768);
+        spreading[i] = static_cast<uint16_t>(i % 2 ? 32768 + step : 32767 - step);
+    }
+    std::vector<uint16_t> mixed = spreading;
+    std::shuffle(mixed.begin(), mixed.end(), std::mt19937(3));
+    std::vector<int16_t> spreadingSigned(n);
+    for (size_t i = 0; i < n; ++i) spreadingSigned[i] = static_cast<int16_t>(spreading[i] ^ 0x8000);
+    for (float gamma : {0.8f, 2.0f, 0.3f}) {
+        auto run = [&](auto& img, int code) {
+            return AtEachLevel([&] {
+                auto out = img;
+                EXPECT_EQ(GammaCorrect(img.data(), out.data(), w, h, gamma, code), 1);
+                return out;
+            });
+        };
+        const auto grown = run(spreading, 4), all = run(mixed, 4);
+        const auto grownSigned = run(spreadingSigned, 5);
+        EXPECT_TRUE(SameBits(grown[1], grown[0])) << gamma;
+        EXPECT_TRUE(SameBits(grownSigned[1], grownSigned[0])) << gamma;
+        std::vector<int> byValue(65536, -1);
+        for (size_t i = 0; i < n; ++i) byValue[mixed[i]] = all[2][i];
+        size_t differing = 0;
+        for (size_t i = 0; i < n; ++i) differing += grown[2][i] != byValue[spreading[i]];
+        EXPECT_EQ(differing, 0u) << gamma;
+    }
+}
+
 // The logarithm: the scalar level is the C library's (through a table of whole numbers) and
 // identical; the vector level's double logarithm rounds to the same float except within 2^-50
 // (relative) of a rounding boundary, and then by one unit. Whole numbers, fractions, negative,

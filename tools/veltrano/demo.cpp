@@ -10,10 +10,8 @@
 #include "commands.h"
 #include "dicom_output.h"
 #include "host_system.h"
-#include "options.h"
 #include "png_io.h"
 #include "preview.h"
-#include "usage.h"
 
 namespace vcli {
 namespace fs = std::filesystem;
@@ -48,23 +46,19 @@ private:
 
 }  // namespace
 
-int RunDemo(int argc, char** argv) {
-    std::set<std::string> names = {"out", "chain"};
-    names.insert(DicomOptionNames().begin(), DicomOptionNames().end());
-    const Options options(argc, argv, 2, names);
-    if (options.Help()) {
-        std::fputs(kDemoUsage, stdout);
-        return kExitDone;
-    }
-    const fs::path outDir = options.Text("out", "demo-out");
-    const std::string chain = options.Text("chain", DefaultChainPath());
+int RunDemo(const DemoOptions& options) {
+    const fs::path outDir = options.outDir;
+    const std::string chain = options.chain.empty() ? DefaultChainPath() : options.chain;
     if (!PngSupported()) {
         return Fail((outDir / "corrected.png").string(), kNoPngSupport);
     }
-    const vdicom::DicomIdentity identity = DicomIdentityFromOptions(options);
-    vdicom::DicomDetector sensor;
-    sensor.pixelPitchMm = kVirtualPixelPitchMm;
     std::string error;
+    vdicom::DicomIdentity identity;
+    if (!DicomIdentityFromOptions(options.dicom, identity, error)) {
+        return Fail((outDir / "processed.dcm").string(), error);  // refused by the command line
+    }
+    vdicom::DicomDetector sensor;
+    sensor.pixelPitchMm = PixelPitchFromOptions(options.dicom, kVirtualPixelPitchMm);
     if (!CheckChain(chain, error)) {
         return Fail(chain, error);
     }
@@ -93,17 +87,13 @@ int RunDemo(int argc, char** argv) {
             return Fail(iniPath, "cannot be written");
         }
     }
-    int result = 0;
+    bool written = false;
     {
         StdoutToFile log(logPath);
-        result = WriteVirtualSensorCalibration(workDir.string(), 1, error);
+        written = WriteVirtualSensorCalibration(workDir.string(), 1, error);
     }
-    if (result == -1000) {
+    if (!written) {
         return Fail(workDir.string(), error);
-    }
-    if (result != 0) {
-        return Fail(workDir.string(), "the virtual sensor could not write its calibration (code " +
-                                          std::to_string(result) + ")");
     }
     std::printf("  %-28s %6.2f s\n", "calibration written", watch.Lap());
     std::fflush(stdout);

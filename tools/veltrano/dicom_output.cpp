@@ -1,55 +1,35 @@
 #include "dicom_output.h"
 
-#include <cstdlib>
-
-#include "options.h"
 #include "veltrano_c.h"
 
 namespace vcli {
 
-const std::set<std::string>& DicomOptionNames() {
-    static const std::set<std::string> names = {"patient-name", "patient-id", "birth-date", "sex",
-                                                "study-description", "tooth", "accession"};
-    return names;
+bool DicomIdentityFromOptions(const DicomOptions& options, vdicom::DicomIdentity& identity,
+                              std::string& error) {
+    identity = vdicom::DicomIdentity();
+    identity.patientName = options.patientName;
+    identity.patientId = options.patientId;
+    identity.birthDate = options.birthDate;
+    identity.sex = options.sex;
+    identity.studyDescription = options.studyDescription;
+    identity.tooth = options.tooth;
+    identity.accession = options.accession;
+    return vdicom::ValidateIdentity(identity, error);
 }
 
-vdicom::DicomIdentity DicomIdentityFromOptions(const Options& options) {
-    vdicom::DicomIdentity id;
-    id.patientName = options.Text("patient-name", "");
-    id.patientId = options.Text("patient-id", "");
-    id.birthDate = options.Text("birth-date", "");
-    id.sex = options.Text("sex", "");
-    id.studyDescription = options.Text("study-description", "");
-    id.tooth = options.Text("tooth", "");
-    id.accession = options.Text("accession", "");
-    std::string error;
-    if (!vdicom::ValidateIdentity(id, error)) {
-        throw UsageError(error);
-    }
-    return id;
-}
-
-bool HasDicomIdentityOptions(const Options& options) {
-    for (const std::string& name : DicomOptionNames()) {
-        if (options.Has(name)) {
+bool HasDicomIdentityOptions(const DicomOptions& options) {
+    for (const std::string* text :
+         {&options.patientName, &options.patientId, &options.birthDate, &options.sex,
+          &options.studyDescription, &options.tooth, &options.accession}) {
+        if (!text->empty()) {
             return true;
         }
     }
     return false;
 }
 
-double PixelPitchFromOptions(const Options& options) {
-    if (!options.Has(kPixelPitchOption)) {
-        return 0.0;
-    }
-    const std::string text = options.Text(kPixelPitchOption, "");
-    char* end = nullptr;
-    const double value = std::strtod(text.c_str(), &end);
-    if (text.empty() || *end != '\0' || !(value >= 0.001 && value <= 1.0)) {
-        throw UsageError("option --pixel-pitch needs a pixel pitch in millimetres from 0.001 to "
-                         "1, not '" + text + "'");
-    }
-    return value;
+double PixelPitchFromOptions(const DicomOptions& options, double sensorPitchMm) {
+    return options.pixelPitchMm > 0.0 ? options.pixelPitchMm : sensorPitchMm;
 }
 
 bool CheckDicomOutput(const std::string& target, double pitchMm, std::string& error) {

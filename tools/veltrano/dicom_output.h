@@ -3,7 +3,6 @@
 // target as it was.
 #pragma once
 
-#include <set>
 #include <string>
 
 #include "dicom/dicom_file.h"
@@ -11,20 +10,30 @@
 
 namespace vcli {
 
-class Options;
+// What the patient options and --pixel-pitch gave (demo, acquire and process take them all;
+// command_line.cpp defines them once for the three).
+struct DicomOptions {
+    // The patient options as given; empty when not given.
+    std::string patientName;
+    std::string patientId;
+    std::string birthDate;
+    std::string sex;
+    std::string studyDescription;
+    std::string tooth;
+    std::string accession;
+    double pixelPitchMm = 0.0;  // the sensor's pixel pitch, 0 when not given
+};
 
-// Option names (without "--") that fill the patient and study of a DICOM output.
-const std::set<std::string>& DicomOptionNames();
-// The pixel pitch of a sensor that does not report its own, in millimetres.
-inline const char kPixelPitchOption[] = "pixel-pitch";
-
-// The identity from the options, checked: UsageError for a bad value, so that nothing is
-// acquired or processed with it.
-vdicom::DicomIdentity DicomIdentityFromOptions(const Options& options);
+// The identity from the options, checked and in the form DICOM stores it. False with one line
+// that names the option and says what is wrong; the command line calls this during the parse,
+// so that a bad value is a usage error before anything is acquired or processed.
+bool DicomIdentityFromOptions(const DicomOptions& options, vdicom::DicomIdentity& identity,
+                              std::string& error);
 // True when any of the patient options was given.
-bool HasDicomIdentityOptions(const Options& options);
-// --pixel-pitch in millimetres, 0 when not given; UsageError for a bad value.
-double PixelPitchFromOptions(const Options& options);
+bool HasDicomIdentityOptions(const DicomOptions& options);
+// The pixel pitch for a .dcm output in millimetres: --pixel-pitch when given, else the one the
+// sensor is known to have (0: unknown).
+double PixelPitchFromOptions(const DicomOptions& options, double sensorPitchMm = 0.0);
 
 // Refuses, before any work is spent, a .dcm output in a build without DCMTK or without a known
 // pixel pitch (pitchMm 0). Returns false with a description of the problem.
