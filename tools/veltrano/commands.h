@@ -23,6 +23,9 @@ int RunCalibrate(int argc, char** argv);
 // The virtual sensor writes its own calibration files (calibrate --virtual, without the switch).
 int RunVirtualCalibrate(int argc, char** argv);
 int RunInfo(int argc, char** argv);
+// The chain studio (studio/), where the program is built with it.
+int RunStudioCommand(int argc, char** argv);
+extern const char kStudioUsage[];
 
 // Shared by the subcommands.
 

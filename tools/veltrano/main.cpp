@@ -30,6 +30,7 @@ int main(int argc, char** argv) {
         {"process", RunProcess, kProcessUsage},
         {"calibrate", RunCalibrate, kCalibrateUsage},
         {"info", RunInfo, kInfoUsage},
+        {"studio", RunStudioCommand, kStudioUsage},
     };
     for (const Entry& entry : entries) {
         if (command != entry.name) {

@@ -14,6 +14,7 @@ inline const char kMainUsage[] =
     "  process    run a post-processing chain on a 16-bit PNG or a raw image file\n"
     "  calibrate  make the sensor's gain and defect files from its own flat exposures\n"
     "  info       show the state, serial number, USB information and size of the sensor\n"
+    "  studio     tune a post-processing chain on a picture in the browser\n"
     "\n"
     "Run 'veltrano <command> --help' for the options of a command.\n"
     "Exit codes: 0 done, 1 failure, 2 usage error, 130 exposure stopped with Ctrl-C.\n";
