@@ -171,13 +171,52 @@ std::string BlockText(const StepValues& step) {
     return text;
 }
 
-std::string ChainText(const std::vector<StepValues>& steps) {
+std::string ChainText(const std::vector<StepValues>& steps, const std::string& note) {
     std::string text;
     for (const StepValues& step : steps) {
         text += BlockText(step);
     }
+    text += note;
+    if (!note.empty() && note.back() != '\n') {
+        text += '\n';
+    }
     return text;
 }
+
+bool NoteAllowed(const std::string& note, std::string& error) {
+    if (note.find('\0') != std::string::npos) {
+        error = "the note holds a NUL character";
+        return false;
+    }
+    for (size_t start = 0; start < note.size();) {
+        size_t end = note.find('\n', start);
+        if (end == std::string::npos) end = note.size();
+        if (veltrano::chain::ClosesBlock(note.substr(start, end - start))) {
+            error = "a line of the note begins with \"end\", which would make it a block";
+            return false;
+        }
+        start = end + 1;
+    }
+    return true;
+}
+
+namespace {
+
+// The text after the last line that closes a block: what the library never reads.
+std::string TrailingNote(const std::string& text) {
+    size_t after = std::string::npos;
+    for (size_t start = 0; start < text.size();) {
+        size_t end = text.find('\n', start);
+        if (end == std::string::npos) end = text.size();
+        std::string line = text.substr(start, end - start);
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        if (veltrano::chain::ClosesBlock(line)) after = end + 1;
+        start = end + 1;
+    }
+    return after == std::string::npos || after >= text.size() ? std::string() : text.substr(after);
+}
+
+}  // namespace
 
 ChainReport AnalyseChain(const std::string& text, unsigned width, unsigned height) {
     using veltrano::chain::Block;
@@ -185,6 +224,7 @@ ChainReport AnalyseChain(const std::string& text, unsigned width, unsigned heigh
     std::istringstream in(text);
     const veltrano::chain::ChainFile file = veltrano::chain::ReadChainFile(in);
     report.hasBlocks = !file.blocks.empty();
+    report.note = TrailingNote(text);
     if (!report.hasBlocks) {
         report.summary = "No complete block (no line beginning with \"end\"): the library refuses "
                          "the file and the picture is not processed.";
@@ -268,7 +308,10 @@ ChainReport AnalyseChain(const std::string& text, unsigned width, unsigned heigh
                          << high << "; the form shows " << shown;
                     report.notes.push_back(note.str());
                 }
-                entry.step.values.push_back(shown);
+                // The shortest text of the float, so that the form shows 0.04, not 0.0399999991.
+                entry.step.values.push_back(param.type == ParamType::Float
+                                                ? std::stod(FloatText(shown))
+                                                : shown);
             }
             if (entry.outcome == BlockOutcome::Runs) {
                 ++runs;

@@ -57,8 +57,13 @@ std::string FloatText(double value);
 
 // One block of chain text ("[NAME]", "label=value;" lines, "end") for a valid step.
 std::string BlockText(const StepValues& step);
-// The whole chain file for valid steps.
-std::string ChainText(const std::vector<StepValues>& steps);
+// The whole chain file for valid steps. A note goes after the last block, where the library
+// ignores it (chain files keep their explanations there).
+std::string ChainText(const std::vector<StepValues>& steps, const std::string& note = "");
+
+// True when the note can follow the blocks without changing the chain: no line of it begins
+// with "end" (it would close a block) and it holds no NUL. Otherwise false with the reason.
+bool NoteAllowed(const std::string& note, std::string& error);
 
 // What the library does with one block of a chain file.
 enum class BlockOutcome {
@@ -88,6 +93,7 @@ struct ChainReport {
     // The steps that run, in order, with their values brought within the form's limits.
     std::vector<StepValues> steps;
     std::string summary;
+    std::string note;  // the text after the last closing line, which the library ignores
 };
 
 // Reads chain text as the library reads a chain file. `width` and `height` are the picture's,

@@ -12,6 +12,7 @@
 #include <random>
 #include <sstream>
 
+#include "platform/listen_socket.h"
 #include "studio/web_assets.h"
 
 namespace studio {
@@ -131,7 +132,8 @@ json ReportJson(const ChainReport& report) {
     }
     return {{"hasBlocks", report.hasBlocks}, {"fails", report.fails},
             {"blocks", blocks},             {"notes", report.notes},
-            {"steps", StepsJson(report.steps)}, {"summary", report.summary}};
+            {"steps", StepsJson(report.steps)}, {"summary", report.summary},
+            {"note", report.note}};
 }
 
 bool ReadSmallFile(const fs::path& path, std::string& text, std::string& error) {
@@ -267,6 +269,11 @@ bool StudioServer::HostAllowed(const httplib::Request& request) const {
 
 void StudioServer::Route() {
     httplib::Server& s = *server_;
+    // httplib's own default also sets SO_REUSEPORT, which would let a second server share the
+    // port and take part of the page's requests.
+    s.set_socket_options([](socket_t socket) {
+        veltrano::platform::PrepareListeningSocket(static_cast<uint64_t>(socket));
+    });
     s.set_payload_max_length(kMaxRequestBytes);
     s.set_read_timeout(5, 0);
     s.set_write_timeout(5, 0);
@@ -287,6 +294,7 @@ void StudioServer::Route() {
             response.set_content(asset.body, asset.type);
         });
     }
+    s.Get("/favicon.ico", [](const httplib::Request&, httplib::Response& r) { r.status = 204; });
     s.Get("/api/state", [this](const httplib::Request&, httplib::Response& r) { State(r); });
     s.Get("/api/image", [this](const httplib::Request& q, httplib::Response& r) { Image(q, r); });
     s.Post("/api/process", [this](const httplib::Request& q, httplib::Response& r) { Process(q, r); });
@@ -505,7 +513,19 @@ void StudioServer::SaveChain(const httplib::Request& request, httplib::Response&
         Refuse(response, 400, error);
         return;
     }
-    const std::string text = ChainText(steps);
+    std::string note;
+    if (const auto given = body.find("note"); given != body.end()) {
+        if (!given->is_string()) {
+            Refuse(response, 400, "\"note\" must be text");
+            return;
+        }
+        note = given->get<std::string>();
+        if (!NoteAllowed(note, error)) {
+            Refuse(response, 400, error);
+            return;
+        }
+    }
+    const std::string text = ChainText(steps, note);
     if (!WriteAtomically(fs::path(chainDir_) / file, text, error)) {
         Refuse(response, 500, file + " " + error);
         return;

@@ -8,6 +8,7 @@ const $ = (id) => document.getElementById(id);
 const state = {
   table: [],          // step kinds: {name, help, params: [{label, type, min, max, initial, help}]}
   steps: [],          // the form: [{name, values: [...]}]
+  note: '',           // the text after the last block of the loaded file, kept on saving
   image: null,        // {width, height, version, label}
   before: null,       // Uint16Array of the source picture
   after: null,        // Uint16Array of the shown step's output
@@ -171,7 +172,7 @@ async function process() {
     if (ticket !== state.sent) return;
     state.run = result.run;
     state.times = result.times;
-    $('chainText').textContent = result.text;
+    $('chainText').textContent = result.text + state.note;
     renderSteps();
     renderTimes(result.totalMs);
     await showStep();
@@ -247,6 +248,7 @@ async function loadChain(name) {
                 report.blocks.every((b) => b.outcome === 'runs');
   box.hidden = clean;
   state.steps = report.steps.map((s) => ({name: s.name, values: s.values.slice()}));
+  state.note = report.note;
   state.selected = -1;
   $('fileName').value = name;
   renderSteps();
@@ -256,7 +258,7 @@ async function loadChain(name) {
 async function saveChain() {
   const name = $('fileName').value.trim();
   try {
-    const result = await api('/api/chain/save', {name, steps: state.steps});
+    const result = await api('/api/chain/save', {name, steps: state.steps, note: state.note});
     $('saveStatus').textContent = 'saved ' + result.name + ' (' + result.bytes + ' bytes)';
     await refreshFiles(result.name);
   } catch (error) {
