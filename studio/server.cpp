@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <cstdio>
 #include <filesystem>
@@ -572,6 +573,15 @@ void StudioServer::Acquire(httplib::Response& response) {
     Reply(response, 202, {{"acquiring", true}});
 }
 
+namespace {
+
+// Set by Ctrl-C (or a polite kill); a lock-free atomic is safe to set from a signal handler.
+std::atomic<bool> g_stopRequested{false};
+static_assert(std::atomic<bool>::is_always_lock_free, "the signal handler needs a lock-free flag");
+extern "C" void OnStopSignal(int) { g_stopRequested.store(true); }
+
+}  // namespace
+
 int RunStudio(const StudioOptions& options) {
     StudioServer server(options);
     std::string error;
@@ -592,7 +602,22 @@ int RunStudio(const StudioOptions& options) {
         }
     }
 #endif
+    // Ending the server rather than the process lets it remove its scratch folder.
+    g_stopRequested.store(false);
+    void (*previousInt)(int) = std::signal(SIGINT, OnStopSignal);
+    void (*previousTerm)(int) = std::signal(SIGTERM, OnStopSignal);
+    std::atomic<bool> served{false};
+    std::thread watcher([&] {
+        while (!served.load() && !g_stopRequested.load()) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+        server.Stop();
+    });
     server.Serve();
+    served.store(true);
+    watcher.join();
+    std::signal(SIGINT, previousInt);
+    std::signal(SIGTERM, previousTerm);
     return 0;
 }
 
