@@ -1,7 +1,9 @@
 #include "studio/chain_model.h"
+#include "studio/processor.h"
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdint>
 #include <filesystem>
 #include <limits>
@@ -165,6 +167,42 @@ TEST(ChainForm, NotesThatWouldBecomeBlocksAreRefused) {
     const std::vector<StepValues> steps{{"BC", {10, 1.5}}};
     EXPECT_EQ(RunLibrary(studio::ChainText(steps, "note [CLAHE]\npeak=1;")),
               RunLibrary(studio::ChainText(steps)));
+}
+
+}  // namespace
+
+namespace {
+
+// A run that a newer request overtakes stops before its next step and leaves no outputs that
+// could pass for a complete run; the next run starts again from the first changed step.
+TEST(StudioProcessor, ANewerRequestStopsARunBetweenSteps) {
+    const std::filesystem::path scratch =
+        std::filesystem::temp_directory_path() / "studio-processor-test";
+    std::filesystem::create_directories(scratch);
+    studio::Processor processor(scratch.string());
+    studio::StudioImage image;
+    image.width = kW;
+    image.height = kH;
+    image.pixels = Picture();
+    const std::vector<StepValues> steps{{"Smooth_Med", {1}}, {"BC", {100, 1.5}}};
+    std::atomic<uint64_t> latest{2};
+    std::vector<studio::StepTime> times;
+    bool cancelled = false;
+    std::string error;
+    EXPECT_FALSE(processor.Run(image, 1, steps, latest, 1, times, cancelled, error));
+    EXPECT_TRUE(cancelled);
+    EXPECT_EQ(processor.Steps(), 0u);
+
+    ASSERT_TRUE(processor.Run(image, 1, steps, latest, 2, times, cancelled, error)) << error;
+    ASSERT_EQ(processor.Steps(), 2u);
+    EXPECT_EQ(*processor.Output(1), RunLibrary(studio::ChainText(steps)));
+    EXPECT_EQ(processor.Output(2), nullptr);
+    // A new picture (version 2) makes every step run again.
+    ASSERT_TRUE(processor.Run(image, 2, steps, latest, 2, times, cancelled, error)) << error;
+    EXPECT_FALSE(times[0].reused);
+    ASSERT_TRUE(processor.Run(image, 2, steps, latest, 2, times, cancelled, error)) << error;
+    EXPECT_TRUE(times[0].reused && times[1].reused);
+    std::filesystem::remove_all(scratch);
 }
 
 }  // namespace
