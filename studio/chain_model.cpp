@@ -14,7 +14,7 @@ constexpr double kInt32Max = 2147483647.0;
 
 // The ranges are those the library's functions accept, narrowed where a value would only make
 // the step refuse the image or take minutes on a full frame without changing what it shows.
-const std::vector<StepSpec> kTable = {
+const std::vector<StepKind> kTable = {
     {"ACE", "adaptive contrast enhancement, then gamma (Ace_Gamma)",
      {{"radius", ParamType::Int, 0, 1024, 20, "half side of the local window, pixels"},
       {"alpha", ParamType::Float, 0, 100, 1, "gain factor"},
@@ -66,10 +66,10 @@ std::string Quote(const std::string& name) { return "[" + name + "]"; }
 
 }  // namespace
 
-const std::vector<StepSpec>& StepTable() { return kTable; }
+const std::vector<StepKind>& StepTable() { return kTable; }
 
-const StepSpec* FindStepSpec(const std::string& name) {
-    for (const StepSpec& step : kTable) {
+const StepKind* FindStepKind(const std::string& name) {
+    for (const StepKind& step : kTable) {
         if (name == step.name) {
             return &step;
         }
@@ -77,7 +77,7 @@ const StepSpec* FindStepSpec(const std::string& name) {
     return nullptr;
 }
 
-double MaxFor(const ParamSpec& param, unsigned width, unsigned height) {
+double MaxFor(const ParamInfo& param, unsigned width, unsigned height) {
     switch (param.maxBound) {
         case Bound::ImageWidth: return width;
         case Bound::ImageHeight: return height;
@@ -105,22 +105,22 @@ bool ValidateSteps(const std::vector<StepValues>& steps, unsigned width, unsigne
     }
     for (size_t i = 0; i < steps.size(); ++i) {
         const std::string where = "step " + std::to_string(i + 1);
-        const StepSpec* spec = FindStepSpec(steps[i].name);
-        if (spec == nullptr) {
+        const StepKind* kind = FindStepKind(steps[i].name);
+        if (kind == nullptr) {
             error = where + ": '" + steps[i].name + "' is not a step name";
             return false;
         }
-        if (steps[i].values.size() != spec->params.size()) {
-            error = where + " " + Quote(spec->name) + ": needs " +
-                    std::to_string(spec->params.size()) + " values, not " +
+        if (steps[i].values.size() != kind->params.size()) {
+            error = where + " " + Quote(kind->name) + ": needs " +
+                    std::to_string(kind->params.size()) + " values, not " +
                     std::to_string(steps[i].values.size());
             return false;
         }
-        for (size_t k = 0; k < spec->params.size(); ++k) {
-            const ParamSpec& param = spec->params[k];
+        for (size_t k = 0; k < kind->params.size(); ++k) {
+            const ParamInfo& param = kind->params[k];
             const double value = steps[i].values[k];
             const double high = MaxFor(param, width, height);
-            const std::string name = where + " " + Quote(spec->name) + ", " + param.label;
+            const std::string name = where + " " + Quote(kind->name) + ", " + param.label;
             if (!std::isfinite(value)) {
                 error = name + ": not a finite number";
                 return false;
@@ -153,10 +153,10 @@ std::string FloatText(double value) {
 }
 
 std::string BlockText(const StepValues& step) {
-    const StepSpec* spec = FindStepSpec(step.name);
+    const StepKind* kind = FindStepKind(step.name);
     std::string text = "[" + step.name + "]\n";
-    for (size_t k = 0; spec != nullptr && k < spec->params.size() && k < step.values.size(); ++k) {
-        const ParamSpec& param = spec->params[k];
+    for (size_t k = 0; kind != nullptr && k < kind->params.size() && k < step.values.size(); ++k) {
+        const ParamInfo& param = kind->params[k];
         const double value = step.values[k];
         text += param.label;
         text += '=';
@@ -240,14 +240,14 @@ ChainReport AnalyseChain(const std::string& text, unsigned width, unsigned heigh
         entry.name = veltrano::chain::StepName(block);
         entry.lines = block.size();
         const std::string where = "block " + std::to_string(b + 1);
-        const StepSpec* spec = FindStepSpec(entry.name);
-        if (spec != nullptr) {
-            entry.expected = spec->params.size() + 1;
+        const StepKind* kind = FindStepKind(entry.name);
+        if (kind != nullptr) {
+            entry.expected = kind->params.size() + 1;
         }
         if (ended) {
             entry.outcome = BlockOutcome::NotReached;
             entry.detail = "not reached";
-        } else if (spec == nullptr) {
+        } else if (kind == nullptr) {
             entry.outcome = BlockOutcome::Stops;
             entry.detail = entry.name.empty()
                                ? "no step name between \"[\" and \"]\": the chain stops here"
@@ -258,16 +258,16 @@ ChainReport AnalyseChain(const std::string& text, unsigned width, unsigned heigh
             ending = "The chain stops at " + where + ".";
         } else if (block.size() != entry.expected) {
             entry.outcome = BlockOutcome::Skipped;
-            entry.detail = "has " + std::to_string(block.size()) + " lines, " + Quote(spec->name) +
+            entry.detail = "has " + std::to_string(block.size()) + " lines, " + Quote(kind->name) +
                            " needs " + std::to_string(entry.expected) +
                            " (header included): the step does nothing and the chain goes on";
             ++skipped;
         } else {
             entry.outcome = BlockOutcome::Runs;
-            entry.step.name = spec->name;
-            for (size_t k = 0; k < spec->params.size() && entry.outcome == BlockOutcome::Runs;
+            entry.step.name = kind->name;
+            for (size_t k = 0; k < kind->params.size() && entry.outcome == BlockOutcome::Runs;
                  ++k) {
-                const ParamSpec& param = spec->params[k];
+                const ParamInfo& param = kind->params[k];
                 double value = 0.0;
                 try {
                     value = param.type == ParamType::Int
@@ -303,7 +303,7 @@ ChainReport AnalyseChain(const std::string& text, unsigned width, unsigned heigh
                 }
                 if (shown != value) {
                     std::ostringstream note;
-                    note << where << " " << Quote(spec->name) << ", " << param.label << ": "
+                    note << where << " " << Quote(kind->name) << ", " << param.label << ": "
                          << value << " is outside the form's limits " << param.min << " to "
                          << high << "; the form shows " << shown;
                     report.notes.push_back(note.str());

@@ -14,7 +14,7 @@ enum class ParamType { Int, Float };
 // A limit that depends on the picture: CLAHE needs at least one pixel per tile.
 enum class Bound { Fixed, ImageWidth, ImageHeight };
 
-struct ParamSpec {
+struct ParamInfo {
     const char* label;
     ParamType type;
     double min;
@@ -24,18 +24,18 @@ struct ParamSpec {
     Bound maxBound = Bound::Fixed;  // when not Fixed, max is the picture's width or height
 };
 
-struct StepSpec {
+struct StepKind {
     const char* name;  // as written between "[" and "]"
     const char* help;
-    std::vector<ParamSpec> params;  // in the order of the block's lines
+    std::vector<ParamInfo> params;  // in the order of the block's lines
 };
 
 // Every step kind the chain knows, in the order the library tests the names.
-const std::vector<StepSpec>& StepTable();
-const StepSpec* FindStepSpec(const std::string& name);
+const std::vector<StepKind>& StepTable();
+const StepKind* FindStepKind(const std::string& name);
 
 // The upper limit of a parameter for a picture of the given size.
-double MaxFor(const ParamSpec& param, unsigned width, unsigned height);
+double MaxFor(const ParamInfo& param, unsigned width, unsigned height);
 
 // One step of the form: its kind and one value per parameter (integers held exactly).
 struct StepValues {

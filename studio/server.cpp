@@ -99,9 +99,9 @@ bool ParseSteps(const json& body, std::vector<StepValues>& steps, std::string& e
 
 json StepTableJson(unsigned width, unsigned height) {
     json table = json::array();
-    for (const StepSpec& spec : StepTable()) {
+    for (const StepKind& kind : StepTable()) {
         json params = json::array();
-        for (const ParamSpec& param : spec.params) {
+        for (const ParamInfo& param : kind.params) {
             params.push_back({{"label", param.label},
                               {"type", param.type == ParamType::Int ? "int" : "float"},
                               {"min", param.min},
@@ -109,7 +109,7 @@ json StepTableJson(unsigned width, unsigned height) {
                               {"initial", param.initial},
                               {"help", param.help}});
         }
-        table.push_back({{"name", spec.name}, {"help", spec.help}, {"params", params}});
+        table.push_back({{"name", kind.name}, {"help", kind.help}, {"params", params}});
     }
     return table;
 }

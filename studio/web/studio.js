@@ -49,13 +49,13 @@ async function fetchPixels(query) {
 
 // ---- the chain form ----------------------------------------------------------------------
 
-function kind(name) { return state.table.find((k) => k.name === name); }
+function kindOf(name) { return state.table.find((k) => k.name === name); }
 
 function renderSteps() {
   const list = $('steps');
   list.textContent = '';
   state.steps.forEach((step, index) => {
-    const spec = kind(step.name);
+    const kind = kindOf(step.name);
     const item = document.createElement('li');
     item.className = 'step' + (index === shownStep() ? ' selected' : '');
     item.dataset.index = index;
@@ -86,9 +86,9 @@ function renderSteps() {
     fields.className = 'fields';
     const help = document.createElement('div');
     help.className = 'help';
-    help.textContent = spec.help;
+    help.textContent = kind.help;
     fields.append(help);
-    spec.params.forEach((param, k) => {
+    kind.params.forEach((param, k) => {
       const id = 'step' + index + 'param' + k;
       const label = document.createElement('label');
       label.htmlFor = id;
@@ -137,8 +137,8 @@ function remove(index) {
 }
 
 function addStep() {
-  const spec = kind($('addKind').value);
-  state.steps.push({name: spec.name, values: spec.params.map((p) => p.initial)});
+  const kind = kindOf($('addKind').value);
+  state.steps.push({name: kind.name, values: kind.params.map((p) => p.initial)});
   state.selected = -1;
   renderSteps();
   schedule();
@@ -509,7 +509,7 @@ async function acquire() {
 async function start() {
   let s = await api('/api/state');
   state.table = s.steps;
-  for (const spec of state.table) $('addKind').add(new Option(spec.name, spec.name));
+  for (const kind of state.table) $('addKind').add(new Option(kind.name, kind.name));
   $('folder').textContent = 'folder: ' + s.chainFolder;
   $('fileName').value = s.chainName;
   await refreshFiles(s.chainName);
