@@ -116,9 +116,9 @@ int CVeltrano::AcqImageEx(imgmat& image, int delayTime, int triggerMode, int tri
             break;
         }
         m_progress = 7;
-        SleepMs(100);
+        SleepMs(veltrano::detail::ScaledForTesting(100));
         m_progress = 8;
-        SleepMs(100);
+        SleepMs(veltrano::detail::ScaledForTesting(100));
 
         {
             std::lock_guard<std::mutex> lock(Detectors().mutex);
@@ -145,7 +145,7 @@ int CVeltrano::AcqImageEx(imgmat& image, int delayTime, int triggerMode, int tri
 
         m_endSign = 1;
         m_progress = 9;
-        SleepMs(100);
+        SleepMs(veltrano::detail::ScaledForTesting(100));
         m_progress = 10;
     } while (false);
 
