@@ -106,8 +106,11 @@ TEST_P(AcquisitionFault, GivesItsCodeAndMessage) {
     const FaultCase& c = GetParam();
     const std::string kStart = "//////////////////start//////////////////////\n";
     ShortTimes shortTimes;
+    // A refusal comes before the calibration files are looked for: those cases go without them.
     WorkDir dir("SensorSize = 1000");
-    ASSERT_EQ(WriteCalibration(dir.str(), 1), 0);
+    if (c.code < -2) {
+        ASSERT_EQ(WriteCalibration(dir.str(), 1), 0);
+    }
     dir.configure(std::string("SensorSize = 1000\nScene = flat\n") + c.ini);
     if (*c.before != '\0' && std::string(c.before) != "Deinit") {
         fs::remove(dir.calibrationFolder() / c.before);
