@@ -6,12 +6,17 @@
 #include <fstream>
 
 #include "calibration/calibration_internal.h"
+#include "driver_interface/calibration_layout.h"
 #include "imgproc/frame_passes.h"
 
 namespace veltrano {
 namespace {
 constexpr int kBins = 65536;
 }  // namespace
+
+// The acquisition skips exactly this many bytes of every calibration file.
+static_assert(CalibrationHeader::kBytes == fpdsys::kCalibrationHeaderBytes,
+              "the calibration header has the size the detector skips");
 
 namespace calibration {
 namespace {

@@ -18,6 +18,7 @@
 #include <fstream>
 
 #include "calibration/calibration_internal.h"
+#include "driver_interface/calibration_layout.h"
 #include "platform/directory.h"
 
 namespace veltrano {
@@ -157,7 +158,9 @@ void DropJournal(const std::string& path) {
 
 }  // namespace
 
-std::string CalibrationFolderOf(const std::string& workDir) { return workDir + "/Correct/Default"; }
+std::string CalibrationFolderOf(const std::string& workDir) {
+    return workDir + fpdsys::kCalibrationFolder;
+}
 
 std::string ScratchFolderOf(const std::string& workDir) { return workDir + "/calibration-scratch"; }
 
@@ -184,8 +187,8 @@ bool ReplaceCalibration(const std::string& workDir,
         message = "the calibration folder " + folder + " cannot be made";
         return false;
     }
-    const std::vector<std::string> gains = FindByExtension(folder, "gn");
-    const std::vector<std::string> defects = FindByExtension(folder, "dft");
+    const std::vector<std::string> gains = FindByExtension(folder, fpdsys::kGainExtension);
+    const std::vector<std::string> defects = FindByExtension(folder, fpdsys::kDefectExtension);
     const std::string gain = gains.empty() ? folder + "/Calibration.gn" : gains.front();
     const std::string defect = defects.empty() ? folder + "/Calibration.dft" : defects.front();
     const std::string newGain = gain + kNewSuffix;

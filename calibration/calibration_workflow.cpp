@@ -11,7 +11,7 @@
 #include <thread>
 
 #include "calibration/calibration_internal.h"
-#include "detector/detector_internal.h"
+#include "driver_interface/sensor_sizes.h"
 #include "platform/system.h"
 #include "veltrano/calibration_builder.h"
 #include "veltrano/detector.h"
@@ -239,7 +239,7 @@ int Run::execute() {
                     "the sensor could not be connected (code " + std::to_string(connected) + ")");
     }
     run.connected = true;
-    const detail::SensorSizeRow* row = detail::FindSensorRow(detector.GetSensorSize());
+    const fpdsys::SensorSizeRow* row = fpdsys::FindSensorRow(detector.GetSensorSize());
     if (row == nullptr) {
         return fail(kCalibrationNoSensor, "the sensor reports a size that is not supported");
     }

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "capi/capi_support.h"
-#include "detector/detector_internal.h"
+#include "driver_interface/sensor_sizes.h"
 #include "veltrano/detector.h"
 #include "veltrano/imgmat.h"
 
@@ -137,8 +137,8 @@ std::string AcquisitionMessage(int code, bool handshakeWasSet, bool sizeWasUnkno
     }
 }
 
-const veltrano::detail::SensorSizeRow* SensorRow(Detector& detector) {
-    return veltrano::detail::FindSensorRow(detector.GetSensorSize());
+const fpdsys::SensorSizeRow* SensorRow(Detector& detector) {
+    return fpdsys::FindSensorRow(detector.GetSensorSize());
 }
 
 int Acquire(vt_CVeltrano& handle, imgmat& image, int delayTime, int triggerMode,
@@ -278,7 +278,7 @@ VT_API int VT_CALL vt_CVeltrano_GetSensorSize(vt_CVeltrano* detector) {
 VT_API int VT_CALL vt_CVeltrano_GetImageSize(vt_CVeltrano* detector, uint32_t* width,
                                              uint32_t* height) {
     return Call(detector, "GetImageSize", [&](vt_CVeltrano& h) {
-        const veltrano::detail::SensorSizeRow* row = SensorRow(h.detector);
+        const fpdsys::SensorSizeRow* row = SensorRow(h.detector);
         if (width != nullptr) *width = row != nullptr ? static_cast<uint32_t>(row->width) : 0;
         if (height != nullptr) *height = row != nullptr ? static_cast<uint32_t>(row->height) : 0;
         return row != nullptr ? 0 : -1;
@@ -306,7 +306,7 @@ VT_API int VT_CALL vt_CVeltrano_AcqImageEx(vt_CVeltrano* detector, float* buffer
     if (height != nullptr) *height = 0;
     return Call(detector, "AcqImageEx", [&](vt_CVeltrano& h) {
         // Refused before the exposure, so that no image is taken only to be lost.
-        const veltrano::detail::SensorSizeRow* row = SensorRow(h.detector);
+        const fpdsys::SensorSizeRow* row = SensorRow(h.detector);
         if (row != nullptr && (buffer == nullptr || static_cast<unsigned long long>(row->width) *
                                                             static_cast<unsigned long long>(row->height) >
                                                         capacity)) {

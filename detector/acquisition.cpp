@@ -1,14 +1,16 @@
 // One exposure: the hand-shake with the host, arming the sensor, waiting for the callback's
 // image, the corrections and the outlier statistics.
-#include <algorithm>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "detector/detector_internal.h"
 #include "detector/driver_binding.h"
-#include "imgproc/frame_passes.h"
+#include "driver_interface/fpdsys_api.h"
+#include "driver_interface/sensor_sizes.h"
+#include "imgproc/frame_statistics.h"
 #include "platform/system.h"
 #include "veltrano/detector.h"
 
@@ -22,14 +24,15 @@ using veltrano::platform::SleepMs;
 
 namespace {
 
-constexpr int kHistogramBins = 65536;
-
-// The columns c of row r with r + c > cornerCut and c - r < columns - cornerCut, the pixels
-// outside the two cut upper corners: begin .. end (exclusive), empty when begin >= end.
-void ColumnsOutsideCutCorners(long long r, long long columns, long long cornerCut, long long& begin,
-                              long long& end) {
-    begin = std::max(0LL, cornerCut - r + 1);
-    end = std::min(columns, columns - cornerCut + r);
+// The two commands issued before each exposure: command 6 with 0x20000, then the user-RAM write,
+// whose result is logged. False when either failed.
+bool PrepareSensor(DriverBinding& binding) {
+    const int prepared =
+        binding.RunCommand(fpdsys::kCmdPrepare, {DriverBinding::IntParam(0x20000)}, 2000);
+    const int userRam = binding.RunCommand(fpdsys::kCmdWriteUserRam, {}, 1000);
+    LogLine("Write User RAM Result:" + binding.ErrorText(userRam));
+    LogLine("");
+    return prepared == 0 && userRam == 0;
 }
 
 }  // namespace
@@ -52,17 +55,8 @@ int CVeltrano::AcqImageEx(imgmat& image, int delayTime, int triggerMode, int tri
     LogLine("//////////////////start//////////////////////");
     const int sensorSize = m_sensorSize;
     LogLine("SensorSize:" + std::to_string(sensorSize));
-    int code = 0;
-    const veltrano::detail::SensorSizeRow* sensor = veltrano::detail::FindSensorRow(sensorSize);
-    const int endSign = m_endSign;
-    const int progress = m_progress;
-    if (endSign != 0 || progress != 0 || sensor == nullptr) {
-        if (endSign != 0 && progress != 0) {
-            LogLine("Please reset endSign and progress!");
-        }
-        if (sensor == nullptr) {
-            LogLine("Sensor Size is not right!");
-        }
+    const fpdsys::SensorSizeRow* sensor = fpdsys::FindSensorRow(sensorSize);
+    if (!ReadyForExposure(sensor != nullptr)) {
         return -1;
     }
     std::shared_ptr<DriverBinding> binding = CurrentBinding();
@@ -70,85 +64,120 @@ int CVeltrano::AcqImageEx(imgmat& image, int delayTime, int triggerMode, int tri
         LogText("Please Connect firmWare!\n");
         return -2;
     }
+    const int code = ExposeAndCorrect(*binding, sensor->cornerCut, image, delayTime, triggerMode,
+                                      triggerThreshold);
+    return FinishAcquisition(code);
+}
 
-    do {
-        if (m_userStop) {
-            break;
-        }
-        if (GetAndCaliFile_Gain() != 0 || GetBadPixelInfo() != 0) {
-            LogText("No CaliFile!\n");
-            code = -3;
-            break;
-        }
-        if (m_userStop) {
-            break;
-        }
+bool CVeltrano::ReadyForExposure(bool sizeKnown) {
+    const int endSign = m_endSign;
+    const int progress = m_progress;
+    if (endSign == 0 && progress == 0 && sizeKnown) {
+        return true;
+    }
+    if (endSign != 0 && progress != 0) {
+        LogLine("Please reset endSign and progress!");
+    }
+    if (!sizeKnown) {
+        LogLine("Sensor Size is not right!");
+    }
+    return false;
+}
 
-        // A failed setting is recorded but the exposure goes on; the last failure wins.
-        if (SetDelayTime(delayTime) != 0) {
-            code = -4;
-        }
-        if (SetTriggerMode(triggerMode) != 0) {
-            code = -5;
-        }
-        if (SetTriggerThreshold(triggerThreshold) != 0) {
-            code = -6;
-        }
-        const int prepared =
-            binding->RunCommand(fpdsys::kCmdPrepare, {DriverBinding::IntParam(0x20000)}, 2000);
-        const int userRam = binding->RunCommand(fpdsys::kCmdWriteUserRam, {}, 1000);
-        LogLine("Write User RAM Result:" + binding->ErrorText(userRam));
-        LogLine("");
-        if (prepared != 0 || userRam != 0) {
-            code = -7;
-        }
+int CVeltrano::ExposeAndCorrect(DriverBinding& binding, int cornerCut, imgmat& image,
+                                int delayTime, int triggerMode, int triggerThreshold) {
+    // A stop leaves with the code reached so far; the caller still ends the acquisition.
+    if (m_userStop) {
+        return 0;
+    }
+    if (!LoadCalibration()) {
+        return -3;
+    }
+    if (m_userStop) {
+        return 0;
+    }
+    // Failed settings and preparation are recorded, but the exposure goes on.
+    int code = ApplyExposureSettings(delayTime, triggerMode, triggerThreshold);
+    if (!PrepareSensor(binding)) {
+        code = -7;
+    }
 
-        m_progress = 6;
-        const int waited = WaitForImage();
-        if (waited == -1) {
-            code = -8;
-            LogLine("Detector has an Error when getting an image!");
-            break;
-        }
-        if (waited == -2) {
-            code = -9;
-            LogLine("Stop waitting!");
-            break;
-        }
-        m_progress = 7;
-        SleepMs(veltrano::detail::ScaledForTesting(100));
-        m_progress = 8;
-        SleepMs(veltrano::detail::ScaledForTesting(100));
+    m_progress = 6;
+    const int waited = WaitForImage();
+    if (waited == -1) {
+        LogLine("Detector has an Error when getting an image!");
+        return -8;
+    }
+    if (waited == -2) {
+        LogLine("Stop waitting!");
+        return -9;
+    }
+    m_progress = 7;
+    SleepMs(veltrano::detail::ScaledForTesting(100));
+    m_progress = 8;
+    SleepMs(veltrano::detail::ScaledForTesting(100));
 
-        {
-            std::lock_guard<std::mutex> lock(Detectors().mutex);
-            image = m_rawImage;
-        }
-        if (image.data == nullptr || m_defectMap.data == nullptr) {
-            code = -10;
-            LogLine("Post Processs Failed!");
-            break;
-        }
-        DoGainCorrection(image);
-        DoFixBadPixel(image, m_defectMap);
+    if (!TakeDeliveredImage(image)) {
+        LogLine("Post Processs Failed!");
+        return -10;
+    }
+    CorrectImage(image, cornerCut);
+    m_endSign = 1;
+    m_progress = 9;
+    SleepMs(veltrano::detail::ScaledForTesting(100));
+    m_progress = 10;
+    return code;
+}
 
-        // The outlier statistics are computed on every image, but repairing the outliers they
-        // mark is switched off: the returned image is the corrected one, unchanged.
-        int lowLevel = 0;
-        int highLevel = 0;
-        imgmat outliers;
-        CalcOutlierMarks(image, sensor->cornerCut, lowLevel, highLevel, outliers);
-        bool repairOutliers = false;
-        if (repairOutliers) {
-            DoFixBadPixel(image, outliers);
-        }
+bool CVeltrano::LoadCalibration() {
+    if (GetAndCaliFile_Gain() != 0 || GetBadPixelInfo() != 0) {
+        LogText("No CaliFile!\n");
+        return false;
+    }
+    return true;
+}
 
-        m_endSign = 1;
-        m_progress = 9;
-        SleepMs(veltrano::detail::ScaledForTesting(100));
-        m_progress = 10;
-    } while (false);
+int CVeltrano::ApplyExposureSettings(int delayTime, int triggerMode, int triggerThreshold) {
+    // Each setting is written whatever the one before answered; the last failure wins.
+    int code = 0;
+    if (SetDelayTime(delayTime) != 0) {
+        code = -4;
+    }
+    if (SetTriggerMode(triggerMode) != 0) {
+        code = -5;
+    }
+    if (SetTriggerThreshold(triggerThreshold) != 0) {
+        code = -6;
+    }
+    return code;
+}
 
+bool CVeltrano::TakeDeliveredImage(imgmat& image) {
+    {
+        std::lock_guard<std::mutex> lock(Detectors().mutex);
+        image = m_rawImage;
+    }
+    return image.data != nullptr && m_defectMap.data != nullptr;
+}
+
+void CVeltrano::CorrectImage(imgmat& image, int cornerCut) {
+    // Their results are not checked: each logs its own failure.
+    DoGainCorrection(image);
+    DoFixBadPixel(image, m_defectMap);
+
+    // The outlier statistics are computed on every image, but repairing the outliers they
+    // mark is switched off: the returned image is the corrected one, unchanged.
+    int lowLevel = 0;
+    int highLevel = 0;
+    imgmat outliers;
+    CalcOutlierMarks(image, cornerCut, lowLevel, highLevel, outliers);
+    bool repairOutliers = false;
+    if (repairOutliers) {
+        DoFixBadPixel(image, outliers);
+    }
+}
+
+int CVeltrano::FinishAcquisition(int code) {
     if (m_userStop) {
         LogText("Stop operation! \r\n");
     }
@@ -203,48 +232,22 @@ int CVeltrano::WaitForImage() {
 void CVeltrano::CalcOutlierMarks(const imgmat& image, int cornerCut, int& lowLevel,
                                  int& highLevel, imgmat& marks) {
     lowLevel = 0;
-    highLevel = kHistogramBins - 1;
+    highLevel = veltrano::kSensorBins - 1;
     marks.clearData();
     if (image.data == nullptr) {
         return;
     }
-    const long long rows = static_cast<long long>(image.height);
-    const long long columns = static_cast<long long>(image.width);
-
-    // The pixels outside the two corners form one run of columns per row.
-    std::vector<int32_t> histogram(kHistogramBins, 0);
-    for (long long r = 0; r < rows; ++r) {
-        long long begin = 0;
-        long long end = 0;
-        ColumnsOutsideCutCorners(r, columns, cornerCut, begin, end);
-        if (begin < end) {
-            veltrano::CountFloatBins(image.data + r * columns + begin, static_cast<size_t>(end - begin),
-                                     veltrano::FloatBinRule::Clamped, histogram.data());
-        }
-    }
-
-    long long sum = 0;
-    for (int bin = kHistogramBins - 1; bin >= 0; --bin) {
-        sum += histogram[bin];
-        if (sum > 1000 || bin <= 20000) {
-            highLevel = bin;
-            break;
-        }
-    }
-    sum = 0;
-    for (int bin = 0; bin < kHistogramBins; ++bin) {
-        sum += histogram[bin];
-        if (sum > 1000 || bin >= 200) {
-            lowLevel = bin;
-            break;
-        }
-    }
+    const auto rows = static_cast<size_t>(image.height);
+    const auto columns = static_cast<size_t>(image.width);
+    std::vector<int32_t> histogram(veltrano::kSensorBins, 0);
+    veltrano::CountOutsideCutCorners(image.data, rows, columns, cornerCut, histogram.data());
+    const veltrano::OutlierLevels levels = veltrano::FindOutlierLevels(histogram.data());
+    lowLevel = levels.low;
+    highLevel = levels.high;
 
     // The marks have the defect map's size; pixels of an image larger than the map fall
     // outside it and are not marked.
-    const long long markRows = static_cast<long long>(m_defectMap.height);
-    const long long markColumns = static_cast<long long>(m_defectMap.width);
-    if (m_defectMap.data == nullptr || markRows == 0 || markColumns == 0) {
+    if (m_defectMap.data == nullptr || m_defectMap.height == 0 || m_defectMap.width == 0) {
         return;
     }
     marks.width = m_defectMap.width;
@@ -255,17 +258,7 @@ void CVeltrano::CalcOutlierMarks(const imgmat& image, int cornerCut, int& lowLev
         return;
     }
     marks = 0.0f;
-    const float low = static_cast<float>(lowLevel);
-    const float high = static_cast<float>(highLevel);
-    for (long long r = 0; r < rows && r < markRows; ++r) {
-        long long begin = 0;
-        long long end = 0;
-        ColumnsOutsideCutCorners(r, columns, cornerCut, begin, end);
-        end = std::min(end, markColumns);
-        const float* values = image.data + r * columns;
-        float* row = marks.data + r * markColumns;
-        for (long long c = begin; c < end; ++c) {
-            row[c] = (values[c] < low || values[c] > high) ? 1.0f : row[c];
-        }
-    }
+    veltrano::MarkOutliers(image.data, rows, columns, cornerCut, static_cast<float>(lowLevel),
+                           static_cast<float>(highLevel), marks.data,
+                           static_cast<size_t>(marks.height), static_cast<size_t>(marks.width));
 }

@@ -8,7 +8,9 @@
 #include <vector>
 
 #include "detector/detector_internal.h"
-#include "imgproc/frame_passes.h"
+#include "driver_interface/calibration_layout.h"
+#include "driver_interface/sensor_sizes.h"
+#include "imgproc/frame_statistics.h"
 #include "platform/directory.h"
 #include "veltrano/defect_repair.h"
 #include "veltrano/detector.h"
@@ -19,17 +21,29 @@ using veltrano::detail::LogLine;
 
 namespace {
 
-constexpr unsigned long long kHeaderBytes = 1040;
-constexpr int kHistogramBins = 65536;
+constexpr unsigned long long kHeaderBytes = fpdsys::kCalibrationHeaderBytes;
+// The number of brightest pixels whose mean chooses among four gain frames.
+constexpr uint32_t kBrightPixels = 5000;
 constexpr int kRawUnsigned8 = 1;
 constexpr int kRawUnsigned16 = 3;
 constexpr int kFloatPixels = 6;
 constexpr int kFourBytePixels = 8;
 
+// The calibration image dimensions for a sensor size code: its row's, or 1300 x 1800 when the
+// code is not in the table.
+void CalibrationSize(int code, unsigned long long& width, unsigned long long& height) {
+    const fpdsys::SensorSizeRow* row = fpdsys::FindSensorRow(code);
+    width = static_cast<unsigned long long>(row != nullptr ? row->width
+                                                           : fpdsys::kDefaultCalibrationWidth);
+    height = static_cast<unsigned long long>(row != nullptr ? row->height
+                                                            : fpdsys::kDefaultCalibrationHeight);
+}
+
 // The first file below workDir/Correct/Default whose extension (the text after the last dot of
 // its name) is ext, in the order the folder listing returns them; empty when there is none.
 std::string FindCalibrationFile(const std::string& workDir, const std::string& ext) {
-    for (const std::string& path : veltrano::platform::ListFilesRecursive(workDir + "/Correct/Default")) {
+    for (const std::string& path :
+         veltrano::platform::ListFilesRecursive(workDir + fpdsys::kCalibrationFolder)) {
         const size_t dot = path.rfind('.');
         const size_t separator = path.find_last_of("/\\");
         if (dot == std::string::npos || (separator != std::string::npos && dot < separator)) {
@@ -64,16 +78,15 @@ bool FitsInt(unsigned long long value) { return value <= static_cast<unsigned lo
 }  // namespace
 
 int CVeltrano::GetAndCaliFile_Gain() {
-    const std::string path = FindCalibrationFile(m_workDir, "gn");
+    const std::string path = FindCalibrationFile(m_workDir, fpdsys::kGainExtension);
     const unsigned long long size = path.empty() ? 0 : FileSize(path);
     bool loaded = size > 0;
     if (loaded) {
         unsigned long long width = 0;
         unsigned long long height = 0;
-        veltrano::detail::CalibrationSize(m_sensorSize, width, height);
+        CalibrationSize(m_sensorSize, width, height);
         const unsigned long long frameBytes = width * height * 2;
-        // A file of at most two frames' size holds one frame; a longer one holds four.
-        const size_t frames = size <= 2 * frameBytes ? 1 : 4;
+        const auto frames = static_cast<size_t>(fpdsys::GainFrameCount(size, frameBytes));
         m_gainImages.resize(frames);
         m_gainLevels.resize(frames);
         for (size_t i = 0; i < frames && loaded; ++i) {
@@ -128,17 +141,16 @@ void CVeltrano::CalcGainMat(imgmat& flat, imgmat& gain) {
             return;
         }
     }
-    const double mean = veltrano::SumInDouble(flat.data, static_cast<size_t>(count)) / static_cast<double>(count);
-    veltrano::GainFromMean(flat.data, gain.data, static_cast<size_t>(count), mean);
+    veltrano::FlatFieldGain(flat.data, gain.data, static_cast<size_t>(count));
 }
 
 int CVeltrano::GetBadPixelInfo() {
     if (m_defectMap.data == nullptr) {
-        const std::string path = FindCalibrationFile(m_workDir, "dft");
+        const std::string path = FindCalibrationFile(m_workDir, fpdsys::kDefectExtension);
         if (!path.empty()) {
             unsigned long long width = 0;
             unsigned long long height = 0;
-            veltrano::detail::CalibrationSize(m_sensorSize, width, height);
+            CalibrationSize(m_sensorSize, width, height);
             m_defectMap.readRawFile(path.c_str(), width, height, kHeaderBytes, kRawUnsigned8);
         }
     }
@@ -156,31 +168,11 @@ int CVeltrano::DoGainCorrection(imgmat& image) {
         result = image.doMul(m_gainImages[0]);
     } else if (m_gainImages.size() == 4 && image.data != nullptr) {
         // Four frames taken at different exposures: use the one whose level is nearest to the
-        // mean of the image's brightest 5000 pixels.
-        std::vector<int32_t> histogram(kHistogramBins, 0);
+        // mean of the image's brightest pixels.
         const unsigned long long count = image.width * image.height * image.depth;
-        veltrano::CountFloatBins(image.data, static_cast<size_t>(count), veltrano::FloatBinRule::InRangeOnly,
-                                 histogram.data());
-        double weighted = 0.0;
-        double counted = 0.0;
-        for (int bin = kHistogramBins - 1; bin >= 0; --bin) {
-            weighted += static_cast<double>(histogram[bin]) * bin;
-            counted += histogram[bin];
-            if (counted >= 5000.0) {
-                break;
-            }
-        }
-        // An image with no pixel in range has no bright mean; it counts as 0.
-        const double brightMean = counted > 0.0 ? weighted / counted : 0.0;
-        size_t chosen = 0;
-        double best = 4294967296.0;
-        for (size_t i = 0; i < m_gainLevels.size(); ++i) {
-            const double difference = m_gainLevels[i] - brightMean;
-            if (difference * difference < best) {
-                best = difference * difference;
-                chosen = i;
-            }
-        }
+        const double brightMean =
+            veltrano::BrightMean(image.data, static_cast<size_t>(count), kBrightPixels);
+        const size_t chosen = veltrano::NearestLevel(m_gainLevels, brightMean);
         result = image.doMul(m_gainImages[chosen]);
     }
     LogLine(result == 1 ? "Success to do GainCorrection" : "Fail to do GainCorrection!");

@@ -1,5 +1,6 @@
-// Pieces shared by the detector object's source files: the sensor size table, the events of an
-// object and its copies, the process-wide list of detector objects, and the log output.
+// Pieces shared by the detector object's source files: the events of an object and its copies,
+// the process-wide list of detector objects, and the log output. The sensor size table and the
+// driver's interface are in driver_interface/, which the virtual sensor shares.
 #pragma once
 
 #include <atomic>
@@ -12,22 +13,6 @@
 class CVeltrano;
 
 namespace veltrano::detail {
-
-// One row of the sensor size table: the code GetSensorSize returns, the two image dimensions the
-// driver reports (attributes 5007 and 5008), and the side of the cut upper corners.
-struct SensorSizeRow {
-    int code;
-    int width;
-    int height;
-    int cornerCut;
-};
-
-// Null when the code is not in the table.
-const SensorSizeRow* FindSensorRow(int code);
-// The first row, in table order, with these two image dimensions; null when there is none.
-const SensorSizeRow* MatchSensorRow(int width, int height);
-// The calibration image dimensions for a code: its row's, or 1300 x 1800 when it has none.
-void CalibrationSize(int code, unsigned long long& width, unsigned long long& height);
 
 // The next-step event (signalled by the callback once an image has arrived, and by StopAcq) and
 // the auxiliary event (signalled when the wait for an image can no longer succeed).
@@ -46,6 +31,10 @@ struct DetectorList {
     std::vector<CVeltrano*> members;
 };
 DetectorList& Detectors();
+// Appends a detector to the list (the constructor and RegisterMember).
+void AddDetector(CVeltrano* detector);
+// The destructor's removal of a detector from the list (see registry.cpp).
+void RemoveDetector(const CVeltrano* detector);
 
 // One line on standard output, written in one piece so lines of different threads do not mix.
 void LogLine(const std::string& text);

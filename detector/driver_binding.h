@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "detector/fpdsys_api.h"
+#include "driver_interface/fpdsys_api.h"
 #include "platform/dynamic_library.h"
 #include "platform/event.h"
 #include "veltrano/export.h"

@@ -58,8 +58,6 @@ std::string MakeChain(FuzzedDataProvider& in) {
 
 // What a step costs grows with its numbers as its header states (a search window of
 // (2s+1)^2 pixels for every pixel, for one); inputs past a few seconds of work say nothing new.
-// The open defect of the denoiser, whose cost grows with the patch radius as well, is stepped
-// around unless asked for.
 bool TooCostly(const std::string& text, uint64_t pixels) {
     std::istringstream stream(text);
     const veltrano::chain::ChainFile file = veltrano::chain::ReadChainFile(stream);
@@ -67,10 +65,8 @@ bool TooCostly(const std::string& text, uint64_t pixels) {
         const std::string name = veltrano::chain::StepName(block);
         try {
             if (name == "FastNLM" && block.size() == 4) {
-                const int64_t p = veltrano::chain::IntParam(block, 1);
                 const int64_t s = veltrano::chain::IntParam(block, 2);
                 if (s > 0 && s <= 4096 && pixels * static_cast<uint64_t>((2 * s + 1) * (2 * s + 1)) > 40000000) return true;
-                if (p > 16 && !fuzz::IncludeKnownDefects()) return true;
             }
             if (name == "Smooth_Med" && block.size() == 2) {
                 const int64_t r = veltrano::chain::IntParam(block, 1);

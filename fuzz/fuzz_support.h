@@ -58,16 +58,6 @@ inline std::string ReadFile(const std::string& path) {
     return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-// Known, open defects of the processing library that a short run must step around until they
-// are fixed: off unless the environment sets VELTRANO_FUZZ_KNOWN_DEFECTS=1 (docs/reliability.md).
-inline bool IncludeKnownDefects() {
-    static const bool include = [] {
-        const char* value = std::getenv("VELTRANO_FUZZ_KNOWN_DEFECTS");
-        return value != nullptr && std::strcmp(value, "1") == 0;
-    }();
-    return include;
-}
-
 // The library's console lines would drown libFuzzer's own; they go to the null device.
 inline void SilenceStdout() {
     static const bool done = [] { return std::freopen("/dev/null", "w", stdout) != nullptr; }();

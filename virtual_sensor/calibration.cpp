@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "driver_interface/calibration_layout.h"
 #include "sensor_model.h"
 #include "settings.h"
 #include "virtual_sensor.h"
@@ -17,7 +18,7 @@
 namespace virtual_sensor {
 namespace {
 
-constexpr size_t kHeaderSize = 1040;
+constexpr size_t kHeaderSize = fpdsys::kCalibrationHeaderBytes;
 constexpr uint32_t kHeaderVersion = 1;
 constexpr uint32_t kKindGain = 1;
 constexpr uint32_t kKindDefects = 2;
@@ -88,7 +89,7 @@ int WriteCalibration(const char* workDir, int frames) {
         return kBadSettings;
     }
     std::error_code error;
-    const std::filesystem::path folder = std::filesystem::path(workDir) / "Correct" / "Default";
+    const std::filesystem::path folder = std::string(workDir) + fpdsys::kCalibrationFolder;
     std::filesystem::create_directories(folder, error);
     if (!std::filesystem::is_directory(folder, error)) {
         return kNoFolder;

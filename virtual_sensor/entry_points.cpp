@@ -9,7 +9,7 @@
 #include <mutex>
 #include <string>
 
-#include "detector/fpdsys_api.h"
+#include "driver_interface/fpdsys_api.h"
 #include "error_codes.h"
 #include "instance.h"
 #include "settings.h"

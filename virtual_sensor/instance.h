@@ -17,7 +17,7 @@
 #include <thread>
 #include <vector>
 
-#include "detector/fpdsys_api.h"
+#include "driver_interface/fpdsys_api.h"
 #include "sensor_model.h"
 #include "settings.h"
 

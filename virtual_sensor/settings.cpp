@@ -8,22 +8,10 @@
 #include <fstream>
 #include <sstream>
 
+#include "driver_interface/sensor_sizes.h"
+
 namespace virtual_sensor {
 namespace {
-
-struct Geometry {
-    int size;
-    int width;
-    int height;
-    int cornerCut;
-};
-// The three sensors that exist; the dimensions are the ones the detector object expects from
-// attributes 5007 and 5008.
-constexpr Geometry kGeometries[] = {
-    {1000, 1000, 1500, 211},
-    {1500, 1200, 1650, 251},
-    {2000, 1300, 1800, 281},
-};
 
 constexpr int kMinDimension = 16;
 constexpr int kMaxDimension = 8192;
@@ -214,15 +202,16 @@ bool FindFault(const std::vector<Fault>& faults, int id, int& code) {
 }  // namespace
 
 bool SensorGeometry(int sensorSize, int& width, int& height, int& cornerCut) {
-    for (const Geometry& g : kGeometries) {
-        if (g.size == sensorSize) {
-            width = g.width;
-            height = g.height;
-            cornerCut = g.cornerCut;
-            return true;
-        }
+    // The sizes that exist are the ones the detector object expects from attributes 5007 and
+    // 5008.
+    const fpdsys::SensorSizeRow* row = fpdsys::FindSensorRow(sensorSize);
+    if (row == nullptr) {
+        return false;
     }
-    return false;
+    width = row->width;
+    height = row->height;
+    cornerCut = row->cornerCut;
+    return true;
 }
 
 int Settings::columns() const {

@@ -20,10 +20,21 @@
 // each tile's mapping 0; negative or NaN float values fall into bin 0; a mapping that comes out
 // NaN stores 0 in integer images. Source and destination may be the same buffer.
 //
+// Limits and costs. An image of more than 2^28 pixels, or tile tables of more than 2^28
+// entries (widthBlockNum x heightBlockNum x histBin after clamping), is refused with -2 before
+// anything is allocated or any pixel read (histBin is still clamped into the record). Below
+// that, a call reads the image two or three times and needs 4 bytes per table entry, plus, at
+// the vector level, 16 bytes per entry for tables of up to 2^19 entries (for which it keeps a
+// second, interleaved copy); the Reference level needs 8 bytes per entry and, in place, a copy
+// of the image. The work grows with the table as well as with the image: 8 x 8 tiles of 65536
+// bins (4 Mi entries, 16 MiB) cost several times the default 256 bins on a 1300 x 1800 frame,
+// and a table at the 2^28 limit takes 1 GiB and seconds.
+//
 // Results: 1 done; 0 null source; -1 null record, widthBlockNum outside 1..width or
 // heightBlockNum outside 1..height (so also any width or height below 1); -2 the tile tables
-// could not be allocated; -3 the histogram stage met a null pointer; -4 the mapping stage met a
-// null pointer (a null destination is found there, after the record has been updated).
+// could not be allocated, or the image or tables exceed the limits above; -3 the histogram stage
+// met a null pointer; -4 the mapping stage met a null pointer (a null destination is found there,
+// after the record has been updated).
 #pragma once
 
 #include <cstdint>

@@ -107,6 +107,18 @@ protected:
                           imgmat& marks);
 
 private:
+    // The steps of AcqImageEx. ReadyForExposure checks the host's hand-shake and the sensor
+    // size; ExposeAndCorrect runs from loading the calibration to the corrected image and
+    // returns the acquisition's code; FinishAcquisition writes the end sign and progress.
+    bool ReadyForExposure(bool sizeKnown);
+    int ExposeAndCorrect(veltrano::detail::DriverBinding& binding, int cornerCut, imgmat& image,
+                         int delayTime, int triggerMode, int triggerThreshold);
+    bool LoadCalibration();
+    int ApplyExposureSettings(int delayTime, int triggerMode, int triggerThreshold);
+    bool TakeDeliveredImage(imgmat& image);
+    void CorrectImage(imgmat& image, int cornerCut);
+    int FinishAcquisition(int code);
+
     void CopyFrom(const CVeltrano& other);
     std::shared_ptr<veltrano::detail::DriverBinding> CurrentBinding() const;
     int ApplySetting(int attribute, int value, const char* const* messages);

@@ -1,6 +1,8 @@
 #include "platform/dynamic_library.h"
 
 #include <dlfcn.h>
+#include <limits.h>
+#include <unistd.h>
 
 namespace veltrano::platform {
 
@@ -13,7 +15,14 @@ std::string OwnFolder() {
     if (::dladdr(reinterpret_cast<void*>(&OwnFolder), &info) == 0 || info.dli_fname == nullptr) {
         return {};
     }
-    const std::string path = info.dli_fname;
+    std::string path = info.dli_fname;
+    if (path.find('/') == std::string::npos) {
+        // The main program is named as it was started: "veltrano" when the shell found it on
+        // the PATH. The kernel knows its file.
+        char exe[PATH_MAX];
+        const ssize_t n = ::readlink("/proc/self/exe", exe, sizeof exe - 1);
+        path = n > 0 ? std::string(exe, static_cast<size_t>(n)) : std::string();
+    }
     const std::string::size_type slash = path.rfind('/');
     return slash == std::string::npos ? std::string() : path.substr(0, slash + 1);
 }

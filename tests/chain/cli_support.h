@@ -33,9 +33,11 @@ protected:
         if (!fs::exists(program_)) {
             GTEST_SKIP() << "the veltrano program is not part of this build";
         }
-        // One folder per test: CTest runs the tests of this file side by side.
-        dir_ = fs::absolute(std::string("cli_test_") +
-                            testing::UnitTest::GetInstance()->current_test_info()->name());
+        // One folder per test: CTest runs the tests of this file side by side. A parameterised
+        // case is named "Case/param": one folder, not a folder in a folder.
+        std::string name = testing::UnitTest::GetInstance()->current_test_info()->name();
+        std::replace(name.begin(), name.end(), '/', '_');
+        dir_ = fs::absolute("cli_test_" + name);
         fs::remove_all(dir_);
         fs::create_directories(dir_);
     }
@@ -60,6 +62,20 @@ protected:
             "cd '" + dir_.string() + "' && " + command + " >/dev/null 2>stderr.txt";
         const int status = std::system(line.c_str());
         return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadAll(dir_ / "stderr.txt")};
+    }
+
+    // Exit code, standard output and standard error of one run of the program.
+    struct Run {
+        int code;
+        std::string out;
+        std::string err;
+    };
+    Run VeltranoOutput(const std::string& args) const {
+        const std::string line = "cd '" + dir_.string() + "' && timeout 60 '" + program_.string() +
+                                 "' " + args + " >stdout.txt 2>stderr.txt";
+        const int status = std::system(line.c_str());
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadAll(dir_ / "stdout.txt"),
+                ReadAll(dir_ / "stderr.txt")};
     }
 
     fs::path program_;

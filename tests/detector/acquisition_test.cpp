@@ -258,3 +258,41 @@ TEST(OutlierStatistics, MarksOutliersOutsideTheCutCornersWithinTheDefectMap) {
     EXPECT_EQ(std::count(marks.data, marks.data + 1300 * 1800, 1.0f), 1);
     EXPECT_EQ(marks.data[282], 1.0f);
 }
+
+TEST(OutlierStatistics, EveryPixelAlongBothCornerEdgesIsJudgedByTheCornerRule) {
+    // Dark pixels straddle both diagonal edges of the cut corners in the top rows: fewer than
+    // 1000 of them lie outside the corners, so the low level is 200 and exactly those outside
+    // are marked. A pixel is outside when r + c > k and c - r < C - k.
+    constexpr long long kColumns = 1300, kRows = 1800, kCut = 281;
+    WorkDir dir;
+    fs::create_directories(dir.calibrationFolder());
+    std::ofstream(dir.calibrationFolder() / "map.dft") << std::string(1040 + kColumns * kRows, '\0');
+    TestDetector detector(dir.str().c_str());
+    ASSERT_EQ(detector.GetBadPixelInfo(), 0);
+    imgmat image(kColumns, kRows, 1);
+    image = 5000.0f;
+    for (long long r = 0; r < 100; ++r) {
+        for (long long d = -2; d <= 2; ++d) {
+            image.data[r * kColumns + (kCut - r + d)] = 0.0f;
+            image.data[r * kColumns + (kColumns - kCut + r + d)] = 0.0f;
+        }
+    }
+    int low = -1, high = -1;
+    imgmat marks;
+    detector.CalcOutlierMarks(image, kCut, low, high, marks);
+    EXPECT_EQ(low, 200);
+    EXPECT_EQ(high, 20000);
+    ASSERT_EQ(marks.width * marks.height, static_cast<unsigned long long>(kColumns * kRows));
+    long long wrong = 0, marked = 0;
+    for (long long r = 0; r < kRows; ++r) {
+        for (long long c = 0; c < kColumns; ++c) {
+            const bool outside = r + c > kCut && c - r < kColumns - kCut;
+            const bool expected = outside && image.data[r * kColumns + c] == 0.0f;
+            const bool got = marks.data[r * kColumns + c] == 1.0f;
+            wrong += expected != got;
+            marked += got;
+        }
+    }
+    EXPECT_EQ(wrong, 0);
+    EXPECT_EQ(marked, 100 * 2 * 2);  // per row and edge, d = 1 and 2 (left), d = -2 and -1 (right)
+}

@@ -1,7 +1,7 @@
 // The driver binding as a host meets it: loading the driver, creating its instance, blocking
 // commands with their time-outs, and the callback's dispatch.
 
-#include "detector/fpdsys_api.h"
+#include "driver_interface/fpdsys_api.h"
 #include "detector_support.h"
 
 using namespace detector_test;

@@ -2,10 +2,13 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
+#include <limits>
 #include <string>
 #include <vector>
 
 #include "advanced_reference.h"
+#include "imgproc/dispatch.h"
 #include "veltrano.h"
 
 namespace {
@@ -112,6 +115,112 @@ TEST(Clahe, SettingsOutsideTheUsualRangeStayInsideTheTables) {
     ASSERT_EQ(clahe_8U_Manual(bright.data(), out8.data(), 4, 4, 1, 1, 256, 2, nullptr), 1);
     EXPECT_EQ(out8, std::vector<uint8_t>(16, 1));
     ASSERT_EQ(clahe_64F_Manual(nullptr, nullptr, 4, 4, 1, 1, 256, 2, nullptr), 0);
+}
+
+// Every implementation level must give the reference's output bit for bit. The images mix a
+// gradient, noise and flat patches so that tiles differ, bins clip and some stay empty; sizes are
+// odd and the tile counts do not divide them, so columns and rows outside every tile are mapped
+// too. Float images also hold negative values, infinities and NaN, some as their first pixel.
+template <class T>
+std::vector<T> ClaheImage(int w, int h, unsigned seed) {
+    std::vector<T> img = RandomImage<T>(w, h, 0, std::is_same_v<T, uint8_t> ? 60 : 15000, seed);
+    const double top = std::is_same_v<T, uint8_t> ? 255 : 65535;
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            T& v = img[static_cast<size_t>(y) * w + x];
+            if ((x / 7 + y / 5) % 4 == 0) v = static_cast<T>(top * 0.3);  // flat patches
+            else v = static_cast<T>(std::min(top, v + top * 0.7 * (x + 2.0 * y) / (w + 2.0 * h)));
+        }
+    if constexpr (std::is_floating_point_v<T>) {
+        img[1] = -40;
+        img[img.size() / 2] = -std::numeric_limits<T>::infinity();
+        img[img.size() / 3] = std::numeric_limits<T>::quiet_NaN();
+        if (seed % 3 == 0) img[0] = std::numeric_limits<T>::quiet_NaN();  // the minimum and maximum stay NaN
+    }
+    return img;
+}
+
+template <class T>
+int ClaheAt(int level, std::vector<T>& src, std::vector<T>& dst, int w, int h, int nx, int ny, int bins, int peak) {
+    veltrano::SetImplCapForTesting(level);
+    int r = 0;
+    if constexpr (std::is_same_v<T, uint8_t>) r = clahe_8U_Manual(src.data(), dst.data(), w, h, nx, ny, bins, peak, nullptr);
+    if constexpr (std::is_same_v<T, uint16_t>) r = clahe_16U_Manual(src.data(), dst.data(), w, h, nx, ny, bins, peak, nullptr);
+    if constexpr (std::is_same_v<T, float>) r = clahe_32F_Manual(src.data(), dst.data(), w, h, nx, ny, bins, peak, nullptr);
+    if constexpr (std::is_same_v<T, double>) r = clahe_64F_Manual(src.data(), dst.data(), w, h, nx, ny, bins, peak, nullptr);
+    veltrano::SetImplCapForTesting(-1);
+    return r;
+}
+
+template <class T>
+bool SameBits(const std::vector<T>& a, const std::vector<T>& b) {
+    return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0;
+}
+
+struct LevelCase { int w, h, nx, ny, bins, peak; };
+
+template <class T>
+void ExpectLevelsAgree(const LevelCase& c, unsigned seed) {
+    const std::vector<T> src = ClaheImage<T>(c.w, c.h, seed);
+    std::vector<T> in = src, want(src.size());
+    ASSERT_EQ(ClaheAt<T>(0, in, want, c.w, c.h, c.nx, c.ny, c.bins, c.peak), 1);
+    for (int level : {1, 2}) {
+        std::vector<T> out(src.size(), T(7)), inPlace = src;
+        EXPECT_EQ(ClaheAt<T>(level, in, out, c.w, c.h, c.nx, c.ny, c.bins, c.peak), 1);
+        EXPECT_EQ(ClaheAt<T>(level, inPlace, inPlace, c.w, c.h, c.nx, c.ny, c.bins, c.peak), 1);
+        EXPECT_TRUE(SameBits(out, want)) << "level " << level << ", " << sizeof(T) << "-byte pixels, " << c.w << "x" << c.h
+                                         << " tiles " << c.nx << "x" << c.ny << " bins " << c.bins << " peak " << c.peak;
+        EXPECT_TRUE(SameBits(inPlace, want)) << "in place, level " << level << ", " << sizeof(T) << "-byte pixels, " << c.w
+                                             << "x" << c.h;
+    }
+    EXPECT_TRUE(SameBits(in, src));
+}
+
+TEST(ClaheLevels, EveryLevelGivesTheReferenceOutputBitForBit) {
+    const LevelCase cases[] = {
+        {37, 29, 3, 4, 256, 5},       {101, 67, 7, 5, 1024, 40}, {64, 48, 1, 1, 256, 200},
+        {53, 81, 5, 9, 65536, 3},     {9, 200, 2, 13, 100, 1},   {300, 7, 16, 2, 2, 100000},
+        {23, 19, 23, 19, 64, 1},      {131, 45, 6, 4, 1024, 0},  {77, 33, 4, 3, 256, -7},
+        {70, 41, 8, 8, 1, 200},       {41, 70, 3, 2, 300, 2000000000},
+    };
+    unsigned seed = 1;
+    for (const LevelCase& c : cases) {
+        ExpectLevelsAgree<uint8_t>(c, ++seed);
+        ExpectLevelsAgree<uint16_t>(c, ++seed);
+        ExpectLevelsAgree<float>(c, ++seed);
+        ExpectLevelsAgree<double>(c, ++seed);
+    }
+}
+
+// A float count stops at 2^24 (adding 1 no longer changes it); the fast path's integer counts
+// must stop there too. One tile of 5000 x 5000 pixels: 17 million of value 100, the rest 200 and
+// a sprinkle of every value, so that the saturated bin lies in the middle of the mapping.
+TEST(ClaheLevels, CountsBeyondTwoToThe24StopWhereFloatCountsStop) {
+    const int w = 5000, h = 5000;
+    std::vector<uint8_t> src(static_cast<size_t>(w) * h, 200), want(src.size());
+    std::fill(src.begin(), src.begin() + 17000000, 100);
+    for (size_t i = 0; i < src.size(); i += 997) src[i] = static_cast<uint8_t>(i % 251);
+    ASSERT_EQ(ClaheAt<uint8_t>(0, src, want, w, h, 1, 1, 256, 1 << 30), 1);
+    for (int level : {1, 2}) {
+        std::vector<uint8_t> out(src.size());
+        ASSERT_EQ(ClaheAt<uint8_t>(level, src, out, w, h, 1, 1, 256, 1 << 30), 1);
+        EXPECT_TRUE(SameBits(out, want)) << level;
+    }
+}
+
+// Sizes beyond the library's limit of 2^28 elements (pixels, or tiles times bins) are refused
+// with -2 before any allocation or any pixel is read; histBin is still clamped into the record.
+TEST(Clahe, RefusesTablesAndImagesBeyondTheSizeLimit) {
+    std::vector<uint16_t> src = RandomImage<uint16_t>(100, 100, 0, 65535, 4), dst(src.size(), 5);
+    claheParam p;
+    p.widthBlockNum = 100, p.heightBlockNum = 100, p.histBin = 70000;  // 10^4 tiles of 65536 bins
+    EXPECT_EQ(clahe_16U(src.data(), dst.data(), 100, 100, &p, nullptr), -2);
+    EXPECT_EQ(p.histBin, 65536);
+    p.widthBlockNum = 1, p.heightBlockNum = 1, p.histBin = 256;  // 2^29 pixels, of which 10^4 exist
+    std::vector<float> f(10000, 1.0f);
+    EXPECT_EQ(clahe_32F_Manual(f.data(), f.data(), 1 << 15, 1 << 14, 1, 1, 256, 200, nullptr), -2);
+    EXPECT_EQ(dst, std::vector<uint16_t>(src.size(), 5));
+    EXPECT_EQ(f, std::vector<float>(10000, 1.0f));
 }
 
 }  // namespace

@@ -18,7 +18,7 @@
 
 #include <gtest/gtest.h>
 
-#include "detector/fpdsys_api.h"
+#include "driver_interface/fpdsys_api.h"
 #include "platform/dynamic_library.h"
 #include "veltrano/defect_repair.h"
 

@@ -12,10 +12,8 @@
 
 #include "commands.h"
 #include "host_system.h"
-#include "options.h"
 #include "png_io.h"
 #include "preview.h"
-#include "usage.h"
 #include "veltrano/calibration_builder.h"
 
 namespace vcli {
@@ -139,33 +137,14 @@ void PrintReport(const veltrano::CalibrationResult& result, const veltrano::Cali
 
 }  // namespace
 
-int RunCalibrate(int argc, char** argv) {
-    const Options options(argc, argv, 2, {"workdir", "levels", "exposures", "frames"},
-                          {"yes", "virtual", "verbose"});
-    if (options.Help()) {
-        std::fputs(kCalibrateUsage, stdout);
-        return kExitDone;
+int RunCalibrate(const CalibrateOptions& options) {
+    if (options.virtualSensor) {
+        return RunVirtualCalibrate(options);
     }
-    const std::string workDir = options.Required("workdir");
-    if (options.Has("virtual")) {
-        if (options.Has("levels") || options.Has("exposures") || options.Has("yes")) {
-            throw UsageError("--virtual takes only --workdir and --frames");
-        }
-        std::vector<char*> rest;
-        for (int i = 0; i < argc; ++i) {
-            if (std::string(argv[i]) != "--virtual") rest.push_back(argv[i]);
-        }
-        return RunVirtualCalibrate(static_cast<int>(rest.size()), rest.data());
-    }
-    if (options.Has("frames")) {
-        throw UsageError("--frames goes with --virtual; a calibration takes --levels");
-    }
+    const std::string& workDir = options.workDir;
     veltrano::CalibrationOptions settings;
-    settings.levels = static_cast<int>(options.Integer("levels", 4, 1, 4));
-    if (settings.levels != 1 && settings.levels != 4) {
-        throw UsageError("option --levels needs 1 or 4");
-    }
-    settings.exposuresPerLevel = static_cast<int>(options.Integer("exposures", 8, 2, 64));
+    settings.levels = options.levels;
+    settings.exposuresPerLevel = options.exposures;
     std::error_code ec;
     if (!fs::is_directory(workDir, ec)) {
         return Fail(workDir, "is not a folder");
@@ -174,7 +153,7 @@ int RunCalibrate(int argc, char** argv) {
 
     // The virtual sensor has its source set by the program; a real one by the operator.
     const SetFlatDoseFn virtualSource = FindVirtualSensorSource();
-    const bool yes = options.Has("yes");
+    const bool yes = options.yes;
     veltrano::CalibrationCallbacks callbacks;
     callbacks.cancel = &g_cancel;
     callbacks.prepareLevel = [&](int level, int levels) {
@@ -199,7 +178,7 @@ int RunCalibrate(int argc, char** argv) {
     {
         // The library's console lines go to a log in the work folder unless asked for.
         std::unique_ptr<StdoutToFile> log;
-        if (!options.Has("verbose")) {
+        if (!options.verbose) {
             log = std::make_unique<StdoutToFile>((fs::path(workDir) / "veltrano.log").string());
         }
         g_cancel.store(false);

@@ -9,9 +9,7 @@
 
 #include "acquisition.h"
 #include "host_system.h"
-#include "options.h"
 #include "png_io.h"
-#include "usage.h"
 #include "veltrano/detector.h"
 #include "veltrano/imgmat.h"
 
@@ -49,31 +47,10 @@ int ReportExposure(const std::string& subject, const ExposureResult& exposure) {
     return Fail(subject, "no image: " + DescribeAcquisitionCode(exposure.code) + code);
 }
 
-int RunProcess(int argc, char** argv) {
-    const Options options(argc, argv, 2, {"chain", "in", "out", "width", "height", "type", "header"});
-    if (options.Help()) {
-        std::fputs(kProcessUsage, stdout);
-        return kExitDone;
-    }
-    const std::string chain = options.Required("chain");
-    const std::string in = options.Required("in");
-    const std::string out = options.Required("out");
-    const bool raw = options.Has("width") || options.Has("height") || options.Has("type") ||
-                     options.Has("header");
-    RawLayout layout;
-    if (raw) {
-        layout.width = static_cast<uint64_t>(options.Integer("width", 0, 1, 100000));
-        layout.height = static_cast<uint64_t>(options.Integer("height", 0, 1, 100000));
-        layout.type = static_cast<int>(options.Integer("type", -1, 0, 9));
-        layout.headerBytes = static_cast<uint64_t>(options.Integer("header", 0, 0, 1LL << 40));
-        if (!options.Has("width") || !options.Has("height") || !options.Has("type")) {
-            throw UsageError("a raw input needs --width, --height and --type");
-        }
-    } else if (!IsPngPath(in)) {
-        throw UsageError("'" + in + "' is not a .png file: give --width, --height and --type "
-                         "to read it as a raw file");
-    }
-
+int RunProcess(const ProcessOptions& options) {
+    const std::string& chain = options.chain;
+    const std::string& in = options.in;
+    const std::string& out = options.out;
     std::string error;
     if (!CheckInputFile(chain, error)) {
         return Fail(chain, error);
@@ -82,7 +59,8 @@ int RunProcess(int argc, char** argv) {
         return Fail(out, kNoPngSupport);
     }
     Image16 image;
-    const bool read = raw ? ReadRawImage(in, layout, image, error) : ReadPngImage(in, image, error);
+    const bool read = options.raw ? ReadRawImage(in, options.layout, image, error)
+                                  : ReadPngImage(in, image, error);
     if (!read) {
         return Fail(in, error);
     }
@@ -102,22 +80,10 @@ int RunProcess(int argc, char** argv) {
     return kExitDone;
 }
 
-int RunAcquire(int argc, char** argv) {
-    const Options options(argc, argv, 2,
-                          {"workdir", "delay", "trigger-mode", "threshold", "chain", "out"},
-                          {"verbose"});
-    if (options.Help()) {
-        std::fputs(kAcquireUsage, stdout);
-        return kExitDone;
-    }
-    const std::string workDir = options.Required("workdir");
-    const std::string out = options.Required("out");
-    ExposureSettings settings;
-    settings.delayMs = static_cast<int>(options.Integer("delay", 0, 0, 600000));
-    settings.triggerMode = static_cast<int>(options.Integer("trigger-mode", 6, 6, 7));
-    settings.threshold = static_cast<int>(options.Integer("threshold", settings.threshold, 0,
-                                                          1000000));
-    const std::string chain = options.Text("chain", "");
+int RunAcquire(const AcquireOptions& options) {
+    const std::string& workDir = options.workDir;
+    const std::string& out = options.out;
+    const std::string& chain = options.chain;
     if (!CheckWorkDir(workDir)) {
         return Fail(workDir, "is not a folder");
     }
@@ -129,7 +95,7 @@ int RunAcquire(int argc, char** argv) {
         return Fail(out, kNoPngSupport);  // before the exposure, not after it
     }
     const std::string logPath = LogPathIn(workDir);
-    if (!options.Has("verbose") && !CheckWritableFile(logPath, error)) {
+    if (!options.verbose && !CheckWritableFile(logPath, error)) {
         return Fail(logPath, error);
     }
     PendingOutput output;
@@ -142,14 +108,14 @@ int RunAcquire(int argc, char** argv) {
     {
         // The library's console lines go to a log in the work folder unless asked for.
         std::unique_ptr<StdoutToFile> log;
-        if (!options.Has("verbose")) {
+        if (!options.verbose) {
             log = std::make_unique<StdoutToFile>(logPath);
         }
         CVeltrano detector(workDir.c_str());
         if (!OpenDetector(detector, error)) {
             return Fail(workDir, error);
         }
-        exposure = TakeExposure(detector, settings, frame);
+        exposure = TakeExposure(detector, options.exposure, frame);
         CloseDetector(detector);
     }
     if (const int exit = ReportExposure(workDir, exposure); exit != kExitDone) {
@@ -170,43 +136,24 @@ int RunAcquire(int argc, char** argv) {
     return kExitDone;
 }
 
-int RunVirtualCalibrate(int argc, char** argv) {
-    const Options options(argc, argv, 2, {"workdir", "frames"});
-    if (options.Help()) {
-        std::fputs(kCalibrateUsage, stdout);
-        return kExitDone;
-    }
-    const std::string workDir = options.Required("workdir");
-    const int frames = static_cast<int>(options.Integer("frames", 1, 1, 4));
-    if (frames != 1 && frames != 4) {
-        throw UsageError("option --frames needs 1 or 4");
-    }
+int RunVirtualCalibrate(const CalibrateOptions& options) {
+    const std::string& workDir = options.workDir;
     std::error_code ec;
     fs::create_directories(workDir, ec);
     if (!CheckWorkDir(workDir)) {
         return Fail(workDir, "cannot be created");
     }
     std::string error;
-    const int result = WriteVirtualSensorCalibration(workDir, frames, error);
-    if (result == -1000) {
+    if (!WriteVirtualSensorCalibration(workDir, options.frames, error)) {
         return Fail(workDir, error);
     }
-    if (result != 0) {
-        return Fail(workDir, "the virtual sensor could not write its calibration (code " +
-                                 std::to_string(result) + ")");
-    }
-    std::printf("wrote the %d-frame calibration below %s\n", frames,
+    std::printf("wrote the %d-frame calibration below %s\n", options.frames,
                 (fs::path(workDir) / "Correct" / "Default").string().c_str());
     return kExitDone;
 }
 
-int RunInfo(int argc, char** argv) {
-    const Options options(argc, argv, 2, {"workdir"}, {"verbose"});
-    if (options.Help()) {
-        std::fputs(kInfoUsage, stdout);
-        return kExitDone;
-    }
-    const std::string workDir = options.Required("workdir");
+int RunInfo(const InfoOptions& options) {
+    const std::string& workDir = options.workDir;
     if (!CheckWorkDir(workDir)) {
         return Fail(workDir, "is not a folder");
     }
@@ -216,7 +163,7 @@ int RunInfo(int argc, char** argv) {
     int size = -1;
     {
         std::unique_ptr<StdoutToFile> log;
-        if (!options.Has("verbose")) {
+        if (!options.verbose) {
             log = std::make_unique<StdoutToFile>(LogPathIn(workDir));
         }
         CVeltrano detector(workDir.c_str());

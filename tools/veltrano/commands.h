@@ -16,13 +16,54 @@ constexpr int kExitUsage = 2;
 // An exposure stopped with Ctrl-C before it gave an image: the shells' code for an interrupt.
 constexpr int kExitStopped = 130;
 
-int RunDemo(int argc, char** argv);
-int RunAcquire(int argc, char** argv);
-int RunProcess(int argc, char** argv);
-int RunCalibrate(int argc, char** argv);
-// The virtual sensor writes its own calibration files (calibrate --virtual, without the switch).
-int RunVirtualCalibrate(int argc, char** argv);
-int RunInfo(int argc, char** argv);
+// What each subcommand was asked to do. The command line (command_line.cpp) fills these, with
+// every range and every required option already checked; the defaults here are the ones its
+// help shows.
+
+struct DemoOptions {
+    std::string outDir = "demo-out";
+    std::string chain;  // empty: the chain file shipped with the program
+};
+
+struct AcquireOptions {
+    std::string workDir;
+    std::string out;
+    std::string chain;  // empty: no chain
+    ExposureSettings exposure;
+    bool verbose = false;
+};
+
+struct ProcessOptions {
+    std::string chain;
+    std::string in;
+    std::string out;
+    bool raw = false;  // the input is a headerless raw file of the layout below
+    RawLayout layout;
+};
+
+struct CalibrateOptions {
+    std::string workDir;
+    int levels = 4;
+    int exposures = 8;
+    bool yes = false;
+    bool verbose = false;
+    // --virtual: the virtual sensor writes its own calibration of `frames` gain frames instead.
+    bool virtualSensor = false;
+    int frames = 1;
+};
+
+struct InfoOptions {
+    std::string workDir;
+    bool verbose = false;
+};
+
+int RunDemo(const DemoOptions& options);
+int RunAcquire(const AcquireOptions& options);
+int RunProcess(const ProcessOptions& options);
+// Either form of calibrate: the calibration from the sensor's own exposures, or --virtual.
+int RunCalibrate(const CalibrateOptions& options);
+int RunVirtualCalibrate(const CalibrateOptions& options);
+int RunInfo(const InfoOptions& options);
 
 // Shared by the subcommands.
 

@@ -9,10 +9,8 @@
 #include "acquisition.h"
 #include "commands.h"
 #include "host_system.h"
-#include "options.h"
 #include "png_io.h"
 #include "preview.h"
-#include "usage.h"
 
 namespace vcli {
 namespace fs = std::filesystem;
@@ -43,14 +41,9 @@ private:
 
 }  // namespace
 
-int RunDemo(int argc, char** argv) {
-    const Options options(argc, argv, 2, {"out", "chain"});
-    if (options.Help()) {
-        std::fputs(kDemoUsage, stdout);
-        return kExitDone;
-    }
-    const fs::path outDir = options.Text("out", "demo-out");
-    const std::string chain = options.Text("chain", DefaultChainPath());
+int RunDemo(const DemoOptions& options) {
+    const fs::path outDir = options.outDir;
+    const std::string chain = options.chain.empty() ? DefaultChainPath() : options.chain;
     if (!PngSupported()) {
         return Fail((outDir / "corrected.png").string(), kNoPngSupport);
     }
@@ -83,17 +76,13 @@ int RunDemo(int argc, char** argv) {
             return Fail(iniPath, "cannot be written");
         }
     }
-    int result = 0;
+    bool written = false;
     {
         StdoutToFile log(logPath);
-        result = WriteVirtualSensorCalibration(workDir.string(), 1, error);
+        written = WriteVirtualSensorCalibration(workDir.string(), 1, error);
     }
-    if (result == -1000) {
+    if (!written) {
         return Fail(workDir.string(), error);
-    }
-    if (result != 0) {
-        return Fail(workDir.string(), "the virtual sensor could not write its calibration (code " +
-                                          std::to_string(result) + ")");
     }
     std::printf("  %-28s %6.2f s\n", "calibration written", watch.Lap());
     std::fflush(stdout);

@@ -3,11 +3,12 @@
 #include <cstdio>
 #include <iostream>
 
+#include "platform/dynamic_library.h"
+
 #if defined(_WIN32)
 #include <io.h>
 #include <windows.h>
 #else
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <limits.h>
 #include <unistd.h>
@@ -16,7 +17,50 @@
 namespace vcli {
 
 namespace {
+
 using WriteCalibrationFn = int (*)(const char*, int);
+
+// The driver library, loaded on first use and kept for the rest of the run: the Veltrano
+// library opens the same driver by name right after, and then finds this very copy among the
+// loaded libraries, and the entry points handed out stay valid. Null when it cannot be loaded.
+const veltrano::platform::DynamicLibrary* DriverLibrary() {
+    static veltrano::platform::DynamicLibrary* const driver = [] {
+        auto* library = new veltrano::platform::DynamicLibrary;  // never unloaded
+        library->open("FpdSys");
+        return library;
+    }();
+    return driver->isOpen() ? driver : nullptr;
+}
+
+}  // namespace
+
+bool WriteVirtualSensorCalibration(const std::string& workDir, int frames, std::string& error) {
+    const veltrano::platform::DynamicLibrary* driver = DriverLibrary();
+    if (driver == nullptr) {
+        error = "the driver library " +
+                veltrano::platform::DynamicLibrary::fileNameFor("FpdSys") + " cannot be loaded";
+        return false;
+    }
+    const auto write =
+        reinterpret_cast<WriteCalibrationFn>(driver->symbol("VirtualSensor_WriteCalibration"));
+    if (write == nullptr) {
+        error = "the driver library is not the virtual sensor (no VirtualSensor_WriteCalibration)";
+        return false;
+    }
+    const int result = write(workDir.c_str(), frames);
+    if (result != 0) {
+        error = "the virtual sensor could not write its calibration (code " +
+                std::to_string(result) + ")";
+        return false;
+    }
+    return true;
+}
+
+SetFlatDoseFn FindVirtualSensorSource() {
+    const veltrano::platform::DynamicLibrary* driver = DriverLibrary();
+    return driver == nullptr
+               ? nullptr
+               : reinterpret_cast<SetFlatDoseFn>(driver->symbol("VirtualSensor_SetFlatDose"));
 }
 
 #if defined(_WIN32)
@@ -56,31 +100,6 @@ StdoutToFile::~StdoutToFile() {
     _close(saved_);
 }
 
-int WriteVirtualSensorCalibration(const std::string& workDir, int frames, std::string& error) {
-    // The ordinary search order looks in the executable's folder first, where the build puts
-    // the driver library. It stays loaded: the library opens the same driver right after.
-    HMODULE module = LoadLibraryW(L"FpdSys");
-    if (module == nullptr) {
-        error = "the driver library FpdSys.dll cannot be loaded";
-        return -1000;
-    }
-    auto fn = reinterpret_cast<WriteCalibrationFn>(
-        reinterpret_cast<void*>(GetProcAddress(module, "VirtualSensor_WriteCalibration")));
-    if (fn == nullptr) {
-        FreeLibrary(module);
-        error = "the driver library is not the virtual sensor (no VirtualSensor_WriteCalibration)";
-        return -1000;
-    }
-    return fn(workDir.c_str(), frames);
-}
-
-SetFlatDoseFn FindVirtualSensorSource() {
-    HMODULE module = LoadLibraryW(L"FpdSys");
-    return module == nullptr ? nullptr
-                             : reinterpret_cast<SetFlatDoseFn>(reinterpret_cast<void*>(
-                                   GetProcAddress(module, "VirtualSensor_SetFlatDose")));
-}
-
 #else
 
 std::string ExecutableDir() {
@@ -116,38 +135,6 @@ StdoutToFile::~StdoutToFile() {
     std::fflush(stdout);
     dup2(saved_, fileno(stdout));
     close(saved_);
-}
-
-int WriteVirtualSensorCalibration(const std::string& workDir, int frames, std::string& error) {
-    // The library finds libFpdSys.so beside itself; the build puts the program there too, so
-    // look beside the executable first and then the ordinary way. The driver stays loaded: the
-    // library opens it by name right after, and then finds this very copy among the loaded
-    // libraries, whatever its own search would have found (under AddressSanitizer, for one,
-    // the library's run path is not searched).
-    void* module = dlopen((ExecutableDir() + "libFpdSys.so").c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (module == nullptr) {
-        module = dlopen("libFpdSys.so", RTLD_NOW | RTLD_LOCAL);
-    }
-    if (module == nullptr) {
-        error = "the driver library libFpdSys.so cannot be loaded";
-        return -1000;
-    }
-    auto fn = reinterpret_cast<WriteCalibrationFn>(dlsym(module, "VirtualSensor_WriteCalibration"));
-    if (fn == nullptr) {
-        dlclose(module);
-        error = "the driver library is not the virtual sensor (no VirtualSensor_WriteCalibration)";
-        return -1000;
-    }
-    return fn(workDir.c_str(), frames);
-}
-
-SetFlatDoseFn FindVirtualSensorSource() {
-    void* module = dlopen((ExecutableDir() + "libFpdSys.so").c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (module == nullptr) {
-        module = dlopen("libFpdSys.so", RTLD_NOW | RTLD_LOCAL);
-    }
-    return module == nullptr ? nullptr
-                             : reinterpret_cast<SetFlatDoseFn>(dlsym(module, "VirtualSensor_SetFlatDose"));
 }
 
 #endif

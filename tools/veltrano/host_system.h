@@ -1,7 +1,7 @@
 // The few operating-system services the program needs beyond the standard library: where the
 // executable lies, whether standard error is a terminal, sending standard output to a log file
 // for a while, and calling into the driver library by name. POSIX and Windows live in
-// host_system.cpp side by side.
+// host_system.cpp side by side; the driver library is loaded through the platform layer.
 #pragma once
 
 #include <string>
@@ -29,13 +29,13 @@ private:
 };
 
 // Calls VirtualSensor_WriteCalibration(workDir, frames) in the driver library that the Veltrano
-// library loads ("FpdSys", searched beside the executable first). Returns its result, or sets
-// error and returns -1000 when the library or the entry point is missing (a real sensor's
-// driver does not have it).
-int WriteVirtualSensorCalibration(const std::string& workDir, int frames, std::string& error);
+// library loads ("FpdSys"). False with error set when the library cannot be loaded, when it has
+// no such entry point (a real sensor's driver does not) or when the call fails (its code is in
+// the message).
+bool WriteVirtualSensorCalibration(const std::string& workDir, int frames, std::string& error);
 
-// VirtualSensor_SetFlatDose of the driver library, found as above: the X-ray source of the
-// virtual sensor. Null when the driver is not the virtual sensor (a real sensor's driver).
+// VirtualSensor_SetFlatDose of the same driver library: the X-ray source of the virtual sensor.
+// Null when the driver is not the virtual sensor (a real sensor's driver).
 using SetFlatDoseFn = int (*)(double);
 SetFlatDoseFn FindVirtualSensorSource();
 

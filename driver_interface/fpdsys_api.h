@@ -2,8 +2,8 @@
 //
 // The driver is loaded at run time and its seven entry points are looked up by these exact,
 // undecorated names (C linkage, the platform's default calling convention). The records are
-// exchanged by pointer and must keep the layouts below byte for byte. The virtual sensor
-// implements the same interface, so this header is shared by both sides.
+// exchanged by pointer and must keep the layouts below byte for byte. The detector object calls
+// this interface and the virtual sensor implements it; both include this header.
 #pragma once
 
 #include <cstdint>
