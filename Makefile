@@ -1,5 +1,5 @@
 # Thin wrapper over the CMake presets (CMakePresets.json holds the real configuration).
-.PHONY: all build test demo bench fuzz soak clean
+.PHONY: all build test demo studio studio-test bench fuzz soak clean
 
 all: build
 
@@ -17,6 +17,20 @@ demo:
 	cmake --preset release
 	cmake --build --preset release --target veltrano_cli
 	./build/release/bin/veltrano demo
+
+# The chain studio on the demo's picture, with a copy of the default chain in demo-out/chains/
+# (the page saves chain files in that folder). docs/studio.md.
+studio: demo
+	mkdir -p demo-out/chains
+	[ -f demo-out/chains/default.chain ] || cp chains/default.chain demo-out/chains/
+	./build/release/bin/veltrano studio --image demo-out/corrected.png --chain demo-out/chains/default.chain
+
+# The studio in Debian's headless Chromium (needs chromium and npm); screenshots in
+# build/studio-artefacts/.
+studio-test:
+	cmake --preset release
+	cmake --build --preset release --target veltrano_cli
+	studio/browser-test/run.sh --veltrano build/release/bin/veltrano --artefacts build/studio-artefacts
 
 # Benchmarks (bench preset; needs Google Benchmark and OpenCV, Debian's libbenchmark-dev and
 # libopencv-dev). Builds both benchmark programs and runs the comparison with OpenCV: every pair

@@ -13,7 +13,10 @@ configure_file(virtual_sensor/virtual_sensor.h ${_example_include}/veltrano/virt
 add_executable(veltrano_c_host examples/c/host.c)
 set_target_properties(veltrano_c_host PROPERTIES C_STANDARD 99 C_STANDARD_REQUIRED ON
                                                  C_EXTENSIONS OFF)
-target_compile_options(veltrano_c_host PRIVATE -pedantic -Wall -Wextra -Werror)
+veltrano_strict(veltrano_c_host)
+if(NOT VELTRANO_MSVC_LIKE)
+  target_compile_options(veltrano_c_host PRIVATE -pedantic)
+endif()
 target_include_directories(veltrano_c_host PRIVATE ${_example_include})
 target_link_libraries(veltrano_c_host PRIVATE veltrano FpdSys)
 if(VELTRANO_TESTS)

@@ -4,7 +4,8 @@
 # lacks the decorated names that a C compiler's calls refer to; it is made again with dlltool from
 # the linker's list of exports, decorated names in, plain names out.
 function(veltrano_plain_stdcall_exports target)
-  if(NOT WIN32 OR NOT CMAKE_SIZEOF_VOID_P EQUAL 4)
+  # GNU ld and dlltool (mingw-w64) only.
+  if(NOT WIN32 OR NOT CMAKE_SIZEOF_VOID_P EQUAL 4 OR NOT CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     return()
   endif()
   get_filename_component(_bin_dir ${CMAKE_CXX_COMPILER} DIRECTORY)

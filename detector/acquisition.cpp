@@ -113,9 +113,9 @@ int CVeltrano::ExposeAndCorrect(DriverBinding& binding, int cornerCut, imgmat& i
         return -9;
     }
     m_progress = 7;
-    SleepMs(100);
+    SleepMs(veltrano::detail::ScaledForTesting(100));
     m_progress = 8;
-    SleepMs(100);
+    SleepMs(veltrano::detail::ScaledForTesting(100));
 
     if (!TakeDeliveredImage(image)) {
         LogLine("Post Processs Failed!");
@@ -124,7 +124,7 @@ int CVeltrano::ExposeAndCorrect(DriverBinding& binding, int cornerCut, imgmat& i
     CorrectImage(image, cornerCut);
     m_endSign = 1;
     m_progress = 9;
-    SleepMs(100);
+    SleepMs(veltrano::detail::ScaledForTesting(100));
     m_progress = 10;
     return code;
 }

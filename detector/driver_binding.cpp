@@ -1,5 +1,6 @@
 #include "detector/driver_binding.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 
@@ -10,6 +11,7 @@ namespace {
 constexpr char kLibraryName[] = "FpdSys";
 
 std::atomic<uint32_t> g_timeoutCapMs{0};
+std::atomic<uint32_t> g_timeDivisor{1};
 
 template <typename Fn>
 bool Resolve(const platform::DynamicLibrary& library, const char* name, Fn& out) {
@@ -30,6 +32,16 @@ void CopyText(char (&target)[512], const char* text) {
 }  // namespace
 
 void SetCommandTimeoutCapForTesting(uint32_t ms) { g_timeoutCapMs = ms; }
+
+void SetTimeDivisorForTesting(uint32_t divisor) { g_timeDivisor = divisor > 1 ? divisor : 1; }
+
+uint32_t ScaledForTesting(uint32_t ms) {
+    const uint32_t divisor = g_timeDivisor.load();
+    if (divisor == 1 || ms == 0) {
+        return ms;
+    }
+    return std::max<uint32_t>(1, ms / divisor);
+}
 
 DriverBinding::DriverBinding() = default;
 
@@ -223,6 +235,7 @@ int DriverBinding::RunCommand(int id, const std::vector<fpdsys::Param>& params,
     if (started != 1) {
         return started;
     }
+    timeoutMs = ScaledForTesting(timeoutMs);
     const uint32_t cap = g_timeoutCapMs.load();
     if (cap != 0 && cap < timeoutMs) {
         timeoutMs = cap;

@@ -26,6 +26,14 @@ namespace veltrano::detail {
 // restores the described time-outs.
 VELTRANO_API void SetCommandTimeoutCapForTesting(uint32_t ms);
 
+// Tests only, like the cap above: divides every blocking command's time-out and the pauses of
+// an acquisition's progress steps by divisor for the whole process, so that a test can watch a
+// command time out, or take many exposures, without sitting out the real durations. The order
+// of events and every result stay the same. 1 (or 0) restores the described durations.
+VELTRANO_API void SetTimeDivisorForTesting(uint32_t divisor);
+// A duration in milliseconds as the divisor above leaves it (at least 1 ms when ms was not 0).
+uint32_t ScaledForTesting(uint32_t ms);
+
 class DriverBinding {
 public:
     DriverBinding();

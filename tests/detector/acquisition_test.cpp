@@ -88,64 +88,85 @@ TEST(Acquisition, FlatExposuresOfTwoDetectorsSideBySideComeBackCorrected) {
     }
 }
 
-TEST(Acquisition, RefusalsAndFaultsGiveTheirCodesAndMessages) {
-    // Before the call: a calibration file is removed, or the binding taken away ("Deinit"),
-    // and end sign and progress are preset. The progress after the call is 11 where the image
-    // is delivered nevertheless.
-    struct Case {
-        const char *ini, *before;
-        int endSign, progress, code, progressAfter;
-        const char* message;
-    };
-    const char* unknown = "Width = 1650\nHeight = 1200";
+// Before the call: a calibration file is removed, or the binding taken away ("Deinit"), and
+// end sign and progress are preset. The progress after the call is 11 where the image is
+// delivered nevertheless.
+struct FaultCase {
+    const char* name;
+    const char *ini, *before;
+    int endSign, progress, code, progressAfter;
+    const char* message;
+    // CTest lists a case by its name rather than by its bytes.
+    friend void PrintTo(const FaultCase& c, std::ostream* os) { *os << c.name; }
+};
+
+class AcquisitionFault : public testing::TestWithParam<FaultCase> {};
+
+TEST_P(AcquisitionFault, GivesItsCodeAndMessage) {
+    const FaultCase& c = GetParam();
     const std::string kStart = "//////////////////start//////////////////////\n";
-    const Case cases[] = {
-        // Refusals print nothing more than this; end sign and progress stay as they were.
-        {unknown, "", 0, 0, -1, 0, "SensorSize:-1\nSensor Size is not right!\n"},
-        {"", "", 1, 11, -1, 11, "SensorSize:1000\nPlease reset endSign and progress!\n"},
-        {"", "", 0, 6, -1, 6, "SensorSize:1000\n"},
-        {unknown, "", 1, 1, -1, 1,
-         "SensorSize:-1\nPlease reset endSign and progress!\nSensor Size is not right!\n"},
-        {"", "Deinit", 0, 0, -2, 0, "SensorSize:1000\nPlease Connect firmWare!\n"},
-        // Setting failures are recorded, but the exposure is still taken and corrected.
-        {"FailSetAttr = 2510:7", "", 0, 0, -4, 11, ""},
-        {"FailSetAttr = 2506:7", "", 0, 0, -5, 11, ""},
-        {"FailSetAttr = 2510:7, 2564:7", "", 0, 0, -6, 11, ""},  // the last failure wins
-        {"FailCommand = 6:17", "", 0, 0, -7, 11, "Write User RAM Result:Succeed\n\n"},
-        {"FailSetAttr = 2564:7\nRejectCommand = 2031:18", "", 0, 0, -7, 11, ""},
-        {"FailCommand = 1002:19", "", 0, 0, -8, 6, "Detector has an Error when getting an image!\n"},
-        {"NullImage = 1", "", 0, 0, -10, 8, "Post Processs Failed!\n"},
-        {"", "VirtualSensor.dft", 0, 0, -3, 0, "No defectFile!\nNo CaliFile!\n"},
-        {"", "VirtualSensor.gn", 0, 0, -3, 0, "No Gain CaliFile!\nNo CaliFile!\n"},
-    };
+    ShortTimes shortTimes;
+    // A refusal comes before the calibration files are looked for: those cases go without them.
     WorkDir dir("SensorSize = 1000");
-    ASSERT_EQ(WriteCalibration(dir.str(), 1), 0);
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.ini + std::string(c.before));
-        dir.configure(std::string("SensorSize = 1000\nScene = flat\n") + c.ini);
-        if (*c.before != '\0' && std::string(c.before) != "Deinit") {
-            fs::remove(dir.calibrationFolder() / c.before);
-        }
-        CVeltrano detector(dir.str().c_str());
-        ASSERT_EQ(detector.Initialize(), 0);
-        detector.Connect();
-        if (std::string(c.before) == "Deinit") {
-            detector.Deinit();  // the sensor size is still known
-        }
-        detector.SetEndSign(c.endSign);
-        detector.SetProgressBar(c.progress);
-        const Outcome outcome = Acquire(detector);
-        EXPECT_EQ(outcome.code, c.code);
-        // A refusal prints the message and nothing more.
-        EXPECT_TRUE(c.code < -2 ? Contains(outcome.log, c.message)
-                                : outcome.log == kStart + std::string(c.message))
-            << outcome.log;
-        const bool delivered = c.code < -2 && c.progressAfter == 11;
-        EXPECT_EQ(outcome.progress, c.progressAfter);
-        EXPECT_EQ(outcome.endSign, c.code >= -2 ? c.endSign : delivered ? 1 : 2);
-        EXPECT_EQ(outcome.image.width, delivered ? 1000u : 0u);
+    if (c.code < -2) {
+        ASSERT_EQ(WriteCalibration(dir.str(), 1), 0);
     }
+    dir.configure(std::string("SensorSize = 1000\nScene = flat\n") + c.ini);
+    if (*c.before != '\0' && std::string(c.before) != "Deinit") {
+        fs::remove(dir.calibrationFolder() / c.before);
+    }
+    CVeltrano detector(dir.str().c_str());
+    ASSERT_EQ(detector.Initialize(), 0);
+    detector.Connect();
+    if (std::string(c.before) == "Deinit") {
+        detector.Deinit();  // the sensor size is still known
+    }
+    detector.SetEndSign(c.endSign);
+    detector.SetProgressBar(c.progress);
+    const Outcome outcome = Acquire(detector);
+    EXPECT_EQ(outcome.code, c.code);
+    // A refusal prints the message and nothing more.
+    EXPECT_TRUE(c.code < -2 ? Contains(outcome.log, c.message)
+                            : outcome.log == kStart + std::string(c.message))
+        << outcome.log;
+    const bool delivered = c.code < -2 && c.progressAfter == 11;
+    EXPECT_EQ(outcome.progress, c.progressAfter);
+    EXPECT_EQ(outcome.endSign, c.code >= -2 ? c.endSign : delivered ? 1 : 2);
+    EXPECT_EQ(outcome.image.width, delivered ? 1000u : 0u);
 }
+
+const char kUnknownSize[] = "Width = 1650\nHeight = 1200";
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, AcquisitionFault,
+    testing::Values(
+        // Refusals print nothing more than this; end sign and progress stay as they were.
+        FaultCase{"UnknownSensorSize", kUnknownSize, "", 0, 0, -1, 0,
+                  "SensorSize:-1\nSensor Size is not right!\n"},
+        FaultCase{"HandshakeNotReset", "", "", 1, 11, -1, 11,
+                  "SensorSize:1000\nPlease reset endSign and progress!\n"},
+        FaultCase{"ProgressNotReset", "", "", 0, 6, -1, 6, "SensorSize:1000\n"},
+        FaultCase{"UnknownSizeAndHandshakeNotReset", kUnknownSize, "", 1, 1, -1, 1,
+                  "SensorSize:-1\nPlease reset endSign and progress!\nSensor Size is not right!\n"},
+        FaultCase{"NotConnected", "", "Deinit", 0, 0, -2, 0,
+                  "SensorSize:1000\nPlease Connect firmWare!\n"},
+        // Setting failures are recorded, but the exposure is still taken and corrected.
+        FaultCase{"DelayTimeFails", "FailSetAttr = 2510:7", "", 0, 0, -4, 11, ""},
+        FaultCase{"TriggerModeFails", "FailSetAttr = 2506:7", "", 0, 0, -5, 11, ""},
+        // The last failure wins.
+        FaultCase{"DelayAndThresholdFail", "FailSetAttr = 2510:7, 2564:7", "", 0, 0, -6, 11, ""},
+        FaultCase{"PrepareFails", "FailCommand = 6:17", "", 0, 0, -7, 11,
+                  "Write User RAM Result:Succeed\n\n"},
+        FaultCase{"ThresholdFailsThenUserRamRefused",
+                  "FailSetAttr = 2564:7\nRejectCommand = 2031:18", "", 0, 0, -7, 11, ""},
+        FaultCase{"ExposureFails", "FailCommand = 1002:19", "", 0, 0, -8, 6,
+                  "Detector has an Error when getting an image!\n"},
+        FaultCase{"NoImage", "NullImage = 1", "", 0, 0, -10, 8, "Post Processs Failed!\n"},
+        FaultCase{"NoDefectFile", "", "VirtualSensor.dft", 0, 0, -3, 0,
+                  "No defectFile!\nNo CaliFile!\n"},
+        FaultCase{"NoGainFile", "", "VirtualSensor.gn", 0, 0, -3, 0,
+                  "No Gain CaliFile!\nNo CaliFile!\n"}),
+    [](const testing::TestParamInfo<FaultCase>& info) { return std::string(info.param.name); });
 
 TEST(Acquisition, StopAcqEndsAPendingWaitAtOnceAndStaysUntilReset) {
     // The image is due 800 ms after arming. The object is destroyed before it comes, and a
@@ -161,10 +182,10 @@ TEST(Acquisition, StopAcqEndsAPendingWaitAtOnceAndStaysUntilReset) {
     }
     EXPECT_EQ(detector->GetProgressBar(), 6);
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    const auto stoppedAt = Clock::now();
     detector->StopAcq();
     host.join();
-    EXPECT_LT(Clock::now() - stoppedAt, std::chrono::milliseconds(300));
+    // The stop, not the image, ended the wait: the image had not arrived when the call returned.
+    EXPECT_FALSE(Contains(outcome.log, "Get an image!")) << outcome.log;
     EXPECT_EQ(outcome.code, -9);
     EXPECT_EQ(outcome.endSign, 2);
     EXPECT_EQ(outcome.progress, 6);

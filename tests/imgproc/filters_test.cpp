@@ -296,51 +296,68 @@ TEST(Filter2DLevels, EveryLevelGivesTheSameBitsInAndOutOfPlaceOnAnyThreadCount) 
 // 5 x 5 kernels these differ by about 3e-7 of that sum, 1e-6 leaves room for larger kernels.
 constexpr double kGaussBound = 1e-6;
 
-TEST(GaussFilterLevels, TheSeparableFormStaysWithinItsBoundAndSixteenBitsDifferOnlyNearARoundingBoundary) {
-    struct Case { int w, h, k; double sx, sy; };
-    const Case cases[] = {{301, 263, 5, 1.2, 1.2}, {33, 31, 3, 0.8, 2.0}, {45, 7, 7, 3.0, 3.0}, {17, 13, 9, 0.0, -1.0},
-                          {17, 13, 4, 1.5, 1.5}, {7, 3, 5, 1.0, 1.0}, {1, 37, 1, 1.0, 1.0}};
-    for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.w << "x" << c.h << " ksize " << c.k);
-        const size_t n = static_cast<size_t>(c.w) * c.h;
-        std::vector<float> src = RandomImage<float>(n, 0, 65535, 41 + c.k), absSrc(n);
-        for (size_t i = 0; i < n; i += 5) src[i] = -src[i];
-        for (size_t i = 0; i < n; ++i) absSrc[i] = std::fabs(src[i]);
-        const std::vector<uint16_t> src16(src.begin(), src.end());
-        std::vector<float> kernel(static_cast<size_t>(c.k) * c.k), scale(n), exact16(n);
-        ASSERT_EQ(getGaussker_32F(kernel.data(), c.k, c.k, c.sx, c.sy), 1);
-        std::vector<float> floats16(src16.begin(), src16.end());
-        {
-            impl_levels::LevelCap cap(impl_levels::kReference);
-            ASSERT_EQ(filter2D_32F(absSrc.data(), scale.data(), c.w, c.h, kernel.data(), c.k, c.k), 1);
-            ASSERT_EQ(filter2D_32F(floats16.data(), exact16.data(), c.w, c.h, kernel.data(), c.k, c.k), 1);
-        }
-        const auto f32 = AtEachLevel([&] {
-            std::vector<float> out(n), inPlace = src;
-            EXPECT_EQ(gaussFilter_32F(src.data(), out.data(), c.w, c.h, c.k, c.k, c.sx, c.sy), 1);
-            EXPECT_EQ(gaussFilter_32F(inPlace.data(), inPlace.data(), c.w, c.h, c.k, c.k, c.sx, c.sy), 1);
-            EXPECT_TRUE(SameBits(inPlace, out));
-            return out;
-        });
-        const auto u16 = AtEachLevel([&] {
-            std::vector<uint16_t> out(n);
-            EXPECT_EQ(gaussFilter_16U(const_cast<uint16_t*>(src16.data()), out.data(), c.w, c.h, c.k, c.k, c.sx, c.sy), 1);
-            return out;
-        });
-        EXPECT_TRUE(SameBits(f32[1], f32[2]));  // the two fast levels run the same sums
-        EXPECT_EQ(u16[1], u16[2]);
-        for (size_t i = 0; i < n; ++i) {
-            const double bound = kGaussBound * scale[i];
-            EXPECT_LE(std::fabs(static_cast<double>(f32[1][i]) - f32[0][i]), bound) << i;
-            if (u16[1][i] == u16[0][i]) continue;
-            // A different 16-bit value only where the exact float lies that close to the next
-            // integer (or to a clamp), and only by one.
-            const double v = exact16[i];
-            EXPECT_EQ(std::abs(static_cast<int>(u16[1][i]) - static_cast<int>(u16[0][i])), 1) << i;
-            EXPECT_LE(std::fabs(v - std::round(v)), kGaussBound * std::max(1.0, v)) << i << ": " << v;
-        }
+// An image size, a square kernel size and the two sigmas (0 and below: derived from the size).
+struct GaussCase {
+    int w, h, k;
+    double sx, sy;
+    friend void PrintTo(const GaussCase& c, std::ostream* os) {
+        *os << c.w << "x" << c.h << " kernel " << c.k << " sigmas " << c.sx << ", " << c.sy;
+    }
+};
+
+class GaussFilterCase : public testing::TestWithParam<GaussCase> {};
+
+TEST_P(GaussFilterCase, TheSeparableFormStaysWithinItsBoundAndSixteenBitsDifferOnlyNearARoundingBoundary) {
+    const GaussCase& c = GetParam();
+    const size_t n = static_cast<size_t>(c.w) * c.h;
+    std::vector<float> src = RandomImage<float>(n, 0, 65535, 41 + c.k), absSrc(n);
+    for (size_t i = 0; i < n; i += 5) src[i] = -src[i];
+    for (size_t i = 0; i < n; ++i) absSrc[i] = std::fabs(src[i]);
+    const std::vector<uint16_t> src16(src.begin(), src.end());
+    std::vector<float> kernel(static_cast<size_t>(c.k) * c.k), scale(n), exact16(n);
+    ASSERT_EQ(getGaussker_32F(kernel.data(), c.k, c.k, c.sx, c.sy), 1);
+    std::vector<float> floats16(src16.begin(), src16.end());
+    {
+        impl_levels::LevelCap cap(impl_levels::kReference);
+        ASSERT_EQ(filter2D_32F(absSrc.data(), scale.data(), c.w, c.h, kernel.data(), c.k, c.k), 1);
+        ASSERT_EQ(filter2D_32F(floats16.data(), exact16.data(), c.w, c.h, kernel.data(), c.k, c.k), 1);
+    }
+    const auto f32 = AtEachLevel([&] {
+        std::vector<float> out(n), inPlace = src;
+        EXPECT_EQ(gaussFilter_32F(src.data(), out.data(), c.w, c.h, c.k, c.k, c.sx, c.sy), 1);
+        EXPECT_EQ(gaussFilter_32F(inPlace.data(), inPlace.data(), c.w, c.h, c.k, c.k, c.sx, c.sy), 1);
+        EXPECT_TRUE(SameBits(inPlace, out));
+        return out;
+    });
+    const auto u16 = AtEachLevel([&] {
+        std::vector<uint16_t> out(n);
+        EXPECT_EQ(gaussFilter_16U(const_cast<uint16_t*>(src16.data()), out.data(), c.w, c.h, c.k, c.k, c.sx, c.sy), 1);
+        return out;
+    });
+    EXPECT_TRUE(SameBits(f32[1], f32[2]));  // the two fast levels run the same sums
+    EXPECT_EQ(u16[1], u16[2]);
+    for (size_t i = 0; i < n; ++i) {
+        const double bound = kGaussBound * scale[i];
+        EXPECT_LE(std::fabs(static_cast<double>(f32[1][i]) - f32[0][i]), bound) << i;
+        if (u16[1][i] == u16[0][i]) continue;
+        // A different 16-bit value only where the exact float lies that close to the next
+        // integer (or to a clamp), and only by one.
+        const double v = exact16[i];
+        EXPECT_EQ(std::abs(static_cast<int>(u16[1][i]) - static_cast<int>(u16[0][i])), 1) << i;
+        EXPECT_LE(std::fabs(v - std::round(v)), kGaussBound * std::max(1.0, v)) << i << ": " << v;
     }
 }
+
+INSTANTIATE_TEST_SUITE_P(Cases, GaussFilterCase,
+                         testing::Values(GaussCase{301, 263, 5, 1.2, 1.2}, GaussCase{33, 31, 3, 0.8, 2.0},
+                                         GaussCase{45, 7, 7, 3.0, 3.0}, GaussCase{17, 13, 9, 0.0, -1.0},
+                                         GaussCase{17, 13, 4, 1.5, 1.5}, GaussCase{7, 3, 5, 1.0, 1.0},
+                                         GaussCase{1, 37, 1, 1.0, 1.0}),
+                         [](const testing::TestParamInfo<GaussCase>& info) {
+                             const GaussCase& c = info.param;
+                             return std::to_string(c.w) + "x" + std::to_string(c.h) + "Kernel" +
+                                    std::to_string(c.k);
+                         });
 
 TEST(GaussFilterLevels, UnequalSizesTakeTheExactKernelAtEveryLevel) {
     const int w = 23, h = 19;

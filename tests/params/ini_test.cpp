@@ -24,38 +24,58 @@ std::string ReadValue(const char* section, const char* key, const char* file, in
     return result == 1 ? std::string(buffer.data()) : "<" + std::to_string(result) + ">";
 }
 
-TEST(IniWrite, BuildsTheExpectedTextForEveryCase) {
-    // Cases: the text before (nullptr: no file), section, key, value, the text after.
-    const struct { const char *before, *section, *key, *value, *after; } cases[] = {
-        {nullptr, "S", "k", "v", "[S]\nk=v\n"},
-        {"", "S", "k", "5%d%%", "[S]\nk=5%d%%\n"},
+// One write: the text before (nullptr: no file), section, key, value, the text after.
+struct WriteCase {
+    const char* name;
+    const char *before, *section, *key, *value, *after;
+    friend void PrintTo(const WriteCase& c, std::ostream* os) { *os << c.name; }
+};
+
+class IniWriteCase : public testing::TestWithParam<WriteCase> {};
+
+TEST_P(IniWriteCase, BuildsTheExpectedText) {
+    const WriteCase& c = GetParam();
+    ScratchFile file;
+    if (c.before != nullptr) file.write(c.before);
+    EXPECT_EQ(WriteString_INI(c.section, c.key, c.value, file.path()), 1);
+    EXPECT_EQ(file.read(), c.after);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, IniWriteCase,
+    testing::Values(
+        WriteCase{"NoFile", nullptr, "S", "k", "v", "[S]\nk=v\n"},
+        WriteCase{"ValueIsNotFormatted", "", "S", "k", "5%d%%", "[S]\nk=5%d%%\n"},
         // A new section follows a line feed; a new key becomes the first line of its section.
-        {"[A]\na=1\n", "B", "b", "2", "[A]\na=1\n\n[B]\nb=2\n"},
-        {"[S]\n\n\nk=v\n[T]\n", "S", "j", "w", "[S]\n\n\nj=w\nk=v\n[T]\n"},
-        {"[S]\n[T]\nt=1\n", "S", "k", "v", "[S]\nk=v\n[T]\nt=1\n"},
+        WriteCase{"NewSectionAfterALineFeed", "[A]\na=1\n", "B", "b", "2", "[A]\na=1\n\n[B]\nb=2\n"},
+        WriteCase{"NewKeyFirstBehindBlankLines", "[S]\n\n\nk=v\n[T]\n", "S", "j", "w",
+                  "[S]\n\n\nj=w\nk=v\n[T]\n"},
+        WriteCase{"NewKeyInAnEmptySection", "[S]\n[T]\nt=1\n", "S", "k", "v",
+                  "[S]\nk=v\n[T]\nt=1\n"},
         // Replacement keeps everything around the value, a missing final line feed included.
-        {"; c\n[S]\nk=old\nz=1\n[T]\nk=t\n", "S", "k", "new", "; c\n[S]\nk=new\nz=1\n[T]\nk=t\n"},
+        WriteCase{"ReplacementKeepsTheRest", "; c\n[S]\nk=old\nz=1\n[T]\nk=t\n", "S", "k", "new",
+                  "; c\n[S]\nk=new\nz=1\n[T]\nk=t\n"},
         // Repeated sections: the first match in file order, else the last section of the name.
-        {"[S]\nk=1\n[T]\nb=2\n[S]\nk=3\n", "S", "k", "9", "[S]\nk=9\n[T]\nb=2\n[S]\nk=3\n"},
-        {"[S]\na=1\n[T]\nb=2\n[S]\nc=3\n", "S", "c", "9", "[S]\na=1\n[T]\nb=2\n[S]\nc=9\n"},
-        {"[S]\na=1\n[T]\nb=2\n[S]\nc=3\n", "S", "d", "4", "[S]\na=1\n[T]\nb=2\n[S]\nd=4\nc=3\n"},
+        WriteCase{"RepeatedSectionsFirstMatch", "[S]\nk=1\n[T]\nb=2\n[S]\nk=3\n", "S", "k", "9",
+                  "[S]\nk=9\n[T]\nb=2\n[S]\nk=3\n"},
+        WriteCase{"RepeatedSectionsMatchInTheSecond", "[S]\na=1\n[T]\nb=2\n[S]\nc=3\n", "S", "c",
+                  "9", "[S]\na=1\n[T]\nb=2\n[S]\nc=9\n"},
+        WriteCase{"RepeatedSectionsNewKeyInTheLast", "[S]\na=1\n[T]\nb=2\n[S]\nc=3\n", "S", "d",
+                  "4", "[S]\na=1\n[T]\nb=2\n[S]\nd=4\nc=3\n"},
         // Neither a header in the middle of a line, nor a comment line, nor another case.
-        {"x=[S]\nk=1\n", "S", "k", "2", "x=[S]\nk=1\n\n[S]\nk=2\n"},
-        {"[S]\n;k=1\n", "S", "k", "2", "[S]\nk=2\n;k=1\n"},
+        WriteCase{"HeaderInsideALineIsNone", "x=[S]\nk=1\n", "S", "k", "2",
+                  "x=[S]\nk=1\n\n[S]\nk=2\n"},
+        WriteCase{"CommentedKeyIsNone", "[S]\n;k=1\n", "S", "k", "2", "[S]\nk=2\n;k=1\n"},
         // Deliberately, the text behind an inserted key goes through the formatter: "%%"
         // becomes "%"; the text before it and a replaced line are never formatted.
-        {"[P]\np=1%%\n[S]\nk=5%%\nf=%s %\n", "S", "n", "1", "[P]\np=1%%\n[S]\nn=1\nk=5%\nf=%s %\n"},
-        {"[S]\nk=5%%\nz=%%\n", "S", "k", "1", "[S]\nk=1\nz=%%\n"},
+        WriteCase{"TextBehindAnInsertedKeyIsFormatted", "[P]\np=1%%\n[S]\nk=5%%\nf=%s %\n", "S",
+                  "n", "1", "[P]\np=1%%\n[S]\nn=1\nk=5%\nf=%s %\n"},
+        WriteCase{"ReplacedLineIsNotFormatted", "[S]\nk=5%%\nz=%%\n", "S", "k", "1",
+                  "[S]\nk=1\nz=%%\n"},
         // The text ends at a byte 0xFF.
-        {"[S]\nk=1\n\xFFgarbage\n[T]\nt=2\n", "S", "k", "2", "[S]\nk=2\n"},
-    };
-    for (const auto& c : cases) {
-        ScratchFile file;
-        if (c.before != nullptr) file.write(c.before);
-        EXPECT_EQ(WriteString_INI(c.section, c.key, c.value, file.path()), 1) << c.after;
-        EXPECT_EQ(file.read(), c.after);
-    }
-}
+        WriteCase{"TextEndsAtByteFF", "[S]\nk=1\n\xFFgarbage\n[T]\nt=2\n", "S", "k", "2",
+                  "[S]\nk=2\n"}),
+    [](const testing::TestParamInfo<WriteCase>& info) { return std::string(info.param.name); });
 
 TEST(IniWrite, NumericWritersFormatTheirValues) {
     ScratchFile file;

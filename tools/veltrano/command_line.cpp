@@ -204,6 +204,7 @@ struct AllOptions {
     ProcessOptions process;
     CalibrateOptions calibrate;
     InfoOptions info;
+    StudioCommandOptions studio;
 };
 
 // A subcommand and what runs when the command line names it.
@@ -270,23 +271,18 @@ const char kProcessHelp[] =
     "back to it, and the patient options are refused. A PNG or raw input with a .dcm output\n"
     "needs --pixel-pitch. A failed run leaves an existing output file untouched.";
 
-CLI::App* DefineProcess(CLI::App& program, ProcessOptions& o) {
-    CLI::App* process = AddCommand(program, "process", kProcessHelp);
-    AddPath(process, "--chain", o.chain, "FILE", "post-processing chain")->required();
-    AddPath(process, "--in", o.in, "IMAGE",
-            "input image: a 16-bit PNG or DICOM file, or raw with the layout")
-        ->required();
-    AddPath(process, "--out", o.out, "IMAGE", "output image")->required();
-    RawLayout& raw = o.layout;
-    CLI::Option* width = AddNumber(process, "--width", raw.width, "W", "raw: pixels per row",
+// The layout of a headerless raw input: --width, --height and --type come together or not at
+// all, --header only with them. Returns --width, whose count says whether a layout was given.
+CLI::Option* AddRawLayout(CLI::App* app, RawLayout& raw) {
+    CLI::Option* width = AddNumber(app, "--width", raw.width, "W", "raw: pixels per row",
                                    uint64_t{1}, uint64_t{100000});
-    CLI::Option* height = AddNumber(process, "--height", raw.height, "H", "raw: rows",
+    CLI::Option* height = AddNumber(app, "--height", raw.height, "H", "raw: rows",
                                     uint64_t{1}, uint64_t{100000});
-    CLI::Option* type = AddNumber(process, "--type", raw.type, "CODE", "raw: element code", 0, 9);
-    CLI::Option* header = AddNumber(process, "--header", raw.headerBytes, "BYTES",
+    CLI::Option* type = AddNumber(app, "--type", raw.type, "CODE", "raw: element code", 0, 9);
+    CLI::Option* header = AddNumber(app, "--header", raw.headerBytes, "BYTES",
                                     "raw: bytes to skip before the samples", uint64_t{0},
                                     uint64_t{1} << 40);
-    // The layout comes whole or not at all; the defaults are not a layout.
+    // The defaults are not a layout.
     for (CLI::Option* part : {width, height, type}) {
         part->default_str("");
     }
@@ -294,6 +290,17 @@ CLI::App* DefineProcess(CLI::App& program, ProcessOptions& o) {
     height->needs(width)->needs(type);
     type->needs(width)->needs(height);
     header->needs(width)->needs(height)->needs(type);
+    return width;
+}
+
+CLI::App* DefineProcess(CLI::App& program, ProcessOptions& o) {
+    CLI::App* process = AddCommand(program, "process", kProcessHelp);
+    AddPath(process, "--chain", o.chain, "FILE", "post-processing chain")->required();
+    AddPath(process, "--in", o.in, "IMAGE",
+            "input image: a 16-bit PNG or DICOM file, or raw with the layout")
+        ->required();
+    AddPath(process, "--out", o.out, "IMAGE", "output image")->required();
+    CLI::Option* width = AddRawLayout(process, o.layout);
     const std::function<void()> checkDicom = AddDicomOptions(process, o.dicom);
     // Runs after the checks above, as part of the parse: its error is a usage error like theirs.
     process->final_callback([&o, width, checkDicom] {
@@ -363,6 +370,44 @@ CLI::App* DefineInfo(CLI::App& program, InfoOptions& o) {
     return info;
 }
 
+const char kStudioHelp[] =
+    "tune a post-processing chain on a picture in the browser\n"
+    "\n"
+    "Serves a page on 127.0.0.1 on which a post-processing chain is tuned against a picture:\n"
+    "steps added, removed and reordered, every value changed with the result shown at once,\n"
+    "and the chain file saved. The picture is a 16-bit PNG (or a raw file with its layout, as\n"
+    "for 'veltrano process'), or with --workdir a fresh exposure from the sensor of DIR. The\n"
+    "page reads and writes chain files only in the folder of FILE (default: the chain shipped\n"
+    "with the program). The address is printed, and opened where a desktop is available.";
+
+CLI::App* DefineStudio(CLI::App& program, StudioCommandOptions& o) {
+    CLI::App* studio = AddCommand(program, "studio", kStudioHelp);
+    CLI::Option* image = AddPath(studio, "--image", o.image, "FILE", "picture to tune on");
+    CLI::Option* workDir = AddPath(studio, "--workdir", o.workDir, "DIR",
+                                   "take the picture from the sensor of this work folder instead");
+    image->excludes(workDir);
+    AddPath(studio, "--chain", o.chain, "FILE",
+            "chain file to start from (created on the first save if missing)");
+    AddNumber(studio, "--port", o.port, "N",
+              "port on 127.0.0.1 (default: 8765, or any free one when that is taken)", 0, 65535)
+        ->default_str("");
+    CLI::Option* width = AddRawLayout(studio, o.layout);
+    width->needs(image);
+    AddSwitch(studio, "--no-browser", o.noBrowser, "do not open a browser");
+    studio->final_callback([&o, image, workDir, width] {
+        if (image->count() == 0 && workDir->count() == 0) {
+            throw CLI::ValidationError("--image", "give either --image FILE or --workdir DIR");
+        }
+        o.raw = width->count() != 0;
+        if (image->count() != 0 && !o.raw && !IsPngPath(o.image)) {
+            throw CLI::ValidationError("--image", "'" + o.image +
+                                                      "' is not a .png file: give --width, "
+                                                      "--height and --type to read it as a raw file");
+        }
+    });
+    return studio;
+}
+
 std::vector<Command> BuildCommands(CLI::App& program, AllOptions& o) {
     program.formatter(std::make_shared<HelpFormatter>());
     program.option_defaults()->group("options");
@@ -391,6 +436,7 @@ std::vector<Command> BuildCommands(CLI::App& program, AllOptions& o) {
         {DefineProcess(program, o.process), [&o] { return RunProcess(o.process); }},
         {DefineCalibrate(program, o.calibrate), [&o] { return RunCalibrate(o.calibrate); }},
         {DefineInfo(program, o.info), [&o] { return RunInfo(o.info); }},
+        {DefineStudio(program, o.studio), [&o] { return RunStudioCommand(o.studio); }},
         {help, mainHelp},
     };
 }

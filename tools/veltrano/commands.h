@@ -61,6 +61,16 @@ struct InfoOptions {
     bool verbose = false;
 };
 
+struct StudioCommandOptions {
+    std::string image;    // a picture file, or
+    std::string workDir;  // a fresh exposure from this sensor
+    std::string chain;    // empty: the chain file shipped with the program
+    int port = 0;         // 0: 8765, or any free port when that is taken
+    bool raw = false;     // the picture is a headerless raw file of the layout below
+    RawLayout layout;
+    bool noBrowser = false;
+};
+
 int RunDemo(const DemoOptions& options);
 int RunAcquire(const AcquireOptions& options);
 int RunProcess(const ProcessOptions& options);
@@ -68,6 +78,8 @@ int RunProcess(const ProcessOptions& options);
 int RunCalibrate(const CalibrateOptions& options);
 int RunVirtualCalibrate(const CalibrateOptions& options);
 int RunInfo(const InfoOptions& options);
+// The chain studio (studio/), where the program is built with it.
+int RunStudioCommand(const StudioCommandOptions& options);
 
 // Shared by the subcommands.
 
