@@ -11,7 +11,8 @@
 
 namespace veltrano::platform {
 
-// True when stream is an interactive terminal (a console window on Windows).
+// True when stream is an interactive terminal (a console window on Windows). The Windows runtime
+// also says true for any character device, the null device among them.
 bool IsTerminal(std::FILE* stream);
 
 // The device that swallows whatever is written to it: "/dev/null", or "NUL" on Windows.
