@@ -1,0 +1,16 @@
+#include "platform/interrupt.h"
+
+#include <csignal>
+
+namespace veltrano::platform {
+
+// The C runtime turns the console's Ctrl-C event into SIGINT and calls the handler on a thread of
+// its own; it resets the handler to the default action before calling it.
+InterruptHandler SetInterruptHandler(InterruptHandler handler) {
+    const InterruptHandler previous = std::signal(SIGINT, handler);
+    return previous == SIG_ERR ? DefaultInterrupt() : previous;
+}
+
+InterruptHandler DefaultInterrupt() { return SIG_DFL; }
+
+}  // namespace veltrano::platform
