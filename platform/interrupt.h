@@ -16,4 +16,8 @@ InterruptHandler SetInterruptHandler(InterruptHandler handler);
 // The system's own action, as a handler that SetInterruptHandler accepts.
 InterruptHandler DefaultInterrupt();
 
+// The same for a polite request to end the process (SIGTERM: `kill`, a service manager); the
+// same rules for the handler, and DefaultInterrupt() puts back the system's action here too.
+InterruptHandler SetTerminationHandler(InterruptHandler handler);
+
 }  // namespace veltrano::platform

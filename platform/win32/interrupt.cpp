@@ -11,6 +11,13 @@ InterruptHandler SetInterruptHandler(InterruptHandler handler) {
     return previous == SIG_ERR ? DefaultInterrupt() : previous;
 }
 
+// The C runtime raises SIGTERM only when the program raises it itself; closing the console
+// arrives as another event. Kept for the same code on both systems.
+InterruptHandler SetTerminationHandler(InterruptHandler handler) {
+    const InterruptHandler previous = std::signal(SIGTERM, handler);
+    return previous == SIG_ERR ? DefaultInterrupt() : previous;
+}
+
 InterruptHandler DefaultInterrupt() { return SIG_DFL; }
 
 }  // namespace veltrano::platform

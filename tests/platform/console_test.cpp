@@ -121,5 +121,20 @@ TEST(Interrupt, HandlerRunsAndPreviousIsHandedBack) {
     EXPECT_EQ(SetInterruptHandler(DefaultInterrupt()), DefaultInterrupt());
 }
 
+// A request to end the process has a handler of its own: Ctrl-C's is not touched by it.
+TEST(Interrupt, TerminationHasItsOwnHandler) {
+    g_interrupts.store(0);
+    const InterruptHandler previous = SetTerminationHandler(CountInterrupt);
+    EXPECT_EQ(previous, DefaultInterrupt());
+    EXPECT_EQ(SetInterruptHandler(DefaultInterrupt()), DefaultInterrupt());
+    ASSERT_EQ(std::raise(SIGTERM), 0);
+    EXPECT_EQ(g_interrupts.load(), 1);
+#if !defined(_WIN32)
+    EXPECT_EQ(SetTerminationHandler(previous), CountInterrupt);
+#else
+    SetTerminationHandler(previous);
+#endif
+}
+
 }  // namespace
 }  // namespace veltrano::platform
