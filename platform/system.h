@@ -1,7 +1,9 @@
-// Small process-wide facilities: sleeping, process priority and the path separator.
+// Small process-wide facilities: sleeping, process priority, the path separator and the folder
+// of the running program.
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 namespace veltrano::platform {
 
@@ -14,5 +16,9 @@ void RaiseProcessPriority();
 
 // '\\' on Windows, '/' elsewhere.
 char PathSeparator();
+
+// Folder of the running program's executable file, with a trailing separator; empty when it
+// cannot be told. /proc/self/exe on POSIX systems, GetModuleFileNameA on Windows.
+std::string ExecutableFolder();
 
 }  // namespace veltrano::platform

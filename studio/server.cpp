@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <csignal>
 #include <cstdlib>
 #include <cstdio>
 #include <filesystem>
@@ -13,6 +12,8 @@
 #include <random>
 #include <sstream>
 
+#include "platform/browser.h"
+#include "platform/interrupt.h"
 #include "platform/listen_socket.h"
 #include "studio/web_assets.h"
 
@@ -592,20 +593,15 @@ int RunStudio(const StudioOptions& options) {
     }
     std::printf("veltrano studio: %s  (Ctrl-C ends it)\n", server.Address().c_str());
     std::fflush(stdout);
-#if !defined(_WIN32)
-    if (options.openBrowser && (std::getenv("DISPLAY") != nullptr ||
-                                std::getenv("WAYLAND_DISPLAY") != nullptr)) {
-        // The address holds only digits and punctuation of our own: safe on a command line.
-        const std::string command = "xdg-open '" + server.Address() + "' >/dev/null 2>&1 &";
-        if (std::system(command.c_str()) != 0) {
-            std::printf("open %s in a browser\n", server.Address().c_str());
-        }
+    if (options.openBrowser && !veltrano::platform::OpenInBrowser(server.Address())) {
+        std::printf("open %s in a browser\n", server.Address().c_str());
     }
-#endif
     // Ending the server rather than the process lets it remove its scratch folder.
     g_stopRequested.store(false);
-    void (*previousInt)(int) = std::signal(SIGINT, OnStopSignal);
-    void (*previousTerm)(int) = std::signal(SIGTERM, OnStopSignal);
+    const veltrano::platform::InterruptHandler previousInt =
+        veltrano::platform::SetInterruptHandler(OnStopSignal);
+    const veltrano::platform::InterruptHandler previousTerm =
+        veltrano::platform::SetTerminationHandler(OnStopSignal);
     std::atomic<bool> served{false};
     std::thread watcher([&] {
         while (!served.load() && !g_stopRequested.load()) {
@@ -616,8 +612,8 @@ int RunStudio(const StudioOptions& options) {
     server.Serve();
     served.store(true);
     watcher.join();
-    std::signal(SIGINT, previousInt);
-    std::signal(SIGTERM, previousTerm);
+    veltrano::platform::SetInterruptHandler(previousInt);
+    veltrano::platform::SetTerminationHandler(previousTerm);
     return 0;
 }
 

@@ -1,5 +1,8 @@
 #include "platform/system.h"
 
+#include <limits.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <thread>
 
@@ -12,5 +15,16 @@ void SleepMs(uint32_t ms) { std::this_thread::sleep_for(std::chrono::millisecond
 void RaiseProcessPriority() {}
 
 char PathSeparator() { return '/'; }
+
+std::string ExecutableFolder() {
+    char path[PATH_MAX] = {0};
+    const ssize_t n = ::readlink("/proc/self/exe", path, sizeof path - 1);
+    if (n <= 0) {
+        return std::string();
+    }
+    std::string text(path, static_cast<size_t>(n));
+    const size_t slash = text.rfind('/');
+    return slash == std::string::npos ? std::string() : text.substr(0, slash + 1);
+}
 
 }  // namespace veltrano::platform

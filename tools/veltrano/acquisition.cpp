@@ -2,11 +2,11 @@
 
 #include <atomic>
 #include <chrono>
-#include <csignal>
 #include <cstdio>
 #include <thread>
 
-#include "host_system.h"
+#include "platform/console.h"
+#include "platform/interrupt.h"
 
 namespace vcli {
 namespace {
@@ -113,11 +113,12 @@ ExposureResult TakeExposure(CVeltrano& detector, const ExposureSettings& setting
     detector.ResetUserStop();
 
     g_interrupted.store(false);
-    void (*previous)(int) = std::signal(SIGINT, OnInterrupt);
+    const veltrano::platform::InterruptHandler previous =
+        veltrano::platform::SetInterruptHandler(OnInterrupt);
     std::atomic<bool> done{false};
     const auto start = std::chrono::steady_clock::now();
     std::thread poller([&] {
-        ProgressView view(StderrIsTerminal());
+        ProgressView view(veltrano::platform::IsTerminal(stderr));
         bool stopSent = false;
         for (;;) {
             const bool last = done.load();
@@ -139,7 +140,7 @@ ExposureResult TakeExposure(CVeltrano& detector, const ExposureSettings& setting
                                          settings.threshold);
     done.store(true);
     poller.join();
-    std::signal(SIGINT, previous);
+    veltrano::platform::SetInterruptHandler(previous);
     ExposureResult result;
     result.code = code;
     result.outcome = ClassifyExposure(code, detector.GetEndSign(), image.data != nullptr,

@@ -2,7 +2,6 @@
 // engineer runs it when a sensor is installed or replaced, and (--virtual) the virtual sensor's
 // own calibration files.
 #include <atomic>
-#include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <iostream>
@@ -12,6 +11,7 @@
 
 #include "commands.h"
 #include "host_system.h"
+#include "platform/interrupt.h"
 #include "png_io.h"
 #include "preview.h"
 #include "veltrano/calibration_builder.h"
@@ -35,13 +35,13 @@ void OnInterrupt(int) { g_cancel.store(true); }
 // the program, which leaves the previous calibration in place just the same.
 class InterruptGuard {
 public:
-    InterruptGuard() : previous_(std::signal(SIGINT, OnInterrupt)) {}
-    ~InterruptGuard() { std::signal(SIGINT, previous_); }
+    InterruptGuard() : previous_(veltrano::platform::SetInterruptHandler(OnInterrupt)) {}
+    ~InterruptGuard() { veltrano::platform::SetInterruptHandler(previous_); }
     InterruptGuard(const InterruptGuard&) = delete;
     InterruptGuard& operator=(const InterruptGuard&) = delete;
 
 private:
-    void (*previous_)(int);
+    veltrano::platform::InterruptHandler previous_;
 };
 
 // Asks the operator to set the source for a level; false when the operator stops.
@@ -55,10 +55,10 @@ bool AskOperator(int level, int levels, int exposures) {
                  "(q and Enter stops): ",
                  level + 1, levels, which, exposures);
     std::fflush(stderr);
-    std::signal(SIGINT, SIG_DFL);
+    veltrano::platform::SetInterruptHandler(veltrano::platform::DefaultInterrupt());
     std::string answer;
     const bool read = static_cast<bool>(std::getline(std::cin, answer));
-    std::signal(SIGINT, OnInterrupt);
+    veltrano::platform::SetInterruptHandler(OnInterrupt);
     return read && answer != "q" && answer != "Q";
 }
 

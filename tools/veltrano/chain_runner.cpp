@@ -5,22 +5,16 @@
 
 #include "commands.h"
 #include "host_system.h"
+#include "platform/console.h"
+#include "platform/system.h"
 #include "veltrano/chain.h"
 
 namespace vcli {
 
-const char* NullDevice() {
-#if defined(_WIN32)
-    return "NUL";
-#else
-    return "/dev/null";
-#endif
-}
-
 // Beside the program in a build tree; in share/veltrano/ once installed.
 std::string DefaultChainPath() {
     for (const char* place : {"chains/default.chain", "../share/veltrano/chains/default.chain"}) {
-        const std::string path = ExecutableDir() + place;
+        const std::string path = veltrano::platform::ExecutableFolder() + place;
         if (std::ifstream(path).good()) {
             return path;
         }
@@ -41,7 +35,7 @@ bool RunChain(const std::string& chainPath, const Image16& in, Image16& out, std
     try {
         // The chain prints its own failure lines on standard output; this program reports
         // them on standard error in its own words instead.
-        StdoutToFile quiet(NullDevice());
+        StdoutToFile quiet(veltrano::platform::NullDevice());
         result = Img_Post_Process_Chain(in.pixels.data(), out.pixels.data(),
                                         static_cast<int>(in.width), static_cast<int>(in.height),
                                         chainPath.c_str(), text);

@@ -99,10 +99,6 @@ bool RunChain(const std::string& chainPath, const Image16& in, Image16& out, std
 // is refused before an exposure is spent on it. Same errors as RunChain.
 bool CheckChain(const std::string& chainPath, std::string& error);
 
-// The null device, for silencing the library's own console lines where the program reports
-// the same failure in its own words.
-const char* NullDevice();
-
 // The chain file shipped with the program: bin/chains/default.chain beside the executable,
 // else chains/default.chain under the current folder.
 std::string DefaultChainPath();

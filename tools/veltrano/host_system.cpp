@@ -1,18 +1,6 @@
 #include "host_system.h"
 
-#include <cstdio>
-#include <iostream>
-
 #include "platform/dynamic_library.h"
-
-#if defined(_WIN32)
-#include <io.h>
-#include <windows.h>
-#else
-#include <fcntl.h>
-#include <limits.h>
-#include <unistd.h>
-#endif
 
 namespace vcli {
 
@@ -62,81 +50,5 @@ SetFlatDoseFn FindVirtualSensorSource() {
                ? nullptr
                : reinterpret_cast<SetFlatDoseFn>(driver->symbol("VirtualSensor_SetFlatDose"));
 }
-
-#if defined(_WIN32)
-
-std::string ExecutableDir() {
-    char path[MAX_PATH] = {0};
-    const DWORD n = GetModuleFileNameA(nullptr, path, MAX_PATH);
-    if (n == 0 || n >= MAX_PATH) {
-        return std::string();
-    }
-    std::string text(path, n);
-    const size_t slash = text.find_last_of("\\/");
-    return slash == std::string::npos ? std::string() : text.substr(0, slash + 1);
-}
-
-bool StderrIsTerminal() { return _isatty(_fileno(stderr)) != 0; }
-
-StdoutToFile::StdoutToFile(const std::string& path) {
-    std::cout.flush();
-    std::fflush(stdout);
-    FILE* log = std::fopen(path.c_str(), "a");
-    if (log == nullptr) {
-        return;
-    }
-    saved_ = _dup(_fileno(stdout));
-    _dup2(_fileno(log), _fileno(stdout));
-    std::fclose(log);
-}
-
-StdoutToFile::~StdoutToFile() {
-    if (saved_ < 0) {
-        return;
-    }
-    std::cout.flush();
-    std::fflush(stdout);
-    _dup2(saved_, _fileno(stdout));
-    _close(saved_);
-}
-
-#else
-
-std::string ExecutableDir() {
-    char path[PATH_MAX] = {0};
-    const ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
-    if (n <= 0) {
-        return std::string();
-    }
-    std::string text(path, static_cast<size_t>(n));
-    const size_t slash = text.rfind('/');
-    return slash == std::string::npos ? std::string() : text.substr(0, slash + 1);
-}
-
-bool StderrIsTerminal() { return isatty(fileno(stderr)) != 0; }
-
-StdoutToFile::StdoutToFile(const std::string& path) {
-    std::cout.flush();
-    std::fflush(stdout);
-    const int log = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-    if (log < 0) {
-        return;
-    }
-    saved_ = dup(fileno(stdout));
-    dup2(log, fileno(stdout));
-    close(log);
-}
-
-StdoutToFile::~StdoutToFile() {
-    if (saved_ < 0) {
-        return;
-    }
-    std::cout.flush();
-    std::fflush(stdout);
-    dup2(saved_, fileno(stdout));
-    close(saved_);
-}
-
-#endif
 
 }  // namespace vcli

@@ -1,32 +1,16 @@
-// The few operating-system services the program needs beyond the standard library: where the
-// executable lies, whether standard error is a terminal, sending standard output to a log file
-// for a while, and calling into the driver library by name. POSIX and Windows live in
-// host_system.cpp side by side; the driver library is loaded through the platform layer.
+// What the program needs from its host beyond the standard library: sending standard output to a
+// log file for a while, and calling into the driver library by name. The operating-system calls
+// themselves are in the platform layer.
 #pragma once
 
 #include <string>
 
+#include "platform/console.h"
+
 namespace vcli {
 
-// Folder of the running executable (with a trailing separator), or empty if unknown.
-std::string ExecutableDir();
-
-// True when standard error is an interactive terminal (progress is then drawn in place).
-bool StderrIsTerminal();
-
-// Sends everything written to standard output (by this program or by the library, through
-// printf or std::cout) to a file until the object is destroyed. If the file cannot be opened
-// standard output is left as it is.
-class StdoutToFile {
-public:
-    explicit StdoutToFile(const std::string& path);
-    ~StdoutToFile();
-    StdoutToFile(const StdoutToFile&) = delete;
-    StdoutToFile& operator=(const StdoutToFile&) = delete;
-
-private:
-    int saved_ = -1;
-};
+// Standard output to a log file for a while; the platform layer does the redirection.
+using veltrano::platform::StdoutToFile;
 
 // Calls VirtualSensor_WriteCalibration(workDir, frames) in the driver library that the Veltrano
 // library loads ("FpdSys"). False with error set when the library cannot be loaded, when it has
