@@ -376,6 +376,47 @@ bool EnhanceExactIntegerSums(const T* src, T* dst, int w, int h, int radius, flo
     return true;
 }
 
+// Scaled value of the quick form: the source times 1 / (2 radius + 1)^2 in single precision.
+template <class T>
+inline float QuickValue(T v, float scale) {
+    return static_cast<float>(v) * scale;
+}
+
+// Population standard deviation of the scaled values: the mean in double, then the mean squared
+// deviation, both summed in index order.
+template <class T>
+float QuickGlobalStd(const T* src, size_t count, float scale) {
+    double sum = 0.0;
+    for (size_t i = 0; i < count; ++i) sum += QuickValue(src[i], scale);
+    const double mean = sum / static_cast<double>(count);
+    double deviations = 0.0;
+    for (size_t i = 0; i < count; ++i) {
+        const double d = static_cast<double>(QuickValue(src[i], scale)) - mean;
+        deviations += d * d;
+    }
+    return static_cast<float>(std::sqrt(deviations / static_cast<double>(count)));
+}
+
+// One result of the quick form from the scaled value and its local mean and mean square.
+template <class T>
+inline T QuickResult(float x, float m, float q, float globalStd, float alpha, float maxGain, float back) {
+    const float v = q - m * m;
+    float r;
+    if (v > 0.0f) {
+        const float ratio = globalStd / std::sqrt(v);
+        const float gain = alpha * std::min(ratio, maxGain);
+        r = (x - m) * gain + m;
+    } else {
+        r = m;
+    }
+    r = r * back;
+    if constexpr (std::is_floating_point_v<T>) {
+        return r;
+    } else {
+        return StoreInRange<T>(r);
+    }
+}
+
 template <class T>
 void EnhanceQuick(const T* src, T* dst, int w, int h, int radius, float alpha, float maxGain) {
     const size_t count = static_cast<size_t>(w) * static_cast<size_t>(h);
@@ -385,19 +426,11 @@ void EnhanceQuick(const T* src, T* dst, int w, int h, int radius, float alpha, f
 
     std::vector<float> x(count);
     std::vector<float> squares(count);
-    double sum = 0.0;
     for (size_t i = 0; i < count; ++i) {
-        x[i] = static_cast<float>(src[i]) * scale;
+        x[i] = QuickValue(src[i], scale);
         squares[i] = x[i] * x[i];
-        sum += x[i];
     }
-    const double mean = sum / static_cast<double>(count);
-    double deviations = 0.0;
-    for (size_t i = 0; i < count; ++i) {
-        const double d = static_cast<double>(x[i]) - mean;
-        deviations += d * d;
-    }
-    const float globalStd = static_cast<float>(std::sqrt(deviations / static_cast<double>(count)));
+    const float globalStd = QuickGlobalStd(src, count, scale);
 
     std::vector<float> m(count);
     std::vector<float> q(count);
@@ -405,23 +438,118 @@ void EnhanceQuick(const T* src, T* dst, int w, int h, int radius, float alpha, f
     BoxMean(squares.data(), q.data(), w, h, radius);
 
     const float back = static_cast<float>(area);
-    for (size_t i = 0; i < count; ++i) {
-        const float v = q[i] - m[i] * m[i];
-        float r;
-        if (v > 0.0f) {
-            const float ratio = globalStd / std::sqrt(v);
-            const float gain = alpha * std::min(ratio, maxGain);
-            r = (x[i] - m[i]) * gain + m[i];
-        } else {
-            r = m[i];
+    for (size_t i = 0; i < count; ++i) dst[i] = QuickResult<T>(x[i], m[i], q[i], globalStd, alpha, maxGain, back);
+}
+
+// The quick form without frame-sized scratch. Its window sums are float running sums, whose
+// order of additions decides the result, so they are formed exactly as BoxMean forms them: each
+// row's running sum along the mirrored row (first window summed left to right, then the entering
+// element added and the leaving one taken away), then one running sum per column down the
+// mirrored rows, started from the top row of the first window. Only the rows of row sums that
+// the column sums still need are kept: a ring of 2r + 2 rows (or all rows of a shorter image),
+// indexed by source row. The rows a window needs, mirrored or not, lie in the band
+// y - r - 1 .. y + r, whose rows fall in distinct slots, so each source row's sums are formed
+// once, from the source as it was, before the output row of the same index is written: in
+// place works without a copy of the frame. Returns false, having written nothing, when the
+// scratch cannot be allocated.
+template <class T>
+bool EnhanceQuickRows(const T* src, T* dst, int w, int h, int radius, float alpha, float maxGain) {
+    const size_t width = static_cast<size_t>(w);
+    const size_t count = width * static_cast<size_t>(h);
+    const int64_t side = 2 * static_cast<int64_t>(radius) + 1;
+    const int64_t area = side * side;
+    const float scale = 1.0f / static_cast<float>(area);
+    const int r = radius < 1 ? 1 : radius;
+    const size_t k = 2 * static_cast<size_t>(r) + 1;
+    const size_t slots = std::min(static_cast<size_t>(h), k + 1);
+
+    std::vector<float> ringSums;
+    std::vector<float> ringSquares;
+    std::vector<int> slotRow(slots, -1);
+    std::vector<float> ext;
+    std::vector<float> extSquares;
+    std::vector<float> colSums;
+    std::vector<float> colSquares;
+    std::vector<int32_t> index;
+    if (!TryResize(ringSums, slots * width) || !TryResize(ringSquares, slots * width) ||
+        !TryResize(ext, width + k - 1) || !TryResize(extSquares, width + k - 1) || !TryResize(colSums, width) ||
+        !TryResize(colSquares, width) || !TryResize(index, width + k - 1))
+        return false;
+    for (size_t j = 0; j < index.size(); ++j) index[j] = static_cast<int32_t>(MirrorIndex(static_cast<ptrdiff_t>(j) - r, w));
+
+    const float globalStd = QuickGlobalStd(src, count, scale);
+
+    // Row sums of the values and of their squares for row position y (mirrored into the image).
+    struct RowSums {
+        const float* sums;
+        const float* squares;
+    };
+    auto rowSums = [&](ptrdiff_t y) -> RowSums {
+        const int sourceRow = static_cast<int>(MirrorIndex(y, h));
+        const size_t slot = static_cast<size_t>(sourceRow) % slots;
+        float* sums = ringSums.data() + slot * width;
+        float* squares = ringSquares.data() + slot * width;
+        if (slotRow[slot] != sourceRow) {
+            slotRow[slot] = sourceRow;
+            const T* in = src + static_cast<size_t>(sourceRow) * width;
+            for (size_t j = 0; j < ext.size(); ++j) {
+                const float v = QuickValue(in[index[j]], scale);
+                ext[j] = v;
+                extSquares[j] = v * v;
+            }
+            float s = ext[0];
+            float sq = extSquares[0];
+            for (size_t j = 1; j < k; ++j) {
+                s = s + ext[j];
+                sq = sq + extSquares[j];
+            }
+            sums[0] = s;
+            squares[0] = sq;
+            for (size_t x = 1; x < width; ++x) {
+                s = s + ext[x + k - 1];
+                s = s - ext[x - 1];
+                sums[x] = s;
+                sq = sq + extSquares[x + k - 1];
+                sq = sq - extSquares[x - 1];
+                squares[x] = sq;
+            }
         }
-        r = r * back;
-        if constexpr (std::is_floating_point_v<T>) {
-            dst[i] = r;
-        } else {
-            dst[i] = StoreInRange<T>(r);
+        return {sums, squares};
+    };
+
+    const float inv = 1.0f / static_cast<float>(static_cast<int>(k) * static_cast<int>(k));
+    const float back = static_cast<float>(area);
+    const RowSums top = rowSums(-r);
+    std::memcpy(colSums.data(), top.sums, width * sizeof(float));
+    std::memcpy(colSquares.data(), top.squares, width * sizeof(float));
+    for (ptrdiff_t i = -r + 1; i <= r; ++i) {
+        const RowSums add = rowSums(i);
+        for (size_t x = 0; x < width; ++x) {
+            colSums[x] = colSums[x] + add.sums[x];
+            colSquares[x] = colSquares[x] + add.squares[x];
         }
     }
+    for (int y = 0; y < h; ++y) {
+        if (y > 0) {
+            // The leaving row first: both lie in the band, so neither fetch evicts the other.
+            const RowSums sub = rowSums(static_cast<ptrdiff_t>(y) - 1 - r);
+            const RowSums add = rowSums(static_cast<ptrdiff_t>(y) + r);
+            for (size_t x = 0; x < width; ++x) {
+                colSums[x] = colSums[x] + add.sums[x];
+                colSums[x] = colSums[x] - sub.sums[x];
+                colSquares[x] = colSquares[x] + add.squares[x];
+                colSquares[x] = colSquares[x] - sub.squares[x];
+            }
+        }
+        const T* in = src + static_cast<size_t>(y) * width;
+        T* out = dst + static_cast<size_t>(y) * width;
+        for (size_t x = 0; x < width; ++x) {
+            const float m = colSums[x] * inv;
+            const float q = colSquares[x] * inv;
+            out[x] = QuickResult<T>(QuickValue(in[x], scale), m, q, globalStd, alpha, maxGain, back);
+        }
+    }
+    return true;
 }
 
 template <class T>
@@ -434,7 +562,10 @@ struct ExactWorker {
 
 template <class T>
 struct QuickWorker {
-    static void Run(const T* s, T* d, int w, int h, int r, float a, float g) { EnhanceQuick(s, d, w, h, r, a, g); }
+    static void Run(const T* s, T* d, int w, int h, int r, float a, float g) {
+        if (ActiveImpl() != Impl::Reference && EnhanceQuickRows(s, d, w, h, r, a, g)) return;
+        EnhanceQuick(s, d, w, h, r, a, g);
+    }
 };
 
 // The quick form also squares (2 radius + 1) in 64 bits, so both ends of the radius are capped.
