@@ -169,9 +169,10 @@ INSTANTIATE_TEST_SUITE_P(
     [](const testing::TestParamInfo<FaultCase>& info) { return std::string(info.param.name); });
 
 TEST(Acquisition, StopAcqEndsAPendingWaitAtOnceAndStaysUntilReset) {
-    // The image is due 800 ms after arming. The object is destroyed before it comes, and a
-    // late image must not reach it (AddressSanitizer would see a use after free).
-    WorkDir dir("SensorSize = 1000\nExposureMs = 800");
+    // The image is due 500 ms after arming, 400 ms after the stop. The object is destroyed
+    // before it comes, and a late image must not reach it (AddressSanitizer would see a use
+    // after free).
+    WorkDir dir("SensorSize = 1000\nExposureMs = 500");
     auto detector = std::make_unique<CVeltrano>(dir.str().c_str());
     Prepare(*detector, dir);
     Outcome outcome;
@@ -201,7 +202,7 @@ TEST(Acquisition, StopAcqEndsAPendingWaitAtOnceAndStaysUntilReset) {
     EXPECT_EQ(stopped.log, "//////////////////start//////////////////////\nSensorSize:1000\n"
                            "Stop operation! \r\n//////////////////end//////////////////////\n");
     detector.reset();
-    std::this_thread::sleep_for(std::chrono::milliseconds(800));
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
 }
 
 TEST(OutlierStatistics, LevelsFollowTheBrightestAndDarkestThousandPixels) {
