@@ -169,9 +169,10 @@ INSTANTIATE_TEST_SUITE_P(
     [](const testing::TestParamInfo<FaultCase>& info) { return std::string(info.param.name); });
 
 TEST(Acquisition, StopAcqEndsAPendingWaitAtOnceAndStaysUntilReset) {
-    // The image is due 800 ms after arming. The object is destroyed before it comes, and a
-    // late image must not reach it (AddressSanitizer would see a use after free).
-    WorkDir dir("SensorSize = 1000\nExposureMs = 800");
+    // The image is due 500 ms after arming, 400 ms after the stop. The object is destroyed
+    // before it comes, and a late image must not reach it (AddressSanitizer would see a use
+    // after free).
+    WorkDir dir("SensorSize = 1000\nExposureMs = 500");
     auto detector = std::make_unique<CVeltrano>(dir.str().c_str());
     Prepare(*detector, dir);
     Outcome outcome;
@@ -185,6 +186,9 @@ TEST(Acquisition, StopAcqEndsAPendingWaitAtOnceAndStaysUntilReset) {
     detector->StopAcq();
     host.join();
     // The stop, not the image, ended the wait: the image had not arrived when the call returned.
+    // The callback logs "enter Evt_Image" before it wakes the wait, so a wait that only the
+    // image ended always shows it.
+    EXPECT_FALSE(Contains(outcome.log, "enter Evt_Image")) << outcome.log;
     EXPECT_FALSE(Contains(outcome.log, "Get an image!")) << outcome.log;
     EXPECT_EQ(outcome.code, -9);
     EXPECT_EQ(outcome.endSign, 2);
@@ -201,7 +205,7 @@ TEST(Acquisition, StopAcqEndsAPendingWaitAtOnceAndStaysUntilReset) {
     EXPECT_EQ(stopped.log, "//////////////////start//////////////////////\nSensorSize:1000\n"
                            "Stop operation! \r\n//////////////////end//////////////////////\n");
     detector.reset();
-    std::this_thread::sleep_for(std::chrono::milliseconds(800));
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
 }
 
 TEST(OutlierStatistics, LevelsFollowTheBrightestAndDarkestThousandPixels) {

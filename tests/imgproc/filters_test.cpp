@@ -248,11 +248,15 @@ struct KernelCase {
 
 // Kernels of the fixed 3 x 3 and 5 x 5 paths, of other and even sizes, single rows and columns,
 // sparse ones with zeros, and kernels larger than the smaller images (positions past the mirrored
-// extension); every image size leaves a remainder after the eight- and 48-pixel blocks.
+// extension); every image size leaves a remainder after the eight- and 48-pixel blocks. The
+// largest image is smaller than the shared 301 x 263 (eight kernels, two thread counts and three
+// levels made this the slowest case) but has the same remainders: 157 = 3 * 48 + 8 + 5.
 TEST(Filter2DLevels, EveryLevelGivesTheSameBitsInAndOutOfPlaceOnAnyThreadCount) {
     const KernelCase kernels[] = {{1, 1, 1}, {3, 3, 2}, {5, 5, 3}, {7, 5, 4}, {2, 4, 5}, {9, 1, 6}, {1, 6, 7}, {11, 9, 8}};
+    std::vector<impl_levels::Size> sizes = impl_levels::OddSizes();
+    sizes.back() = {157, 67};
     const int saved = omp_get_max_threads();
-    for (const impl_levels::Size& size : impl_levels::OddSizes()) {
+    for (const impl_levels::Size& size : sizes) {
         const std::vector<float> src = AwkwardImage(size.width, size.height, 31);
         std::vector<uint16_t> src16(src.size());
         for (size_t i = 0; i < src.size(); ++i) src16[i] = static_cast<uint16_t>(std::fabs(std::fmod(static_cast<double>(src[i]), 65536.0)));
