@@ -42,7 +42,8 @@ std::vector<uint8_t> NoisyFrame8() {
 void BM_FastNLM_Noisy(benchmark::State& state) {
     std::vector<uint8_t> src = NoisyFrame8(), dst(kPixels);
     const float h = static_cast<float>(state.range(0));
-    for (auto _ : state) benchmark::DoNotOptimize(FastNLM(src.data(), dst.data(), kWidth, kHeight, h, 1, 3));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(FastNLM(src.data(), dst.data(), kWidth, kHeight, h, 1, 3));
 }
 
 void BM_DefaultChain(benchmark::State& state) {

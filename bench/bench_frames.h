@@ -30,7 +30,8 @@ inline std::vector<uint16_t> MakeFrame16(double noiseSigma) {
             }
             if (y > 1500 && y < 1560) v *= 0.35;
             v += noise(gen);
-            f[static_cast<size_t>(y) * kWidth + x] = static_cast<uint16_t>(std::clamp(v, 0.0, 65535.0));
+            f[static_cast<size_t>(y) * kWidth + x] =
+                static_cast<uint16_t>(std::clamp(v, 0.0, 65535.0));
         }
     }
     return f;

@@ -1,5 +1,6 @@
-// Time per full sensor frame (one iteration is one frame) (1300 x 1800) of CLAHE, contrast enhancement and window levelling,
-// the bilateral filter, non-local means and unsharp masking, with the default parameter records.
+// Time per full sensor frame (one iteration is one frame) (1300 x 1800) of CLAHE, contrast
+// enhancement and window levelling, the bilateral filter, non-local means and unsharp masking, with
+// the default parameter records.
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -32,16 +33,36 @@ void ClaheCase(benchmark::State& state, Run run, double scale) {
 }
 
 void BM_clahe_8U(benchmark::State& s) {
-    ClaheCase<uint8_t>(s, [](uint8_t* a, uint8_t* b, claheParam* p) { return clahe_8U(a, b, kWidth, kHeight, p, nullptr); }, 255.0 / 65535.0);
+    ClaheCase<uint8_t>(
+        s,
+        [](uint8_t* a, uint8_t* b, claheParam* p) {
+            return clahe_8U(a, b, kWidth, kHeight, p, nullptr);
+        },
+        255.0 / 65535.0);
 }
 void BM_clahe_16U(benchmark::State& s) {
-    ClaheCase<uint16_t>(s, [](uint16_t* a, uint16_t* b, claheParam* p) { return clahe_16U(a, b, kWidth, kHeight, p, nullptr); }, 1.0);
+    ClaheCase<uint16_t>(
+        s,
+        [](uint16_t* a, uint16_t* b, claheParam* p) {
+            return clahe_16U(a, b, kWidth, kHeight, p, nullptr);
+        },
+        1.0);
 }
 void BM_clahe_32F(benchmark::State& s) {
-    ClaheCase<float>(s, [](float* a, float* b, claheParam* p) { return clahe_32F(a, b, kWidth, kHeight, p, nullptr); }, 1.0);
+    ClaheCase<float>(
+        s,
+        [](float* a, float* b, claheParam* p) {
+            return clahe_32F(a, b, kWidth, kHeight, p, nullptr);
+        },
+        1.0);
 }
 void BM_clahe_64F(benchmark::State& s) {
-    ClaheCase<double>(s, [](double* a, double* b, claheParam* p) { return clahe_64F(a, b, kWidth, kHeight, p, nullptr); }, 1.0);
+    ClaheCase<double>(
+        s,
+        [](double* a, double* b, claheParam* p) {
+            return clahe_64F(a, b, kWidth, kHeight, p, nullptr);
+        },
+        1.0);
 }
 
 // The _Manual forms with the record's defaults (8, 8, 256, 200).
@@ -53,16 +74,36 @@ void ClaheManualCase(benchmark::State& state, Run run, double scale) {
 }
 
 void BM_clahe_8U_Manual(benchmark::State& s) {
-    ClaheManualCase<uint8_t>(s, [](uint8_t* a, uint8_t* b) { return clahe_8U_Manual(a, b, kWidth, kHeight, 8, 8, 256, 200, nullptr); }, 255.0 / 65535.0);
+    ClaheManualCase<uint8_t>(
+        s,
+        [](uint8_t* a, uint8_t* b) {
+            return clahe_8U_Manual(a, b, kWidth, kHeight, 8, 8, 256, 200, nullptr);
+        },
+        255.0 / 65535.0);
 }
 void BM_clahe_16U_Manual(benchmark::State& s) {
-    ClaheManualCase<uint16_t>(s, [](uint16_t* a, uint16_t* b) { return clahe_16U_Manual(a, b, kWidth, kHeight, 8, 8, 256, 200, nullptr); }, 1.0);
+    ClaheManualCase<uint16_t>(
+        s,
+        [](uint16_t* a, uint16_t* b) {
+            return clahe_16U_Manual(a, b, kWidth, kHeight, 8, 8, 256, 200, nullptr);
+        },
+        1.0);
 }
 void BM_clahe_32F_Manual(benchmark::State& s) {
-    ClaheManualCase<float>(s, [](float* a, float* b) { return clahe_32F_Manual(a, b, kWidth, kHeight, 8, 8, 256, 200, nullptr); }, 1.0);
+    ClaheManualCase<float>(
+        s,
+        [](float* a, float* b) {
+            return clahe_32F_Manual(a, b, kWidth, kHeight, 8, 8, 256, 200, nullptr);
+        },
+        1.0);
 }
 void BM_clahe_64F_Manual(benchmark::State& s) {
-    ClaheManualCase<double>(s, [](double* a, double* b) { return clahe_64F_Manual(a, b, kWidth, kHeight, 8, 8, 256, 200, nullptr); }, 1.0);
+    ClaheManualCase<double>(
+        s,
+        [](double* a, double* b) {
+            return clahe_64F_Manual(a, b, kWidth, kHeight, 8, 8, 256, 200, nullptr);
+        },
+        1.0);
 }
 
 // The frame with more sensor noise (sigma about 600 in all), as in the comparison with other
@@ -89,10 +130,18 @@ void ClaheSettingsCase(benchmark::State& state) {
     const int bins = static_cast<int>(state.range(2));
     for (auto _ : state) {
         int r = 0;
-        if constexpr (std::is_same_v<T, uint8_t>) r = clahe_8U_Manual(src.data(), dst.data(), kWidth, kHeight, nx, ny, bins, 200, nullptr);
-        if constexpr (std::is_same_v<T, uint16_t>) r = clahe_16U_Manual(src.data(), dst.data(), kWidth, kHeight, nx, ny, bins, 200, nullptr);
-        if constexpr (std::is_same_v<T, float>) r = clahe_32F_Manual(src.data(), dst.data(), kWidth, kHeight, nx, ny, bins, 200, nullptr);
-        if constexpr (std::is_same_v<T, double>) r = clahe_64F_Manual(src.data(), dst.data(), kWidth, kHeight, nx, ny, bins, 200, nullptr);
+        if constexpr (std::is_same_v<T, uint8_t>)
+            r = clahe_8U_Manual(src.data(), dst.data(), kWidth, kHeight, nx, ny, bins, 200,
+                                nullptr);
+        if constexpr (std::is_same_v<T, uint16_t>)
+            r = clahe_16U_Manual(src.data(), dst.data(), kWidth, kHeight, nx, ny, bins, 200,
+                                 nullptr);
+        if constexpr (std::is_same_v<T, float>)
+            r = clahe_32F_Manual(src.data(), dst.data(), kWidth, kHeight, nx, ny, bins, 200,
+                                 nullptr);
+        if constexpr (std::is_same_v<T, double>)
+            r = clahe_64F_Manual(src.data(), dst.data(), kWidth, kHeight, nx, ny, bins, 200,
+                                 nullptr);
         benchmark::DoNotOptimize(r);
     }
 }
@@ -125,7 +174,8 @@ void BM_bilateralFilter_32F_Frame(benchmark::State& state) {
     p.sigColor_x = 0.00375f;
     p.sigColor_y = 600.0f;
     p.sigSpace_x = static_cast<float>(state.range(0));
-    for (auto _ : state) benchmark::DoNotOptimize(bilateralFilter_32F(src.data(), dst.data(), kWidth, kHeight, &p));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(bilateralFilter_32F(src.data(), dst.data(), kWidth, kHeight, &p));
 }
 
 // Contrast enhancement with the Ace_Gamma record's defaults: radius 20, alpha 1, maxGain 3.
@@ -133,22 +183,24 @@ void BM_AdaptiveContrastEnhancement(benchmark::State& state) {
     std::vector<uint16_t> src = Frame16(), dst(kPixels);
     const struAceGammaParam p;
     for (auto _ : state)
-        benchmark::DoNotOptimize(AdaptiveContrastEnhancement(src.data(), dst.data(), kWidth, kHeight, 4,
-                                                             p.param1, p.param2, p.param3));
+        benchmark::DoNotOptimize(AdaptiveContrastEnhancement(
+            src.data(), dst.data(), kWidth, kHeight, 4, p.param1, p.param2, p.param3));
 }
 
 void BM_AdaptiveContrastEnhancementQuick(benchmark::State& state) {
     std::vector<uint16_t> src = Frame16(), dst(kPixels);
     const struAceGammaParam p;
     for (auto _ : state)
-        benchmark::DoNotOptimize(AdaptiveContrastEnhancementQuick(src.data(), dst.data(), kWidth, kHeight,
-                                                                  4, p.param1, p.param2, p.param3));
+        benchmark::DoNotOptimize(AdaptiveContrastEnhancementQuick(
+            src.data(), dst.data(), kWidth, kHeight, 4, p.param1, p.param2, p.param3));
 }
 
 void BM_Ace_Gamma(benchmark::State& state) {
     std::vector<uint16_t> src = Frame16(), dst(kPixels);
     struAceGammaParam p;
-    for (auto _ : state) benchmark::DoNotOptimize(Ace_Gamma(src.data(), dst.data(), kWidth, kHeight, 4, &p, nullptr));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(
+            Ace_Gamma(src.data(), dst.data(), kWidth, kHeight, 4, &p, nullptr));
 }
 
 // The default record's window is 0..0, which clips everything to 0; the second case uses a
@@ -166,13 +218,15 @@ void BM_WLN(benchmark::State& state) {
 void BM_bilateralFilter_32F(benchmark::State& state) {
     std::vector<float> src = Converted<float>(1.0 / 65535.0), dst(kPixels);
     struBilatralParam p;
-    for (auto _ : state) benchmark::DoNotOptimize(bilateralFilter_32F(src.data(), dst.data(), kWidth, kHeight, &p));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(bilateralFilter_32F(src.data(), dst.data(), kWidth, kHeight, &p));
 }
 
 void BM_bilateralFilter_16U(benchmark::State& state) {
     std::vector<uint16_t> src = Frame16(), dst(kPixels);
     struBilatralParam p;
-    for (auto _ : state) benchmark::DoNotOptimize(bilateralFilter_16U(src.data(), dst.data(), kWidth, kHeight, &p));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(bilateralFilter_16U(src.data(), dst.data(), kWidth, kHeight, &p));
 }
 
 // The record's settings (patch radius 1, search radius 3, h 3); the second case widens the
@@ -181,7 +235,8 @@ void BM_FastNLM(benchmark::State& state) {
     std::vector<uint8_t> src = Frame8(), dst(kPixels);
     struFastNLMParam p;
     p.rd = static_cast<int>(state.range(0));
-    for (auto _ : state) benchmark::DoNotOptimize(FastNLM(src.data(), dst.data(), kWidth, kHeight, p.h, p.rd, p.rD));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(FastNLM(src.data(), dst.data(), kWidth, kHeight, p.h, p.rd, p.rD));
 }
 
 // A 5 x 5 Gaussian (split into two passes) and a 5 x 5 kernel that is not separable.
@@ -190,10 +245,12 @@ void BM_ImageConv(benchmark::State& state) {
     std::vector<float> kernel(25);
     for (int i = 0; i < 5; ++i)
         for (int j = 0; j < 5; ++j)
-            kernel[i * 5 + j] = state.range(0) == 0 ? std::exp(-((i - 2) * (i - 2) + (j - 2) * (j - 2)) / 2.0f)
-                                                    : static_cast<float>((i * 7 + j * 3) % 5) - 1.5f;
+            kernel[i * 5 + j] = state.range(0) == 0
+                                    ? std::exp(-((i - 2) * (i - 2) + (j - 2) * (j - 2)) / 2.0f)
+                                    : static_cast<float>((i * 7 + j * 3) % 5) - 1.5f;
     for (auto _ : state)
-        benchmark::DoNotOptimize(ImageConv(src.data(), dst.data(), kernel.data(), kWidth, kHeight, 5, 5, nullptr));
+        benchmark::DoNotOptimize(
+            ImageConv(src.data(), dst.data(), kernel.data(), kWidth, kHeight, 5, 5, nullptr));
 }
 
 // The record's amount at radius 1 (its default), 2 and 10 (past the radius up to which float
@@ -203,13 +260,15 @@ void BM_USM_BOX(benchmark::State& state) {
     const struUSMParam p;
     const int r = static_cast<int>(state.range(0));
     for (auto _ : state)
-        benchmark::DoNotOptimize(USM_BOX(src.data(), dst.data(), kWidth, kHeight, r, p.lam, p.isNeedNorm != 0));
+        benchmark::DoNotOptimize(
+            USM_BOX(src.data(), dst.data(), kWidth, kHeight, r, p.lam, p.isNeedNorm != 0));
 }
 
 void BM_USM_EX(benchmark::State& state) {
     std::vector<uint16_t> src = Frame16(), dst(kPixels);
     struUSMParam p;
-    for (auto _ : state) benchmark::DoNotOptimize(USM_EX(src.data(), dst.data(), kWidth, kHeight, 4, &p, nullptr));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(USM_EX(src.data(), dst.data(), kWidth, kHeight, 4, &p, nullptr));
 }
 
 // Radius 2 (a 5 x 5 Gaussian), sigma 1, the box record's amount, with and without the mask.
@@ -219,7 +278,8 @@ void BM_USM_Gaussian(benchmark::State& state) {
     const struUSMParam p;
     uint8_t* m = state.range(0) != 0 ? mask.data() : nullptr;
     for (auto _ : state)
-        benchmark::DoNotOptimize(USM_Gaussian(src.data(), dst.data(), kWidth, kHeight, 2, p.lam, 500, 1.0f, m));
+        benchmark::DoNotOptimize(
+            USM_Gaussian(src.data(), dst.data(), kWidth, kHeight, 2, p.lam, 500, 1.0f, m));
 }
 
 }  // namespace
@@ -233,10 +293,23 @@ BENCHMARK(BM_clahe_16U_Manual)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_clahe_32F_Manual)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_clahe_64F_Manual)->Unit(benchmark::kMillisecond);
 // Tile columns, tile rows, bins.
-BENCHMARK(BM_clahe_8U_Settings)->Args({8, 8, 256})->Args({6, 4, 1024})->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_clahe_16U_Settings)->Args({8, 8, 256})->Args({6, 4, 1024})->Args({8, 8, 65536})->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_clahe_32F_Settings)->Args({8, 8, 256})->Args({6, 4, 1024})->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_clahe_64F_Settings)->Args({8, 8, 256})->Args({6, 4, 1024})->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_clahe_8U_Settings)
+    ->Args({8, 8, 256})
+    ->Args({6, 4, 1024})
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_clahe_16U_Settings)
+    ->Args({8, 8, 256})
+    ->Args({6, 4, 1024})
+    ->Args({8, 8, 65536})
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_clahe_32F_Settings)
+    ->Args({8, 8, 256})
+    ->Args({6, 4, 1024})
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_clahe_64F_Settings)
+    ->Args({8, 8, 256})
+    ->Args({6, 4, 1024})
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_clahe_16U_Chain)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_AdaptiveContrastEnhancement)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_AdaptiveContrastEnhancementQuick)->Unit(benchmark::kMillisecond);

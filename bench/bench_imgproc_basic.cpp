@@ -45,8 +45,8 @@ const std::vector<float>& DefectMap() {
 template <class T>
 void Finish(benchmark::State& state, const std::vector<T>& out) {
     benchmark::DoNotOptimize(out.data());
-    state.counters["frames/s"] = benchmark::Counter(static_cast<double>(state.iterations()),
-                                                    benchmark::Counter::kIsRate);
+    state.counters["frames/s"] =
+        benchmark::Counter(static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
 }
 
 // ---- point operations --------------------------------------------------------------------
@@ -61,7 +61,8 @@ void BM_Inverse(benchmark::State& state) {
 void BM_BrigntAndContrast(benchmark::State& state) {
     auto src = Frame16();
     std::vector<uint16_t> dst(kPixels);
-    for (auto _ : state) BrigntAndContrast(src.data(), dst.data(), kWidth, kHeight, 4, 500.0f, 1.2f);
+    for (auto _ : state)
+        BrigntAndContrast(src.data(), dst.data(), kWidth, kHeight, 4, 500.0f, 1.2f);
     Finish(state, dst);
 }
 
@@ -246,7 +247,8 @@ void BM_Median_Blur_16S(benchmark::State& state) {
         return f;
     }();
     std::vector<int16_t> dst(kPixels);
-    for (auto _ : state) Median_Blur(const_cast<int16_t*>(src.data()), dst.data(), kWidth, kHeight, r, 5);
+    for (auto _ : state)
+        Median_Blur(const_cast<int16_t*>(src.data()), dst.data(), kWidth, kHeight, r, 5);
     Finish(state, dst);
 }
 
@@ -308,7 +310,8 @@ void BM_CopyRoiTo(benchmark::State& state) {
     std::vector<uint16_t> dst(kPixels), block(400 * 300, 1234);
     for (auto _ : state)
         CopyRoiTo(reinterpret_cast<uint8_t*>(src.data()), reinterpret_cast<uint8_t*>(dst.data()),
-                  reinterpret_cast<uint8_t*>(block.data()), 4, kWidth, kHeight, 400, 300, 1100, 100);
+                  reinterpret_cast<uint8_t*>(block.data()), 4, kWidth, kHeight, 400, 300, 1100,
+                  100);
     Finish(state, dst);
 }
 
@@ -318,7 +321,8 @@ void BM_AddWaterMask(benchmark::State& state) {
     for (size_t i = 0; i < mark.size(); ++i) mark[i] = (i / 7) % 3 == 0 ? 60000 : 0;
     for (auto _ : state)
         AddWaterMask(reinterpret_cast<uint8_t*>(src.data()), reinterpret_cast<uint8_t*>(dst.data()),
-                     reinterpret_cast<uint8_t*>(mark.data()), kWidth, kHeight, 400, 120, 850, 1650, 4, 0.3f);
+                     reinterpret_cast<uint8_t*>(mark.data()), kWidth, kHeight, 400, 120, 850, 1650,
+                     4, 0.3f);
     Finish(state, dst);
 }
 
@@ -328,8 +332,9 @@ void BM_Copy_RightDown_To_LeftUp(benchmark::State& state) {
     auto src = FrameF();
     std::vector<float> dst(kPixels);
     for (auto _ : state)
-        Copy_RightDown_To_LeftUp(reinterpret_cast<uint8_t*>(src.data()), reinterpret_cast<uint8_t*>(dst.data()),
-                                 kWidth, kHeight, 8, 0, 0, 300);
+        Copy_RightDown_To_LeftUp(reinterpret_cast<uint8_t*>(src.data()),
+                                 reinterpret_cast<uint8_t*>(dst.data()), kWidth, kHeight, 8, 0, 0,
+                                 300);
     Finish(state, dst);
 }
 
@@ -337,8 +342,9 @@ void BM_Copy_LeftDown_To_RightUp(benchmark::State& state) {
     auto src = FrameF();
     std::vector<float> dst(kPixels);
     for (auto _ : state)
-        Copy_LeftDown_To_RightUp(reinterpret_cast<uint8_t*>(src.data()), reinterpret_cast<uint8_t*>(dst.data()),
-                                 kWidth, kHeight, 8, kWidth - 300, 0, 300);
+        Copy_LeftDown_To_RightUp(reinterpret_cast<uint8_t*>(src.data()),
+                                 reinterpret_cast<uint8_t*>(dst.data()), kWidth, kHeight, 8,
+                                 kWidth - 300, 0, 300);
     Finish(state, dst);
 }
 
@@ -356,7 +362,8 @@ void BM_GetLine2D(benchmark::State& state) {
 void BM_MakeMaskByLine(benchmark::State& state) {
     auto src = Frame16();
     std::vector<uint16_t> dst(kPixels);
-    for (auto _ : state) MakeMaskByLine(src.data(), dst.data(), kWidth, kHeight, 0, 1500, 1300, 1700, 1, 0);
+    for (auto _ : state)
+        MakeMaskByLine(src.data(), dst.data(), kWidth, kHeight, 0, 1500, 1300, 1700, 1, 0);
     Finish(state, dst);
 }
 
@@ -383,7 +390,13 @@ BENCHMARK(BM_gaussFilter_8U)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_gaussFilter_32F)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Box_Filter_16U)->Arg(1)->Arg(2)->Arg(5)->Arg(10)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Box_Filter_32F)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_Median_Blur_16U)->Arg(1)->Arg(2)->Arg(3)->Arg(4)->Arg(10)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Median_Blur_16U)
+    ->Arg(1)
+    ->Arg(2)
+    ->Arg(3)
+    ->Arg(4)
+    ->Arg(10)
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Median_Blur_8U)->Arg(1)->Arg(3)->Arg(7)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Median_Blur_32F)->Arg(1)->Arg(2)->Arg(4)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Median_Blur_16S)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond);

@@ -37,19 +37,23 @@ void BM_FrameCopy16(benchmark::State& state) {
 void BM_normalize_16U(benchmark::State& state) {
     const std::vector<uint16_t>& src = Frame16();
     std::vector<uint16_t> dst(kPixels);
-    for (auto _ : state) benchmark::DoNotOptimize(normalize_16U(src.data(), dst.data(), kWidth, kHeight, 0, 4095));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(normalize_16U(src.data(), dst.data(), kWidth, kHeight, 0, 4095));
 }
 
 void BM_normalize_8U(benchmark::State& state) {
     const std::vector<uint8_t>& src = Frame8();
     std::vector<uint8_t> dst(kPixels);
-    for (auto _ : state) benchmark::DoNotOptimize(normalize_8U(src.data(), dst.data(), kWidth, kHeight, 10, 240));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(normalize_8U(src.data(), dst.data(), kWidth, kHeight, 10, 240));
 }
 
 void BM_normalize_32F(benchmark::State& state) {
     const std::vector<float> src = bench::Converted<float>(1.0 / 65535.0);
     std::vector<float> dst(kPixels);
-    for (auto _ : state) benchmark::DoNotOptimize(normalize_32F(src.data(), dst.data(), kWidth, kHeight, 0.0f, 1.0f));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(
+            normalize_32F(src.data(), dst.data(), kWidth, kHeight, 0.0f, 1.0f));
 }
 
 // ---- the detector's corrections -------------------------------------------------------------
@@ -68,7 +72,8 @@ public:
 class CalibratedFolder {
 public:
     explicit CalibratedFolder(int frames) {
-        path_ = fs::temp_directory_path() / ("veltrano_bench_" + std::to_string(frames) + "_" + std::to_string(std::random_device()()));
+        path_ = fs::temp_directory_path() / ("veltrano_bench_" + std::to_string(frames) + "_" +
+                                             std::to_string(std::random_device()()));
         const fs::path folder = path_ / "Correct" / "Default";
         fs::create_directories(folder);
         std::mt19937 gen(11);
@@ -77,19 +82,23 @@ public:
         const int levels[] = {3000, 9000, 18000, 30000};
         for (int f = 0; f < frames; ++f) {
             for (size_t i = 0; i < kPixels; ++i) {
-                const double v = levels[f] * (0.9 + 0.2 * static_cast<double>(i % kWidth) / kWidth) + noise(gen);
+                const double v =
+                    levels[f] * (0.9 + 0.2 * static_cast<double>(i % kWidth) / kWidth) + noise(gen);
                 const uint16_t p = static_cast<uint16_t>(v);
                 gain += {static_cast<char>(p & 0xFF), static_cast<char>(p >> 8)};
             }
         }
-        std::ofstream(folder / "sensor.gn", std::ios::binary).write(gain.data(), static_cast<long>(gain.size()));
+        std::ofstream(folder / "sensor.gn", std::ios::binary)
+            .write(gain.data(), static_cast<long>(gain.size()));
         std::string defects(1040 + kPixels, '\0');
         std::uniform_int_distribution<size_t> pick(0, kPixels - 1);
         for (int i = 0; i < 3000; ++i) defects[1040 + pick(gen)] = 1;
         for (int y = 0; y < kHeight; ++y) defects[1040 + static_cast<size_t>(y) * kWidth + 517] = 1;
         for (int y = 300; y < 330; ++y)
-            for (int x = 1000; x < 1040; ++x) defects[1040 + static_cast<size_t>(y) * kWidth + x] = 1;
-        std::ofstream(folder / "sensor.dft", std::ios::binary).write(defects.data(), static_cast<long>(defects.size()));
+            for (int x = 1000; x < 1040; ++x)
+                defects[1040 + static_cast<size_t>(y) * kWidth + x] = 1;
+        std::ofstream(folder / "sensor.dft", std::ios::binary)
+            .write(defects.data(), static_cast<long>(defects.size()));
     }
     ~CalibratedFolder() {
         std::error_code ignored;
@@ -138,7 +147,8 @@ void BM_DoFixBadPixel(benchmark::State& state) {
     BenchDetector detector(folder.str().c_str());
     detector.GetBadPixelInfo();
     imgmat defects;
-    defects.readRawFile((folder.str() + "/Correct/Default/sensor.dft").c_str(), kWidth, kHeight, 1040, 1);
+    defects.readRawFile((folder.str() + "/Correct/Default/sensor.dft").c_str(), kWidth, kHeight,
+                        1040, 1);
     const imgmat original = FrameImage();
     imgmat image = original;
     for (auto _ : state) {

@@ -133,7 +133,8 @@ struct CalibrationBuilder::State {
         std::vector<double> blockCount(blockSum.size(), 0.0);
         for (int y = 0; y < height; ++y) {
             for (int x = 0; x < width; ++x) {
-                const size_t b = static_cast<size_t>(y / block) * bw + static_cast<size_t>(x / block);
+                const size_t b =
+                    static_cast<size_t>(y / block) * bw + static_cast<size_t>(x / block);
                 blockSum[b] += filled[static_cast<size_t>(y) * width + x];
                 blockCount[b] += 1.0;
             }
@@ -179,8 +180,7 @@ CalibrationBuilder::CalibrationBuilder(int width, int height, int cornerCut, int
     s.levels = levels;
     s.valid = width >= 1 && height >= 1 && width <= 65535 && height <= 65535 &&
               static_cast<long long>(width) * height <= kMaxPixels && cornerCut >= 0 &&
-              cornerCut < width &&
-              (levels == 1 || levels == 4);
+              cornerCut < width && (levels == 1 || levels == 4);
     if (s.valid) {
         s.pixels = static_cast<size_t>(width) * static_cast<size_t>(height);
         s.mean.resize(static_cast<size_t>(levels));
@@ -291,8 +291,9 @@ int CalibrationBuilder::State::analyse(const DefectThresholds& t) {
     markClusters(m, rm, t);
 
     counts = DefectCounts();
-    uint32_t* byKind[] = {nullptr, &counts.dead, &counts.hot, &counts.unresponsive, &counts.noisy,
-                          &counts.columnPixels, &counts.rowPixels, &counts.clusterPixels};
+    uint32_t* byKind[] = {
+        nullptr,       &counts.dead,         &counts.hot,       &counts.unresponsive,
+        &counts.noisy, &counts.columnPixels, &counts.rowPixels, &counts.clusterPixels};
     for (uint8_t kind : defects) {
         if (kind != kDefectNone) {
             ++*byKind[kind];
@@ -348,7 +349,8 @@ void CalibrationBuilder::State::classifyPixels(const std::vector<const std::vect
         if (L >= 2) {
             const double rise = static_cast<double>((*m[L - 1])[i]) - (*m[0])[i];
             const double referenceRise = static_cast<double>(rm[L - 1][i]) - rm[0][i];
-            if (referenceRise > 0.0 && std::fabs(rise / referenceRise - 1.0) > t.responseTolerance) {
+            if (referenceRise > 0.0 &&
+                std::fabs(rise / referenceRise - 1.0) > t.responseTolerance) {
                 defects[i] = kDefectUnresponsive;
                 continue;
             }
@@ -404,7 +406,8 @@ void CalibrationBuilder::State::markLines(const std::vector<const std::vector<fl
         }
         return active > 0 && (deviates || static_cast<double>(marked) > t.lineFraction * active);
     };
-    std::vector<uint8_t> badColumns(static_cast<size_t>(width), 0), badRows(static_cast<size_t>(height), 0);
+    std::vector<uint8_t> badColumns(static_cast<size_t>(width), 0),
+        badRows(static_cast<size_t>(height), 0);
     for (int x = 0; x < width; ++x) badColumns[static_cast<size_t>(x)] = judge(true, x);
     for (int y = 0; y < height; ++y) badRows[static_cast<size_t>(y)] = judge(false, y);
     lineColumns = static_cast<uint32_t>(std::count(badColumns.begin(), badColumns.end(), 1));
@@ -496,18 +499,21 @@ bool CalibrationBuilder::IsAnalysed() const { return state_->analysed; }
 
 const uint16_t* CalibrationBuilder::GainFrame(int level) const {
     const State& s = *state_;
-    return s.analysed && level >= 0 && level < s.levels ? s.frames[static_cast<size_t>(level)].data()
-                                                        : nullptr;
+    return s.analysed && level >= 0 && level < s.levels
+               ? s.frames[static_cast<size_t>(level)].data()
+               : nullptr;
 }
 
 uint32_t CalibrationBuilder::FrameLevel(int level) const {
     const State& s = *state_;
-    return s.analysed && level >= 0 && level < s.levels ? s.frameLevels[static_cast<size_t>(level)] : 0;
+    return s.analysed && level >= 0 && level < s.levels ? s.frameLevels[static_cast<size_t>(level)]
+                                                        : 0;
 }
 
 float CalibrationBuilder::LevelDose(int level) const {
     const State& s = *state_;
-    return s.analysed && level >= 0 && level < s.levels ? s.doses[static_cast<size_t>(level)] : 0.0f;
+    return s.analysed && level >= 0 && level < s.levels ? s.doses[static_cast<size_t>(level)]
+                                                        : 0.0f;
 }
 
 const uint8_t* CalibrationBuilder::DefectMap() const {
@@ -531,9 +537,10 @@ void CalibrationBuilder::DescribeIn(CalibrationHeader& header) const {
         header.levels[l] = used ? s.frameLevels[l] : 0;
         header.doses[l] = used ? s.doses[l] : 0.0f;
     }
-    header.exposures = s.exposures.empty()
-                           ? 0
-                           : static_cast<uint32_t>(*std::min_element(s.exposures.begin(), s.exposures.end()));
+    header.exposures =
+        s.exposures.empty()
+            ? 0
+            : static_cast<uint32_t>(*std::min_element(s.exposures.begin(), s.exposures.end()));
     header.thresholds = s.thresholds;
     header.defects = Counts();
 }

@@ -21,7 +21,8 @@ static_assert(CalibrationHeader::kBytes == fpdsys::kCalibrationHeaderBytes,
 namespace calibration {
 namespace {
 
-constexpr char kMagic[16] = {'V', 'e', 'l', 't', 'r', 'a', 'n', 'o', 'C', 'a', 'l', 'i', 'b', 0, 0, 0};
+constexpr char kMagic[16] = {'V', 'e', 'l', 't', 'r', 'a', 'n', 'o',
+                             'C', 'a', 'l', 'i', 'b', 0,   0,   0};
 constexpr size_t kSerialOffset = 44;
 constexpr size_t kSerialBytes = 32;
 
@@ -44,7 +45,8 @@ public:
     }
     uint32_t u32(size_t offset) const {
         uint32_t value = 0;
-        for (size_t i = 0; i < 4; ++i) value |= static_cast<uint32_t>(bytes_[offset + i]) << (8 * i);
+        for (size_t i = 0; i < 4; ++i)
+            value |= static_cast<uint32_t>(bytes_[offset + i]) << (8 * i);
         return value;
     }
     int32_t i32(size_t offset) const { return static_cast<int32_t>(u32(offset)); }
@@ -65,9 +67,9 @@ private:
 
 // The thresholds and counts in the order of the documented layout.
 float* ThresholdFloats(DefectThresholds& t, size_t i) {
-    float* fields[] = {&t.deadFraction, &t.hotFraction, &t.responseTolerance, &t.noisyFactor,
-                       &t.frozenFraction, &t.lineFraction, &t.lineDeviation,
-                       &t.clusterEdgeDeviation};
+    float* fields[] = {&t.deadFraction,  &t.hotFraction,         &t.responseTolerance,
+                       &t.noisyFactor,   &t.frozenFraction,      &t.lineFraction,
+                       &t.lineDeviation, &t.clusterEdgeDeviation};
     return fields[i];
 }
 int* ThresholdInts(DefectThresholds& t, size_t i) {
@@ -75,9 +77,9 @@ int* ThresholdInts(DefectThresholds& t, size_t i) {
     return fields[i];
 }
 uint32_t* CountFields(DefectCounts& c, size_t i) {
-    uint32_t* fields[] = {&c.dead, &c.hot, &c.unresponsive, &c.noisy, &c.columnPixels,
-                          &c.rowPixels, &c.clusterPixels, &c.columns, &c.rows, &c.clusters,
-                          &c.total};
+    uint32_t* fields[] = {&c.dead,         &c.hot,       &c.unresponsive,  &c.noisy,
+                          &c.columnPixels, &c.rowPixels, &c.clusterPixels, &c.columns,
+                          &c.rows,         &c.clusters,  &c.total};
     return fields[i];
 }
 constexpr size_t kThresholdFloats = 8;
@@ -107,8 +109,10 @@ std::vector<uint8_t> EncodeHeader(const CalibrationHeader& header) {
     f.putU32(112, header.exposures);
     f.putI64(116, header.created);
     DefectThresholds thresholds = header.thresholds;
-    for (size_t i = 0; i < kThresholdFloats; ++i) f.putF32(124 + 4 * i, *ThresholdFloats(thresholds, i));
-    for (size_t i = 0; i < kThresholdInts; ++i) f.putI32(156 + 4 * i, *ThresholdInts(thresholds, i));
+    for (size_t i = 0; i < kThresholdFloats; ++i)
+        f.putF32(124 + 4 * i, *ThresholdFloats(thresholds, i));
+    for (size_t i = 0; i < kThresholdInts; ++i)
+        f.putI32(156 + 4 * i, *ThresholdInts(thresholds, i));
     DefectCounts counts = header.defects;
     for (size_t i = 0; i < kCountFields; ++i) f.putU32(168 + 4 * i, *CountFields(counts, i));
     f.putF32(212, header.cvBefore);
@@ -142,8 +146,10 @@ bool DecodeHeader(const std::vector<uint8_t>& bytes, CalibrationHeader& header) 
     }
     h.exposures = f.u32(112);
     h.created = f.i64(116);
-    for (size_t i = 0; i < kThresholdFloats; ++i) *ThresholdFloats(h.thresholds, i) = f.f32(124 + 4 * i);
-    for (size_t i = 0; i < kThresholdInts; ++i) *ThresholdInts(h.thresholds, i) = f.i32(156 + 4 * i);
+    for (size_t i = 0; i < kThresholdFloats; ++i)
+        *ThresholdFloats(h.thresholds, i) = f.f32(124 + 4 * i);
+    for (size_t i = 0; i < kThresholdInts; ++i)
+        *ThresholdInts(h.thresholds, i) = f.i32(156 + 4 * i);
     for (size_t i = 0; i < kCountFields; ++i) *CountFields(h.defects, i) = f.u32(168 + 4 * i);
     h.cvBefore = f.f32(212);
     h.cvAfter = f.f32(216);
@@ -201,7 +207,8 @@ FlatStatistics MeasureFlat(const float* pixels, int width, int height, int cut,
     size_t next = 0;
     for (int bin = 0; bin < kBins && next < 3; ++bin) {
         running += static_cast<uint64_t>(histogram[static_cast<size_t>(bin)]);
-        while (next < 3 && static_cast<double>(running) >= targets[next] * static_cast<double>(s.pixels)) {
+        while (next < 3 &&
+               static_cast<double>(running) >= targets[next] * static_cast<double>(s.pixels)) {
             *results[next++] = bin;
         }
     }

@@ -18,7 +18,8 @@ inline bool InCutCorner(long long row, long long column, long long width, long l
 }
 
 // The columns of a row outside the cut corners: [first, end), empty when first >= end.
-inline void ActiveSpan(long long row, long long width, long long cut, long long& first, long long& end) {
+inline void ActiveSpan(long long row, long long width, long long cut, long long& first,
+                       long long& end) {
     first = row > cut ? 0 : cut - row + 1;
     end = width - cut + row < width ? width - cut + row : width;
 }

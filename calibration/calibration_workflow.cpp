@@ -57,7 +57,8 @@ bool WriteNeutralCalibration(const std::string& folder, int width, int height) {
         gain[2 * i + 1] = static_cast<uint8_t>(kNeutralValue >> 8);
     }
     header.kind = CalibrationHeader::kGainFile;
-    if (!calibration::WriteWholeFile(folder + "/neutral.gn", calibration::EncodeHeader(header), gain)) {
+    if (!calibration::WriteWholeFile(folder + "/neutral.gn", calibration::EncodeHeader(header),
+                                     gain)) {
         return false;
     }
     header.kind = CalibrationHeader::kDefectFile;
@@ -164,8 +165,9 @@ std::string Run::check(const FlatStatistics& s, const FlatStatistics* previous,
                        const FlatStatistics* previousLevel, const std::string& which) const {
     const FlatCheckLimits& l = options_.checks;
     if (s.saturatedFraction > l.maxSaturatedFraction) {
-        return which + Format(" is saturated: %.2f %% of the pixels read %.0f or more; lower the dose",
-                              100.0 * s.saturatedFraction, l.saturationLevel);
+        return which +
+               Format(" is saturated: %.2f %% of the pixels read %.0f or more; lower the dose",
+                      100.0 * s.saturatedFraction, l.saturationLevel);
     }
     if (s.median < l.minSignal) {
         return which + Format(" is too dark: median %.0f, at least %.0f needed; raise the dose",
@@ -173,22 +175,25 @@ std::string Run::check(const FlatStatistics& s, const FlatStatistics* previous,
     }
     const double spread = s.median > 0 ? 0.5 * (s.p84 - s.p16) / s.median : 0.0;
     if (spread > l.maxNonUniformity) {
-        return which + Format(" is not a uniform flat field: spread %.1f %% of the median, at most "
-                              "%.1f %%; clear the beam and centre the source on the sensor",
-                              100.0 * spread, 100.0 * l.maxNonUniformity);
+        return which + Format(
+                           " is not a uniform flat field: spread %.1f %% of the median, at most "
+                           "%.1f %%; clear the beam and centre the source on the sensor",
+                           100.0 * spread, 100.0 * l.maxNonUniformity);
     }
     if (previous != nullptr && previous->mean > 0.0) {
         const double change = s.mean / previous->mean - 1.0;
         if (std::fabs(change) > l.maxDoseChange) {
-            return which + Format(" does not match the exposure before it: mean %.0f against %.0f "
-                                  "(%+.1f %%); the dose changed",
-                                  s.mean, previous->mean, 100.0 * change);
+            return which + Format(
+                               " does not match the exposure before it: mean %.0f against %.0f "
+                               "(%+.1f %%); the dose changed",
+                               s.mean, previous->mean, 100.0 * change);
         }
     }
     if (previousLevel != nullptr && s.mean < (1.0 + l.minLevelStep) * previousLevel->mean) {
-        return which + Format(" is not bright enough for a new level: mean %.0f against %.0f for "
-                              "the level before, at least %.0f %% more needed; raise the dose",
-                              s.mean, previousLevel->mean, 100.0 * l.minLevelStep);
+        return which + Format(
+                           " is not bright enough for a new level: mean %.0f against %.0f for "
+                           "the level before, at least %.0f %% more needed; raise the dose",
+                           s.mean, previousLevel->mean, 100.0 * l.minLevelStep);
     }
     return std::string();
 }
@@ -205,11 +210,13 @@ int Run::execute() {
     }
     std::error_code ec;
     if (!fs::is_directory(workDir_, ec)) {
-        return fail(kCalibrationBadArguments, "the work directory " + workDir_ + " is not a folder");
+        return fail(kCalibrationBadArguments,
+                    "the work directory " + workDir_ + " is not a folder");
     }
     std::string recovery;
     if (RecoverCalibrationFolder(workDir_.c_str(), recovery) < 0) {
-        return fail(kCalibrationWriteFailed, "an interrupted calibration could not be undone: " + recovery);
+        return fail(kCalibrationWriteFailed,
+                    "an interrupted calibration could not be undone: " + recovery);
     }
     if (!recovery.empty()) {
         report(0, 0, recovery, 0);
@@ -231,7 +238,8 @@ int Run::execute() {
     const int init = detector.InitializeByPath(workDir_.c_str());
     if (init != 0) {
         return fail(kCalibrationNoSensor,
-                    "the driver library could not be loaded or started (code " + std::to_string(init) + ")");
+                    "the driver library could not be loaded or started (code " +
+                        std::to_string(init) + ")");
     }
     const int connected = detector.Connect();
     if (connected != 0) {
@@ -247,7 +255,8 @@ int Run::execute() {
     height_ = row->height;
     cut_ = row->cornerCut;
     if (!WriteNeutralCalibration(scratchCalibration, width_, height_)) {
-        return fail(kCalibrationWriteFailed, "the scratch folder " + scratch + " cannot be written");
+        return fail(kCalibrationWriteFailed,
+                    "the scratch folder " + scratch + " cannot be written");
     }
 
     CalibrationBuilder builder(width_, height_, cut_, options_.levels);
@@ -256,13 +265,14 @@ int Run::execute() {
     imgmat frame;
     for (int level = 0; level < options_.levels; ++level) {
         if (cancelled()) return fail(kCalibrationCancelled, "cancelled; nothing was changed");
-        report(level, 0, "level " + std::to_string(level + 1) + " of " + std::to_string(options_.levels));
+        report(level, 0,
+               "level " + std::to_string(level + 1) + " of " + std::to_string(options_.levels));
         if (callbacks_.prepareLevel && !callbacks_.prepareLevel(level, options_.levels)) {
             return fail(kCalibrationCancelled, "cancelled; nothing was changed");
         }
         for (int e = 0; e < options_.exposuresPerLevel; ++e) {
-            const std::string which = "exposure " + std::to_string(e + 1) + " of level " +
-                                      std::to_string(level + 1);
+            const std::string which =
+                "exposure " + std::to_string(e + 1) + " of level " + std::to_string(level + 1);
             if (cancelled()) return fail(kCalibrationCancelled, "cancelled; nothing was changed");
             report(level, e, which + ": waiting for the exposure");
             int code = 0;
@@ -274,8 +284,8 @@ int Run::execute() {
             }
             const FlatStatistics s = calibration::MeasureFlat(frame.data, width_, height_, cut_,
                                                               options_.checks.saturationLevel);
-            const std::string problem =
-                check(s, e > 0 ? &lastOfLevel : nullptr, e == 0 && level > 0 ? &levelBefore : nullptr, which);
+            const std::string problem = check(s, e > 0 ? &lastOfLevel : nullptr,
+                                              e == 0 && level > 0 ? &levelBefore : nullptr, which);
             if (!problem.empty()) {
                 return fail(kCalibrationRefused, problem + "; nothing was changed");
             }
@@ -339,22 +349,26 @@ int Run::verifyAndCommit(CVeltrano& detector, CalibrationBuilder& builder, const
     if (builder.WriteFiles(gain.c_str(), defects.c_str(), header) != 1 ||
         detector.GetAndCaliFile_Gain() != 0 ||
         map.readRawFile(defects.c_str(), static_cast<unsigned long long>(width_),
-                        static_cast<unsigned long long>(height_), CalibrationHeader::kBytes, 1) != 1) {
-        return fail(kCalibrationWriteFailed, "the new calibration could not be tried in " + scratchFolder);
+                        static_cast<unsigned long long>(height_), CalibrationHeader::kBytes,
+                        1) != 1) {
+        return fail(kCalibrationWriteFailed,
+                    "the new calibration could not be tried in " + scratchFolder);
     }
     result_.rawFlat = check;
     result_.correctedFlat = check;
     detector.DoGainCorrection(result_.correctedFlat);
     detector.DoFixBadPixel(result_.correctedFlat, map);
     result_.defectMap = map;
-    header.cvBefore = static_cast<float>(calibration::CoefficientOfVariation(check.data, width_, height_, cut_));
+    header.cvBefore =
+        static_cast<float>(calibration::CoefficientOfVariation(check.data, width_, height_, cut_));
     header.cvAfter = static_cast<float>(
         calibration::CoefficientOfVariation(result_.correctedFlat.data, width_, height_, cut_));
     if (!(header.cvAfter <= options_.checks.maxCorrectedCv)) {
-        return fail(kCalibrationRefused,
-                    Format("the new calibration leaves the check exposure uneven: variation %.2f %%, "
-                           "at most %.2f %%; nothing was changed",
-                           100.0 * header.cvAfter, 100.0 * options_.checks.maxCorrectedCv));
+        return fail(
+            kCalibrationRefused,
+            Format("the new calibration leaves the check exposure uneven: variation %.2f %%, "
+                   "at most %.2f %%; nothing was changed",
+                   100.0 * header.cvAfter, 100.0 * options_.checks.maxCorrectedCv));
     }
 
     // The last moment a cancel is heeded: once the files are being replaced, that finishes.
@@ -376,7 +390,8 @@ int Run::verifyAndCommit(CVeltrano& detector, CalibrationBuilder& builder, const
     result_.gainBackup = replaced.gainBackup;
     result_.defectBackup = replaced.defectBackup;
     if (ReadCalibrationHeader(replaced.gain.c_str(), header) != 1) {
-        return fail(kCalibrationWriteFailed, "the new gain file " + replaced.gain + " cannot be read back");
+        return fail(kCalibrationWriteFailed,
+                    "the new gain file " + replaced.gain + " cannot be read back");
     }
     report(options_.levels, 0, "done", 100);
     result_.message = "calibrated: " + std::to_string(options_.levels) + " level(s) of " +

@@ -82,8 +82,7 @@ int Call(vt_CVeltrano* handle, const char* function, F&& f) noexcept {
         try {
             std::lock_guard<std::mutex> lock(handle->messageMutex);
             handle->lastMessage = vt_last_error();
-        } catch (...) {
-        }
+        } catch (...) {}
         return code;
     }
 }
@@ -91,11 +90,16 @@ int Call(vt_CVeltrano* handle, const char* function, F&& f) noexcept {
 // What a driver code means, for the codes that the driver binding itself produces.
 std::string DriverText(int code) {
     switch (code) {
-        case 6: return "the driver library is not loaded";
-        case 9: return "the driver library FpdSys could not be loaded";
-        case 20: return "a null text was passed to the driver";
-        case 22: return "the driver did not answer in time";
-        default: return "the driver reported error " + std::to_string(code);
+    case 6:
+        return "the driver library is not loaded";
+    case 9:
+        return "the driver library FpdSys could not be loaded";
+    case 20:
+        return "a null text was passed to the driver";
+    case 22:
+        return "the driver did not answer in time";
+    default:
+        return "the driver reported error " + std::to_string(code);
     }
 }
 
@@ -103,10 +107,14 @@ std::string InitializeMessage(int code) { return code == 0 ? std::string() : Dri
 
 std::string ConnectMessage(int code) {
     switch (code) {
-        case 0: return {};
-        case -1: return "the detector is not initialised";
-        case -101: return "Error: The SensorSize is not exist!";
-        default: return DriverText(code);
+    case 0:
+        return {};
+    case -1:
+        return "the detector is not initialised";
+    case -101:
+        return "Error: The SensorSize is not exist!";
+    default:
+        return DriverText(code);
     }
 }
 
@@ -115,25 +123,36 @@ std::string ConnectMessage(int code) {
 std::string AcquisitionMessage(int code, bool handshakeWasSet, bool sizeWasUnknown,
                                bool imageDelivered) {
     switch (code) {
-        case 0:
-            return imageDelivered ? std::string()
-                                  : "Stop operation! (the user stop is set: reset it first)";
-        case -1: {
-            std::string text;
-            if (handshakeWasSet) text = "Please reset endSign and progress!";
-            if (sizeWasUnknown) text += (text.empty() ? "" : " ") + std::string("Sensor Size is not right!");
-            return text.empty() ? "Please reset endSign and progress!" : text;
-        }
-        case -2: return "Please Connect firmWare!";
-        case -3: return "No CaliFile!";
-        case -4: return "the delay time could not be written (the image was still delivered)";
-        case -5: return "the trigger mode could not be written (the image was still delivered)";
-        case -6: return "the trigger threshold could not be written (the image was still delivered)";
-        case -7: return "the sensor could not be prepared for the exposure";
-        case -8: return "Detector has an Error when getting an image!";
-        case -9: return "Stop waitting!";
-        case -10: return "Post Processs Failed!";
-        default: return "the acquisition returned " + std::to_string(code);
+    case 0:
+        return imageDelivered ? std::string()
+                              : "Stop operation! (the user stop is set: reset it first)";
+    case -1: {
+        std::string text;
+        if (handshakeWasSet) text = "Please reset endSign and progress!";
+        if (sizeWasUnknown)
+            text += (text.empty() ? "" : " ") + std::string("Sensor Size is not right!");
+        return text.empty() ? "Please reset endSign and progress!" : text;
+    }
+    case -2:
+        return "Please Connect firmWare!";
+    case -3:
+        return "No CaliFile!";
+    case -4:
+        return "the delay time could not be written (the image was still delivered)";
+    case -5:
+        return "the trigger mode could not be written (the image was still delivered)";
+    case -6:
+        return "the trigger threshold could not be written (the image was still delivered)";
+    case -7:
+        return "the sensor could not be prepared for the exposure";
+    case -8:
+        return "Detector has an Error when getting an image!";
+    case -9:
+        return "Stop waitting!";
+    case -10:
+        return "Post Processs Failed!";
+    default:
+        return "the acquisition returned " + std::to_string(code);
     }
 }
 
@@ -161,8 +180,7 @@ int Text(vt_CVeltrano* handle, const char* function, char* buffer, size_t size,
     });
 }
 
-int Setting(vt_CVeltrano* handle, const char* function, int value,
-            int (Detector::*setter)(int)) {
+int Setting(vt_CVeltrano* handle, const char* function, int value, int (Detector::*setter)(int)) {
     return Call(handle, function, [&](vt_CVeltrano& h) {
         const int code = (h.detector.*setter)(value);
         h.Report(function, code, code == 0 ? std::string() : DriverText(code));
@@ -293,8 +311,7 @@ VT_API int VT_CALL vt_CVeltrano_SetTriggerMode(vt_CVeltrano* detector, int trigg
     return Setting(detector, "SetTriggerMode", triggerMode, &Detector::SetTriggerMode);
 }
 
-VT_API int VT_CALL vt_CVeltrano_SetTriggerThreshold(vt_CVeltrano* detector,
-                                                    int triggerThreshold) {
+VT_API int VT_CALL vt_CVeltrano_SetTriggerThreshold(vt_CVeltrano* detector, int triggerThreshold) {
     return Setting(detector, "SetTriggerThreshold", triggerThreshold,
                    &Detector::SetTriggerThreshold);
 }
@@ -307,9 +324,10 @@ VT_API int VT_CALL vt_CVeltrano_AcqImageEx(vt_CVeltrano* detector, float* buffer
     return Call(detector, "AcqImageEx", [&](vt_CVeltrano& h) {
         // Refused before the exposure, so that no image is taken only to be lost.
         const fpdsys::SensorSizeRow* row = SensorRow(h.detector);
-        if (row != nullptr && (buffer == nullptr || static_cast<unsigned long long>(row->width) *
-                                                            static_cast<unsigned long long>(row->height) >
-                                                        capacity)) {
+        if (row != nullptr &&
+            (buffer == nullptr || static_cast<unsigned long long>(row->width) *
+                                          static_cast<unsigned long long>(row->height) >
+                                      capacity)) {
             if (width != nullptr) *width = static_cast<uint32_t>(row->width);
             if (height != nullptr) *height = static_cast<uint32_t>(row->height);
             const std::string message = "the buffer of " + std::to_string(capacity) +
@@ -336,8 +354,8 @@ VT_API int VT_CALL vt_CVeltrano_AcqImageEx(vt_CVeltrano* detector, float* buffer
     });
 }
 
-VT_API int VT_CALL vt_CVeltrano_AcqImage(vt_CVeltrano* detector, vt_imgmat** image,
-                                         int delayTime, int triggerMode, int triggerThreshold) {
+VT_API int VT_CALL vt_CVeltrano_AcqImage(vt_CVeltrano* detector, vt_imgmat** image, int delayTime,
+                                         int triggerMode, int triggerThreshold) {
     if (image != nullptr) *image = nullptr;
     return Call(detector, "AcqImageEx", [&](vt_CVeltrano& h) {
         if (image == nullptr) {
@@ -395,8 +413,7 @@ VT_API int VT_CALL vt_CVeltrano_ResetUserStop(vt_CVeltrano* detector) {
     });
 }
 
-VT_API int VT_CALL vt_CVeltrano_GetLastMessage(vt_CVeltrano* detector, char* buffer,
-                                               size_t size) {
+VT_API int VT_CALL vt_CVeltrano_GetLastMessage(vt_CVeltrano* detector, char* buffer, size_t size) {
     return Call(detector, "GetLastMessage", [&](vt_CVeltrano& h) {
         std::string message;
         {
@@ -409,31 +426,31 @@ VT_API int VT_CALL vt_CVeltrano_GetLastMessage(vt_CVeltrano* detector, char* buf
 
 // Library-owned images.
 
-VT_API void VT_CALL vt_imgmat_free(vt_imgmat* image) {
-    delete static_cast<ImageBox*>(image);
-}
+VT_API void VT_CALL vt_imgmat_free(vt_imgmat* image) { delete static_cast<ImageBox*>(image); }
 
 VT_API int VT_CALL vt_imgmat_readRawFile(const char* path, uint64_t width, uint64_t height,
                                          uint64_t headerBytes, int type, vt_imgmat** image) {
     if (image != nullptr) *image = nullptr;
-    return veltrano::capi::Guard("readRawFile", [&] {
-        if (image == nullptr) {
-            SetLastError("readRawFile: null image pointer");
-            return VT_ERR_NULL_ARGUMENT;
-        }
-        auto box = std::make_unique<ImageBox>();
-        if (box->matrix.readRawFile(path, width, height, headerBytes, type) == 1) {
-            box->Publish();
-            *image = box.release();
-            return 1;
-        }
-        SetLastError("readRawFile: cannot read %s", path != nullptr ? path : "(null)");
-        return 0;
-    }, veltrano::capi::NegativeFails);
+    return veltrano::capi::Guard(
+        "readRawFile",
+        [&] {
+            if (image == nullptr) {
+                SetLastError("readRawFile: null image pointer");
+                return VT_ERR_NULL_ARGUMENT;
+            }
+            auto box = std::make_unique<ImageBox>();
+            if (box->matrix.readRawFile(path, width, height, headerBytes, type) == 1) {
+                box->Publish();
+                *image = box.release();
+                return 1;
+            }
+            SetLastError("readRawFile: cannot read %s", path != nullptr ? path : "(null)");
+            return 0;
+        },
+        veltrano::capi::NegativeFails);
 }
 
-VT_API int VT_CALL vt_imgmat_writeRawFile(const char* path, const float* samples,
-                                          uint64_t count) {
+VT_API int VT_CALL vt_imgmat_writeRawFile(const char* path, const float* samples, uint64_t count) {
     return veltrano::capi::Guard("writeRawFile", [&] {
         imgmat writer;
         const int code = writer.writeRawFile(path, const_cast<float*>(samples), count);

@@ -32,7 +32,8 @@ int CopyText(const std::string& text, char* buffer, std::size_t size) noexcept {
         std::memcpy(buffer, text.data(), n);
         buffer[n] = '\0';
     }
-    return text.size() > static_cast<std::size_t>(INT_MAX) ? INT_MAX : static_cast<int>(text.size());
+    return text.size() > static_cast<std::size_t>(INT_MAX) ? INT_MAX
+                                                           : static_cast<int>(text.size());
 }
 
 int TranslateCurrentException(const char* function) noexcept {

@@ -34,17 +34,16 @@ VT_API int VT_CALL vt_normalize_32F(const float* src, float* dst, uint32_t width
                  [&] { return normalize_32F(src, dst, width, height, low, high); });
 }
 
-VT_API int VT_CALL vt_normalize_64F(const double* src, double* dst, uint32_t width,
-                                    uint32_t height, double low, double high) {
+VT_API int VT_CALL vt_normalize_64F(const double* src, double* dst, uint32_t width, uint32_t height,
+                                    double low, double high) {
     return Guard("normalize_64F",
                  [&] { return normalize_64F(src, dst, width, height, low, high); });
 }
 
 VT_API int VT_CALL vt_Normalize_TruncMinMax(uint8_t* src, uint8_t* dst, uint32_t width,
                                             uint32_t height, int32_t unused, int32_t pixelType) {
-    return Guard("Normalize_TruncMinMax", [&] {
-        return Normalize_TruncMinMax(src, dst, width, height, unused, pixelType);
-    });
+    return Guard("Normalize_TruncMinMax",
+                 [&] { return Normalize_TruncMinMax(src, dst, width, height, unused, pixelType); });
 }
 
 VT_API int VT_CALL vt_Inverse(uint16_t* src, uint16_t* dst, int32_t width, int32_t height,
@@ -52,9 +51,8 @@ VT_API int VT_CALL vt_Inverse(uint16_t* src, uint16_t* dst, int32_t width, int32
     return Guard("Inverse", [&] { return Inverse(src, dst, width, height, pixelType); });
 }
 
-VT_API int VT_CALL vt_BrigntAndContrast(uint16_t* src, uint16_t* dst, int32_t width,
-                                        int32_t height, int32_t pixelType, float brightness,
-                                        float contrast) {
+VT_API int VT_CALL vt_BrigntAndContrast(uint16_t* src, uint16_t* dst, int32_t width, int32_t height,
+                                        int32_t pixelType, float brightness, float contrast) {
     return Guard("BrigntAndContrast", [&] {
         return BrigntAndContrast(src, dst, width, height, pixelType, brightness, contrast);
     });
@@ -89,8 +87,7 @@ VT_API int VT_CALL vt_ImgGainCorrect(float* src, float* dst, uint32_t width, uin
     return Guard("ImgGainCorrect", [&] { return ImgGainCorrect(src, dst, width, height); });
 }
 
-VT_API int VT_CALL vt_EquHist(uint16_t* src, uint16_t* dst, int32_t pixelCount,
-                              int32_t pixelType) {
+VT_API int VT_CALL vt_EquHist(uint16_t* src, uint16_t* dst, int32_t pixelCount, int32_t pixelType) {
     return Guard("EquHist", [&] { return EquHist(src, dst, pixelCount, pixelType); });
 }
 
@@ -98,71 +95,98 @@ VT_API int VT_CALL vt_EquHist(uint16_t* src, uint16_t* dst, int32_t pixelCount,
 
 VT_API int VT_CALL vt_clahe_8U(uint8_t* src, uint8_t* dst, int32_t width, int32_t height,
                                vt_claheParam* param, const char* iniPath) {
-    return Guard("clahe_8U", [&] {
-        return WithRecord<claheParam>(
-            param, [&](claheParam* r) { return clahe_8U(src, dst, width, height, r, iniPath); });
-    }, NotOneFails);
+    return Guard(
+        "clahe_8U",
+        [&] {
+            return WithRecord<claheParam>(param, [&](claheParam* r) {
+                return clahe_8U(src, dst, width, height, r, iniPath);
+            });
+        },
+        NotOneFails);
 }
 
 VT_API int VT_CALL vt_clahe_16U(uint16_t* src, uint16_t* dst, int32_t width, int32_t height,
                                 vt_claheParam* param, const char* iniPath) {
-    return Guard("clahe_16U", [&] {
-        return WithRecord<claheParam>(
-            param, [&](claheParam* r) { return clahe_16U(src, dst, width, height, r, iniPath); });
-    }, NotOneFails);
+    return Guard(
+        "clahe_16U",
+        [&] {
+            return WithRecord<claheParam>(param, [&](claheParam* r) {
+                return clahe_16U(src, dst, width, height, r, iniPath);
+            });
+        },
+        NotOneFails);
 }
 
 VT_API int VT_CALL vt_clahe_32F(float* src, float* dst, int32_t width, int32_t height,
                                 vt_claheParam* param, const char* iniPath) {
-    return Guard("clahe_32F", [&] {
-        return WithRecord<claheParam>(
-            param, [&](claheParam* r) { return clahe_32F(src, dst, width, height, r, iniPath); });
-    }, NotOneFails);
+    return Guard(
+        "clahe_32F",
+        [&] {
+            return WithRecord<claheParam>(param, [&](claheParam* r) {
+                return clahe_32F(src, dst, width, height, r, iniPath);
+            });
+        },
+        NotOneFails);
 }
 
 VT_API int VT_CALL vt_clahe_64F(double* src, double* dst, int32_t width, int32_t height,
                                 vt_claheParam* param, const char* iniPath) {
-    return Guard("clahe_64F", [&] {
-        return WithRecord<claheParam>(
-            param, [&](claheParam* r) { return clahe_64F(src, dst, width, height, r, iniPath); });
-    }, NotOneFails);
+    return Guard(
+        "clahe_64F",
+        [&] {
+            return WithRecord<claheParam>(param, [&](claheParam* r) {
+                return clahe_64F(src, dst, width, height, r, iniPath);
+            });
+        },
+        NotOneFails);
 }
 
 VT_API int VT_CALL vt_clahe_8U_Manual(uint8_t* src, uint8_t* dst, int32_t width, int32_t height,
                                       int32_t widthBlockNum, int32_t heightBlockNum,
                                       int32_t histBin, int32_t peak, const char* iniPath) {
-    return Guard("clahe_8U_Manual", [&] {
-        return clahe_8U_Manual(src, dst, width, height, widthBlockNum, heightBlockNum, histBin,
-                               peak, iniPath);
-    }, NotOneFails);
+    return Guard(
+        "clahe_8U_Manual",
+        [&] {
+            return clahe_8U_Manual(src, dst, width, height, widthBlockNum, heightBlockNum, histBin,
+                                   peak, iniPath);
+        },
+        NotOneFails);
 }
 
-VT_API int VT_CALL vt_clahe_16U_Manual(uint16_t* src, uint16_t* dst, int32_t width,
-                                       int32_t height, int32_t widthBlockNum,
-                                       int32_t heightBlockNum, int32_t histBin, int32_t peak,
-                                       const char* iniPath) {
-    return Guard("clahe_16U_Manual", [&] {
-        return clahe_16U_Manual(src, dst, width, height, widthBlockNum, heightBlockNum, histBin,
-                                peak, iniPath);
-    }, NotOneFails);
+VT_API int VT_CALL vt_clahe_16U_Manual(uint16_t* src, uint16_t* dst, int32_t width, int32_t height,
+                                       int32_t widthBlockNum, int32_t heightBlockNum,
+                                       int32_t histBin, int32_t peak, const char* iniPath) {
+    return Guard(
+        "clahe_16U_Manual",
+        [&] {
+            return clahe_16U_Manual(src, dst, width, height, widthBlockNum, heightBlockNum, histBin,
+                                    peak, iniPath);
+        },
+        NotOneFails);
 }
 
 VT_API int VT_CALL vt_clahe_32F_Manual(float* src, float* dst, int32_t width, int32_t height,
                                        int32_t widthBlockNum, int32_t heightBlockNum,
                                        int32_t histBin, int32_t peak, const char* iniPath) {
-    return Guard("clahe_32F_Manual", [&] {
-        return clahe_32F_Manual(src, dst, width, height, widthBlockNum, heightBlockNum, histBin,
-                                peak, iniPath);
-    }, NotOneFails);
+    return Guard(
+        "clahe_32F_Manual",
+        [&] {
+            return clahe_32F_Manual(src, dst, width, height, widthBlockNum, heightBlockNum, histBin,
+                                    peak, iniPath);
+        },
+        NotOneFails);
 }
 
 VT_API int VT_CALL vt_clahe_64F_Manual(double* src, double* dst, int32_t width, int32_t height,
                                        int32_t widthBlockNum, int32_t heightBlockNum,
                                        int32_t histBin, int32_t peak, const char* iniPath) {
-    return Guard("clahe_64F_Manual", [&] {
-        return clahe_64F_Manual(src, dst, width, height, widthBlockNum, heightBlockNum, histBin,
-                                peak, iniPath);
-    }, NotOneFails);
+    return Guard(
+        "clahe_64F_Manual",
+        [&] {
+            return clahe_64F_Manual(src, dst, width, height, widthBlockNum, heightBlockNum, histBin,
+                                    peak, iniPath);
+        },
+        NotOneFails);
 }
 
 // Contrast enhancement and window levelling.
@@ -176,10 +200,9 @@ VT_API int VT_CALL vt_AdaptiveContrastEnhancement(uint16_t* src, uint16_t* dst, 
     });
 }
 
-VT_API int VT_CALL vt_AdaptiveContrastEnhancementQuick(uint16_t* src, uint16_t* dst,
-                                                       uint32_t width, uint32_t height,
-                                                       int32_t pixelType, int32_t radius,
-                                                       float alpha, float maxGain) {
+VT_API int VT_CALL vt_AdaptiveContrastEnhancementQuick(uint16_t* src, uint16_t* dst, uint32_t width,
+                                                       uint32_t height, int32_t pixelType,
+                                                       int32_t radius, float alpha, float maxGain) {
     return Guard("AdaptiveContrastEnhancementQuick", [&] {
         return AdaptiveContrastEnhancementQuick(src, dst, width, height, pixelType, radius, alpha,
                                                 maxGain);
@@ -212,8 +235,8 @@ VT_API int VT_CALL vt_filter2D_16U(uint16_t* src, uint16_t* dst, int width, int 
                  [&] { return filter2D_16U(src, dst, width, height, kernel, kh, kw); });
 }
 
-VT_API int VT_CALL vt_filter2D_8U(uint8_t* src, uint8_t* dst, int width, int height,
-                                  float* kernel, int kw, int kh) {
+VT_API int VT_CALL vt_filter2D_8U(uint8_t* src, uint8_t* dst, int width, int height, float* kernel,
+                                  int kw, int kh) {
     return Guard("filter2D_8U",
                  [&] { return filter2D_8U(src, dst, width, height, kernel, kw, kh); });
 }
@@ -224,8 +247,7 @@ VT_API int VT_CALL vt_filter2D_32F(float* src, float* dst, int width, int height
                  [&] { return filter2D_32F(src, dst, width, height, kernel, kw, kh); });
 }
 
-VT_API int VT_CALL vt_getGaussker_32F(float* kernel, int kw, int kh, double sigmaX,
-                                      double sigmaY) {
+VT_API int VT_CALL vt_getGaussker_32F(float* kernel, int kw, int kh, double sigmaX, double sigmaY) {
     return Guard("getGaussker_32F",
                  [&] { return getGaussker_32F(kernel, kw, kh, sigmaX, sigmaY); });
 }
@@ -236,8 +258,8 @@ VT_API int VT_CALL vt_getGaussker_64F(double* kernel, int kw, int kh, double sig
                  [&] { return getGaussker_64F(kernel, kw, kh, sigmaX, sigmaY); });
 }
 
-VT_API int VT_CALL vt_gaussFilter_8U(uint8_t* src, uint8_t* dst, int width, int height,
-                                     int ksize1, int ksize2, double sigmaX, double sigmaY) {
+VT_API int VT_CALL vt_gaussFilter_8U(uint8_t* src, uint8_t* dst, int width, int height, int ksize1,
+                                     int ksize2, double sigmaX, double sigmaY) {
     return Guard("gaussFilter_8U", [&] {
         return gaussFilter_8U(src, dst, width, height, ksize1, ksize2, sigmaX, sigmaY);
     });
@@ -303,10 +325,8 @@ VT_API int VT_CALL vt_ImgFix(float* src, float* dst, float* defectMap, int width
     });
 }
 
-VT_API int VT_CALL vt_FixBadPixel(float* src, float* dst, float* defectMap, int width,
-                                  int height) {
-    return Guard("FixBadPixel",
-                 [&] { return FixBadPixel(src, dst, defectMap, width, height); });
+VT_API int VT_CALL vt_FixBadPixel(float* src, float* dst, float* defectMap, int width, int height) {
+    return Guard("FixBadPixel", [&] { return FixBadPixel(src, dst, defectMap, width, height); });
 }
 
 VT_API int VT_CALL vt_edgeClip_8U(uint8_t* src, uint8_t* dst, int rows, int cols,
@@ -325,8 +345,7 @@ VT_API int VT_CALL vt_edgeClip_16U(uint16_t* src, uint16_t* dst, int rows, int c
     });
 }
 
-VT_API int VT_CALL vt_edgeClip_32F(float* src, float* dst, int rows, int cols,
-                                   vt_clipParam param) {
+VT_API int VT_CALL vt_edgeClip_32F(float* src, float* dst, int rows, int cols, vt_clipParam param) {
     return Guard("edgeClip_32F", [&] {
         return WithRecord<clipParam>(
             &param, [&](clipParam* r) { return edgeClip_32F(src, dst, rows, cols, *r); });
@@ -343,12 +362,12 @@ VT_API int VT_CALL vt_CopyRoiTo(uint8_t* src, uint8_t* dst, uint8_t* block, int 
     });
 }
 
-VT_API int VT_CALL vt_AddWaterMask(uint8_t* src, uint8_t* dst, uint8_t* mark, int width,
-                                   int height, int markWidth, int markHeight, int x, int y,
-                                   int pixelType, float alpha) {
+VT_API int VT_CALL vt_AddWaterMask(uint8_t* src, uint8_t* dst, uint8_t* mark, int width, int height,
+                                   int markWidth, int markHeight, int x, int y, int pixelType,
+                                   float alpha) {
     return Guard("AddWaterMask", [&] {
-        return AddWaterMask(src, dst, mark, width, height, markWidth, markHeight, x, y,
-                            pixelType, alpha);
+        return AddWaterMask(src, dst, mark, width, height, markWidth, markHeight, x, y, pixelType,
+                            alpha);
     });
 }
 
@@ -374,9 +393,8 @@ VT_API int VT_CALL vt_GetLine2D(float x1, float y1, float x2, float y2, float* a
     });
 }
 
-VT_API int VT_CALL vt_MakeMaskByLine(uint16_t* src, uint16_t* dst, int width, int height,
-                                     float x1, float y1, float x2, float y2, uint8_t side,
-                                     uint16_t fill) {
+VT_API int VT_CALL vt_MakeMaskByLine(uint16_t* src, uint16_t* dst, int width, int height, float x1,
+                                     float y1, float x2, float y2, uint8_t side, uint16_t fill) {
     return Guard("MakeMaskByLine", [&] {
         return MakeMaskByLine(src, dst, width, height, x1, y1, x2, y2, side, fill);
     });
@@ -419,9 +437,10 @@ VT_API int VT_CALL vt_Img_Post_Process_Chain(const uint16_t* src, uint16_t* dst,
                                              int height, const char* chainFile, char* chainText,
                                              size_t chainTextSize, size_t* chainTextLength) {
     std::string text;
-    const int result = Guard("Img_Post_Process_Chain", [&] {
-        return Img_Post_Process_Chain(src, dst, width, height, chainFile, text);
-    }, NonZeroFails);
+    const int result = Guard(
+        "Img_Post_Process_Chain",
+        [&] { return Img_Post_Process_Chain(src, dst, width, height, chainFile, text); },
+        NonZeroFails);
     // The two failures that the chain reports on standard output get the same words here.
     if (result == -1 || result == -2) {
         SetLastError("Img_Post_Process_Chain returned %d: %s", result,

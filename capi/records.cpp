@@ -73,15 +73,15 @@ int Save(const char* function, const CRecord* c, const char* path) {
 
 using namespace veltrano::capi;
 
-#define VT_RECORD_FUNCTIONS(Record)                                                  \
-    VT_API int VT_CALL vt_##Record##_init(vt_##Record* param) {                      \
-        return Init<Record>("vt_" #Record "_init", param);                           \
-    }                                                                                \
-    VT_API int VT_CALL vt_##Record##_load(vt_##Record* param, const char* iniPath) { \
-        return Load<Record>("vt_" #Record "_load", param, iniPath);                  \
-    }                                                                                \
+#define VT_RECORD_FUNCTIONS(Record)                                                        \
+    VT_API int VT_CALL vt_##Record##_init(vt_##Record* param) {                            \
+        return Init<Record>("vt_" #Record "_init", param);                                 \
+    }                                                                                      \
+    VT_API int VT_CALL vt_##Record##_load(vt_##Record* param, const char* iniPath) {       \
+        return Load<Record>("vt_" #Record "_load", param, iniPath);                        \
+    }                                                                                      \
     VT_API int VT_CALL vt_##Record##_save(const vt_##Record* param, const char* iniPath) { \
-        return Save<Record>("vt_" #Record "_save", param, iniPath);                  \
+        return Save<Record>("vt_" #Record "_save", param, iniPath);                        \
     }
 
 extern "C" {
@@ -119,8 +119,8 @@ VT_API float VT_CALL vt_ReadFloat_INI(const char* section, const char* key, cons
                       [&] { return ReadFloat_INI(section, key, fileName, defaultValue); });
 }
 
-VT_API double VT_CALL vt_ReadDouble_INI(const char* section, const char* key,
-                                        const char* fileName, double defaultValue) {
+VT_API double VT_CALL vt_ReadDouble_INI(const char* section, const char* key, const char* fileName,
+                                        double defaultValue) {
     return GuardValue("ReadDouble_INI", defaultValue,
                       [&] { return ReadDouble_INI(section, key, fileName, defaultValue); });
 }

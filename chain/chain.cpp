@@ -46,8 +46,8 @@ int RunAce(const Block& b, const Image& im) {
     param.param4 = FloatParam(b, 4);
     param.param5 = IntParam(b, 5);
     param.param6 = IntParam(b, 6);
-    return Ace_Gamma(im.pixels, im.pixels, im.width, static_cast<uint32_t>(im.height),
-                     kPix16U, &param, "");
+    return Ace_Gamma(im.pixels, im.pixels, im.width, static_cast<uint32_t>(im.height), kPix16U,
+                     &param, "");
 }
 
 int RunClahe(const Block& b, const Image& im) {
@@ -134,15 +134,9 @@ int RunInverse(const Block&, const Image& im) {
 
 // In the order in which a block's name is tested.
 constexpr Step kSteps[] = {
-    {"ACE", 7, RunAce},
-    {"CLAHE", 5, RunClahe},
-    {"WLN", 5, RunWln},
-    {"USM", 4, RunUsm},
-    {"BC", 3, RunBrightnessContrast},
-    {"Smooth_Med", 2, RunMedian},
-    {"Smooth_Box", 2, RunBox},
-    {"FastNLM", 4, RunFastNlm},
-    {"Inverse", 1, RunInverse},
+    {"ACE", 7, RunAce},        {"CLAHE", 5, RunClahe},           {"WLN", 5, RunWln},
+    {"USM", 4, RunUsm},        {"BC", 3, RunBrightnessContrast}, {"Smooth_Med", 2, RunMedian},
+    {"Smooth_Box", 2, RunBox}, {"FastNLM", 4, RunFastNlm},       {"Inverse", 1, RunInverse},
 };
 
 // A block of the wrong length is refused with its own code, and the step does nothing.

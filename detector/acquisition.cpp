@@ -84,8 +84,8 @@ bool CVeltrano::ReadyForExposure(bool sizeKnown) {
     return false;
 }
 
-int CVeltrano::ExposeAndCorrect(DriverBinding& binding, int cornerCut, imgmat& image,
-                                int delayTime, int triggerMode, int triggerThreshold) {
+int CVeltrano::ExposeAndCorrect(DriverBinding& binding, int cornerCut, imgmat& image, int delayTime,
+                                int triggerMode, int triggerThreshold) {
     // A stop leaves with the code reached so far; the caller still ends the acquisition.
     if (m_userStop) {
         return 0;
@@ -207,8 +207,8 @@ int CVeltrano::WaitForImage() {
         m_rawImage.clearData();
     }
 
-    const int started =
-        binding != nullptr ? binding->StartCommand(fpdsys::kCmdWaitExposure) : fpdsys::kErrNotLoaded;
+    const int started = binding != nullptr ? binding->StartCommand(fpdsys::kCmdWaitExposure)
+                                           : fpdsys::kErrNotLoaded;
     // 1 (accepted) and 0 (done) both leave the image to come; any other value is the driver
     // refusing, or the library being gone, and waiting would only end with a stop.
     int result = (started == 0 || started == 1) ? 0 : -1;
@@ -229,8 +229,8 @@ int CVeltrano::WaitForImage() {
     return m_userStop ? -2 : result;
 }
 
-void CVeltrano::CalcOutlierMarks(const imgmat& image, int cornerCut, int& lowLevel,
-                                 int& highLevel, imgmat& marks) {
+void CVeltrano::CalcOutlierMarks(const imgmat& image, int cornerCut, int& lowLevel, int& highLevel,
+                                 imgmat& marks) {
     lowLevel = 0;
     highLevel = veltrano::kSensorBins - 1;
     marks.clearData();

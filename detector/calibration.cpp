@@ -239,8 +239,8 @@ int CVeltrano::FillCutCorners(imgmat& src, imgmat& dst, int k) {
     }
     LogLine("Do Copy_RightDown_To_LeftUp is Sucessful");
     const int right = Copy_LeftDown_To_RightUp(reinterpret_cast<uint8_t*>(dst.data),
-                                               reinterpret_cast<uint8_t*>(dst.data), width,
-                                               height, kFourBytePixels, width - k, 0, k);
+                                               reinterpret_cast<uint8_t*>(dst.data), width, height,
+                                               kFourBytePixels, width - k, 0, k);
     LogLine(right == 1 ? "Do Copy_LeftDown_To_RightUp is Sucessful"
                        : "Do Copy_LeftDown_To_RightUp is wrong");
     return right == 1 ? 1 : -2;

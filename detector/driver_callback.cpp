@@ -15,8 +15,8 @@ using veltrano::detail::Detectors;
 using veltrano::detail::LogLine;
 
 int CVeltrano::SDKCallbackHandler(int detectorId, int eventId, int /*unused1*/,
-                                  const char* /*message*/, int param1, int param2,
-                                  int /*unused2*/, void* data) {
+                                  const char* /*message*/, int param1, int param2, int /*unused2*/,
+                                  void* data) {
     veltrano::platform::RaiseProcessPriority();
     // The lock stays held while the event is handled, so the object cannot be destroyed, nor
     // its binding or raw image replaced, under the callback.

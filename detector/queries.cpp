@@ -42,8 +42,8 @@ std::string CVeltrano::GetDectectorSerialNum() {
 
 std::string CVeltrano::GetDectectorUSBInfo() {
     std::shared_ptr<DriverBinding> binding = CurrentBinding();
-    m_usbInfo = binding != nullptr ? binding->ReadStringAttribute(fpdsys::kAttrUsbInfo)
-                                   : std::string();
+    m_usbInfo =
+        binding != nullptr ? binding->ReadStringAttribute(fpdsys::kAttrUsbInfo) : std::string();
     return m_usbInfo;
 }
 
@@ -68,12 +68,12 @@ int CVeltrano::GetSensorSize() { return m_sensorSize; }
 
 namespace {
 // The four messages of a setter: old value, unchanged, write result, new value.
-constexpr const char* kDelayMessages[] = {"Old Delaytime is:",
-                                          "There is no need to change DelayTime!",
-                                          "Set Delaytime result:", "New Delaytime is:"};
-constexpr const char* kModeMessages[] = {"Old Triggermode is:",
-                                         "There is no need to change Triggermode!",
-                                         "Set TriggerMode result:", "New Triggermode is:"};
+constexpr const char* kDelayMessages[] = {
+    "Old Delaytime is:", "There is no need to change DelayTime!",
+    "Set Delaytime result:", "New Delaytime is:"};
+constexpr const char* kModeMessages[] = {
+    "Old Triggermode is:", "There is no need to change Triggermode!",
+    "Set TriggerMode result:", "New Triggermode is:"};
 constexpr const char* kThresholdMessages[] = {
     "Old TriggerThreshold is:", "There is no need to change TriggerThreshold!",
     "Set TriggerThreshold result:", "New TriggerThreshold is:"};

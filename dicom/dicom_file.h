@@ -30,11 +30,11 @@ enum class DicomPhotometric { Monochrome2, Monochrome1 };
 // The sensor and the moment of the exposure.
 struct DicomDetector {
     std::string serialNumber;
-    int sensorSize = -1;           // size code (1000, 1500, 2000), -1 unknown
-    double pixelPitchMm = 0.0;     // centre-to-centre distance of the pixels; 0 unknown
-    std::string acquisitionDate;   // YYYYMMDD; empty: the time of writing
-    std::string acquisitionTime;   // HHMMSS
-    std::string softwareVersion;   // written into Software Versions when given
+    int sensorSize = -1;          // size code (1000, 1500, 2000), -1 unknown
+    double pixelPitchMm = 0.0;    // centre-to-centre distance of the pixels; 0 unknown
+    std::string acquisitionDate;  // YYYYMMDD; empty: the time of writing
+    std::string acquisitionTime;  // HHMMSS
+    std::string softwareVersion;  // written into Software Versions when given
 };
 
 // A 16-bit single-frame image, row-major, width x height.
@@ -46,17 +46,18 @@ struct DicomImage {
 
 // Writes a new Digital Intra-Oral X-Ray Image instance to `path` (the file as given, replaced if
 // present: the program gives the temporary file of its atomic write). A new identity is checked
-// with ValidateIdentity first; one read from an input file is written as it came. Bits stored cover the largest value; the window spans the values
-// between the 0.5 % and 99.5 % points of the histogram. With an identity read from an input file
-// the image joins that file's study in a series of its own and refers back to the input.
+// with ValidateIdentity first; one read from an input file is written as it came. Bits stored cover
+// the largest value; the window spans the values between the 0.5 % and 99.5 % points of the
+// histogram. With an identity read from an input file the image joins that file's study in a series
+// of its own and refers back to the input.
 bool WriteDicom(const std::string& path, const DicomImage& image, DicomImageKind kind,
-                const DicomIdentity& identity, const DicomDetector& detector,
-                std::string& error, DicomPhotometric photometric = DicomPhotometric::Monochrome2);
+                const DicomIdentity& identity, const DicomDetector& detector, std::string& error,
+                DicomPhotometric photometric = DicomPhotometric::Monochrome2);
 
 // What ReadDicom takes from a file besides its pixels.
 struct DicomSource {
-    DicomIdentity identity;     // patient, study and source fields, ready for WriteDicom
-    DicomDetector detector;     // serial number, pixel spacing, acquisition date and time
+    DicomIdentity identity;  // patient, study and source fields, ready for WriteDicom
+    DicomDetector detector;  // serial number, pixel spacing, acquisition date and time
     DicomImageKind kind = DicomImageKind::ForProcessing;
     DicomPhotometric photometric = DicomPhotometric::Monochrome2;
     unsigned bitsStored = 16;
@@ -65,7 +66,6 @@ struct DicomSource {
 // Reads a grey 16-bit single-frame image, uncompressed or in a compressed form DCMTK decodes
 // without loss. Colour, fewer or more than 16 bits allocated, signed values, several frames,
 // lossy compression and files that end early are refused with a one-line reason.
-bool ReadDicom(const std::string& path, DicomImage& image, DicomSource& source,
-               std::string& error);
+bool ReadDicom(const std::string& path, DicomImage& image, DicomSource& source, std::string& error);
 
 }  // namespace vdicom

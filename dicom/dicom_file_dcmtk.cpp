@@ -181,8 +181,7 @@ std::string Upper(std::string text) {
 
 }  // namespace
 
-const char kNoDicomSupport[] =
-    "DICOM support is not built into this program (DCMTK was not found)";
+const char kNoDicomSupport[] = "DICOM support is not built into this program (DCMTK was not found)";
 
 bool DicomSupported() { return true; }
 
@@ -420,15 +419,16 @@ bool ReadDicom(const std::string& path, DicomImage& image, DicomSource& source,
     Uint16 representation = 0;
     const std::string photometric = Get(dataset, DCM_PhotometricInterpretation);
     if (dataset->findAndGetUint16(DCM_Rows, rows).bad() ||
-        dataset->findAndGetUint16(DCM_Columns, columns).bad() || !dataset->tagExists(DCM_PixelData)) {
+        dataset->findAndGetUint16(DCM_Columns, columns).bad() ||
+        !dataset->tagExists(DCM_PixelData)) {
         error = "holds no image";
         return false;
     }
     dataset->findAndGetUint16(DCM_SamplesPerPixel, samples);
     if (samples != 1 || (photometric != "MONOCHROME1" && photometric != "MONOCHROME2")) {
         error = "is not a grey image (" + std::to_string(samples) + " samples per pixel, " +
-                (photometric.empty() ? std::string("no photometric interpretation")
-                                     : photometric) + ")";
+                (photometric.empty() ? std::string("no photometric interpretation") : photometric) +
+                ")";
         return false;
     }
     dataset->findAndGetUint16(DCM_BitsAllocated, allocated);
@@ -440,8 +440,8 @@ bool ReadDicom(const std::string& path, DicomImage& image, DicomSource& source,
         return false;
     }
     if (stored < 1 || stored > 16 || highBit != stored - 1) {
-        error = "has an unusual pixel layout (" + std::to_string(stored) + " bits stored, high bit " +
-                std::to_string(highBit) + ")";
+        error = "has an unusual pixel layout (" + std::to_string(stored) +
+                " bits stored, high bit " + std::to_string(highBit) + ")";
         return false;
     }
     if (representation != 0) {
@@ -464,7 +464,8 @@ bool ReadDicom(const std::string& path, DicomImage& image, DicomSource& source,
             error = std::string("is compressed with loss (") + transfer.getXferName() + ")";
             return false;
         }
-        const OFCondition decoded = dataset->chooseRepresentation(EXS_LittleEndianExplicit, nullptr);
+        const OFCondition decoded =
+            dataset->chooseRepresentation(EXS_LittleEndianExplicit, nullptr);
         if (decoded.bad() || !dataset->canWriteXfer(EXS_LittleEndianExplicit)) {
             error = std::string("cannot be decompressed (") + transfer.getXferName() + ": " +
                     decoded.text() + ")";
@@ -481,8 +482,7 @@ bool ReadDicom(const std::string& path, DicomImage& image, DicomSource& source,
     }
     std::vector<uint16_t> pixels(data, data + needed);
     if (!Get(dataset, DCM_SpecificCharacterSet).empty() &&
-        Get(dataset, DCM_SpecificCharacterSet) != "ISO_IR 192" &&
-        dataset->convertToUTF8().bad()) {
+        Get(dataset, DCM_SpecificCharacterSet) != "ISO_IR 192" && dataset->convertToUTF8().bad()) {
         error = "has text in a character set that cannot be converted (" +
                 Get(dataset, DCM_SpecificCharacterSet) + ")";
         return false;

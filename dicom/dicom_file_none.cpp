@@ -8,8 +8,7 @@
 
 namespace vdicom {
 
-const char kNoDicomSupport[] =
-    "DICOM support is not built into this program (DCMTK was not found)";
+const char kNoDicomSupport[] = "DICOM support is not built into this program (DCMTK was not found)";
 
 bool DicomSupported() { return false; }
 

@@ -215,7 +215,8 @@ bool ValidateIdentity(DicomIdentity& id, std::string& error) {
         return false;
     }
     if (!id.tooth.empty() && !ValidTooth(id.tooth)) {
-        error = "--tooth: '" + id.tooth + "' is not a tooth in FDI numbering (11-18, 21-28, "
+        error = "--tooth: '" + id.tooth +
+                "' is not a tooth in FDI numbering (11-18, 21-28, "
                 "31-38, 41-48 permanent; 51-55, 61-65, 71-75, 81-85 primary)";
         return false;
     }
@@ -242,8 +243,13 @@ char ToothSide(const std::string& tooth) {
         return 0;
     }
     switch (tooth[0]) {
-        case '1': case '4': case '5': case '8': return 'R';
-        default: return 'L';
+    case '1':
+    case '4':
+    case '5':
+    case '8':
+        return 'R';
+    default:
+        return 'L';
     }
 }
 
@@ -278,7 +284,12 @@ std::string NewUid() {
     const std::lock_guard<std::mutex> lock(mutex);
     static std::random_device device;
     static std::mt19937_64 engine = [] {
-        std::seed_seq seed{device(), device(), device(), device(), device(), device(),
+        std::seed_seq seed{device(),
+                           device(),
+                           device(),
+                           device(),
+                           device(),
+                           device(),
                            static_cast<unsigned>(std::time(nullptr))};
         return std::mt19937_64(seed);
     }();

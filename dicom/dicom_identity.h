@@ -15,24 +15,24 @@ inline const char kUnknownPatientName[] = "UNKNOWN^PATIENT";
 // ReadDicom from an input file: a processed image written with them joins the same study and
 // refers back to the image it was made from.
 struct DicomIdentity {
-    std::string patientName;       // "Family^Given^Middle^Prefix^Suffix" or plain text
+    std::string patientName;  // "Family^Given^Middle^Prefix^Suffix" or plain text
     std::string patientId;
-    std::string birthDate;         // YYYYMMDD or YYYY-MM-DD; stored as YYYYMMDD
-    std::string sex;               // M, F or O (any case; "male", "female", "other" too)
+    std::string birthDate;  // YYYYMMDD or YYYY-MM-DD; stored as YYYYMMDD
+    std::string sex;        // M, F or O (any case; "male", "female", "other" too)
     std::string studyDescription;
-    std::string tooth;             // two-digit FDI number: 11..48 permanent, 51..85 primary
+    std::string tooth;  // two-digit FDI number: 11..48 permanent, 51..85 primary
     std::string accession;
 
     // Carried over from an input file; empty for a new study.
     std::string studyInstanceUid;
     std::string studyId;
-    std::string studyDate;         // YYYYMMDD
-    std::string studyTime;         // HHMMSS[.FFFFFF]
+    std::string studyDate;  // YYYYMMDD
+    std::string studyTime;  // HHMMSS[.FFFFFF]
     std::string referringPhysician;
-    std::string sourceSopClassUid;     // the input image, referred to by the new one
+    std::string sourceSopClassUid;  // the input image, referred to by the new one
     std::string sourceSopInstanceUid;
     std::string sourceSeriesNumber;
-    std::string sourceLaterality;      // the input's image laterality when it gave no tooth
+    std::string sourceLaterality;  // the input's image laterality when it gave no tooth
 };
 
 // Checks every field a user gives and rewrites it in its stored form (dates without dashes,

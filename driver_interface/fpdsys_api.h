@@ -14,17 +14,17 @@ enum ValueType : int32_t { kInt = 0, kFloat = 1, kString = 2 };
 
 // Attribute value exchanged with GetAttr / SetAttr (524 bytes).
 struct Value {
-    int32_t type;       // ValueType
+    int32_t type;  // ValueType
     int32_t intValue;
     float floatValue;
-    char text[512];     // NUL-terminated
+    char text[512];  // NUL-terminated
 };
 static_assert(sizeof(Value) == 524, "driver value record is 524 bytes");
 
 // One command parameter; Invoke takes an array of them (536 bytes each).
 struct Param {
-    int32_t reserved;   // always 0
-    int32_t type;       // ValueType
+    int32_t reserved;  // always 0
+    int32_t type;      // ValueType
     int32_t intValue;
     float floatValue;
     char text[512];     // at most 511 characters and a NUL
@@ -60,17 +60,17 @@ using GetErrInfoFn = int (*)(int code, ErrInfo* info);
 
 // Events and their meaning to the system.
 enum Event : int32_t {
-    kEvtCommandDone = 4,     // parameter 1 = command ID
-    kEvtCommandFailed = 5,   // parameter 1 = command ID, parameter 2 = error code
-    kEvtStatus = 7,          // parameter 1 = 1004 while an image is being acquired
-    kEvtImage = 1001,        // data = ImageRecord*
+    kEvtCommandDone = 4,    // parameter 1 = command ID
+    kEvtCommandFailed = 5,  // parameter 1 = command ID, parameter 2 = error code
+    kEvtStatus = 7,         // parameter 1 = 1004 while an image is being acquired
+    kEvtImage = 1001,       // data = ImageRecord*
 };
 constexpr int32_t kStatusAcquiring = 1004;
 
 enum Command : int32_t {
     kCmdConnect = 2,
     kCmdDisconnect = 3,
-    kCmdPrepare = 6,          // issued with the integer 0x20000 before each acquisition
+    kCmdPrepare = 6,  // issued with the integer 0x20000 before each acquisition
     kCmdReset = 8,
     kCmdWaitExposure = 1002,
     kCmdReadUserRom = 2001,

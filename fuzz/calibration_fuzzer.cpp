@@ -27,7 +27,7 @@ constexpr size_t kFrameBytes = size_t(kColumns) * kRows * 2;
 struct Sensor {
     std::string workDir;
     std::string folder;
-    std::string gain;     // the sensor's own files, as written by it
+    std::string gain;  // the sensor's own files, as written by it
     std::string defects;
 };
 
@@ -42,11 +42,13 @@ const Sensor& GenuineSensor() {
                         "[VirtualSensor]\nSensorSize=1000\nScene=flat\nDose=20000\nExposureMs=1\n");
         // Held open for the life of the process: the detector objects load and unload the driver
         // with every input, and libFuzzer must never see an instrumented library unmapped.
-        static veltrano::platform::DynamicLibrary* const driver = new veltrano::platform::DynamicLibrary;
+        static veltrano::platform::DynamicLibrary* const driver =
+            new veltrano::platform::DynamicLibrary;
         using WriteFn = int (*)(const char*, int);
-        auto write = driver->open("FpdSys")
-                         ? reinterpret_cast<WriteFn>(driver->symbol("VirtualSensor_WriteCalibration"))
-                         : nullptr;
+        auto write =
+            driver->open("FpdSys")
+                ? reinterpret_cast<WriteFn>(driver->symbol("VirtualSensor_WriteCalibration"))
+                : nullptr;
         FUZZ_CHECK(write != nullptr && write(s.workDir.c_str(), 1) == 0, "no virtual sensor");
         s.gain = fuzz::ReadFile(s.folder + "/VirtualSensor.gn");
         s.defects = fuzz::ReadFile(s.folder + "/VirtualSensor.dft");
@@ -61,25 +63,32 @@ std::pair<std::string, bool> Variant(FuzzedDataProvider& in, const std::string& 
     std::string bytes = genuine;
     bool intact = true;
     switch (in.ConsumeIntegralInRange(0, 7)) {
-        case 0: bytes.resize(in.ConsumeIntegralInRange<size_t>(0, genuine.size())); intact = false; break;
-        case 1: bytes.resize(in.ConsumeIntegralInRange<size_t>(0, kHeader + 8)); intact = false; break;
-        case 2:  // longer: past two frames' size a gain file holds four
-            bytes.append(in.ConsumeIntegralInRange<size_t>(1, kFrameBytes + 16), '\x7f');
-            intact = false;
-            break;
-        case 3:
-        case 4: {
-            const int patches = in.ConsumeIntegralInRange(1, 16);
-            for (int i = 0; i < patches && !bytes.empty(); ++i) {
-                const size_t at = in.ConsumeIntegralInRange<size_t>(0, bytes.size() - 1);
-                const size_t run = in.ConsumeIntegralInRange<size_t>(1, 4096);
-                const char value = static_cast<char>(in.ConsumeIntegral<uint8_t>());
-                for (size_t k = at; k < bytes.size() && k < at + run; ++k) bytes[k] = value;
-            }
-            intact = false;
-            break;
+    case 0:
+        bytes.resize(in.ConsumeIntegralInRange<size_t>(0, genuine.size()));
+        intact = false;
+        break;
+    case 1:
+        bytes.resize(in.ConsumeIntegralInRange<size_t>(0, kHeader + 8));
+        intact = false;
+        break;
+    case 2:  // longer: past two frames' size a gain file holds four
+        bytes.append(in.ConsumeIntegralInRange<size_t>(1, kFrameBytes + 16), '\x7f');
+        intact = false;
+        break;
+    case 3:
+    case 4: {
+        const int patches = in.ConsumeIntegralInRange(1, 16);
+        for (int i = 0; i < patches && !bytes.empty(); ++i) {
+            const size_t at = in.ConsumeIntegralInRange<size_t>(0, bytes.size() - 1);
+            const size_t run = in.ConsumeIntegralInRange<size_t>(1, 4096);
+            const char value = static_cast<char>(in.ConsumeIntegral<uint8_t>());
+            for (size_t k = at; k < bytes.size() && k < at + run; ++k) bytes[k] = value;
         }
-        default: break;
+        intact = false;
+        break;
+    }
+    default:
+        break;
     }
     return {bytes, intact};
 }
@@ -102,7 +111,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzedDataProvider in(data, size);
     const auto gain = Variant(in, sensor.gain);
     const auto defects = Variant(in, sensor.defects);
-    const int gainPlace = in.ConsumeIntegralInRange(0, 3);    // 0: missing, 3: in a sub-folder
+    const int gainPlace = in.ConsumeIntegralInRange(0, 3);  // 0: missing, 3: in a sub-folder
     const int defectPlace = in.ConsumeIntegralInRange(0, 3);
 
     fs::remove_all(sensor.folder);
@@ -133,7 +142,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const bool loadable = gainPlace != 0 && !gain.first.empty() && defectPlace != 0;
     if (!loadable) {
         FUZZ_CHECK(code == -3 && endSign == 2 && progress == 0 && image.data == nullptr,
-                   "without calibration: code %d, end sign %d, progress %d", code, endSign, progress);
+                   "without calibration: code %d, end sign %d, progress %d", code, endSign,
+                   progress);
         return 0;
     }
     FUZZ_CHECK(code == 0 && endSign == 1 && progress == 11, "code %d, end sign %d, progress %d",

@@ -21,19 +21,24 @@ struct StepKind {
     const char* name;
     int parameters;
 };
-const StepKind kSteps[] = {{"ACE", 6},        {"CLAHE", 4},      {"WLN", 4},
-                           {"USM", 3},        {"BC", 2},         {"Smooth_Med", 1},
-                           {"Smooth_Box", 1}, {"FastNLM", 3},    {"Inverse", 0},
-                           {"Clahe", 4},      {"", 0}};
+const StepKind kSteps[] = {
+    {"ACE", 6},        {"CLAHE", 4},   {"WLN", 4},     {"USM", 3},   {"BC", 2}, {"Smooth_Med", 1},
+    {"Smooth_Box", 1}, {"FastNLM", 3}, {"Inverse", 0}, {"Clahe", 4}, {"", 0}};
 
 std::string Number(FuzzedDataProvider& in) {
     switch (in.ConsumeIntegralInRange(0, 5)) {
-        case 0: return std::to_string(in.ConsumeIntegralInRange(-3, 12));
-        case 1: return std::to_string(in.ConsumeIntegralInRange(-70000, 70000));
-        case 2: return std::to_string(in.ConsumeIntegral<int>());
-        case 3: return std::to_string(in.ConsumeFloatingPoint<float>());
-        case 4: return std::to_string(in.ConsumeProbability<float>() * 4);
-        default: return in.ConsumeRandomLengthString(12);
+    case 0:
+        return std::to_string(in.ConsumeIntegralInRange(-3, 12));
+    case 1:
+        return std::to_string(in.ConsumeIntegralInRange(-70000, 70000));
+    case 2:
+        return std::to_string(in.ConsumeIntegral<int>());
+    case 3:
+        return std::to_string(in.ConsumeFloatingPoint<float>());
+    case 4:
+        return std::to_string(in.ConsumeProbability<float>() * 4);
+    default:
+        return in.ConsumeRandomLengthString(12);
     }
 }
 
@@ -49,7 +54,9 @@ std::string MakeChain(FuzzedDataProvider& in) {
         }
         const StepKind& step = in.PickValueInArray(kSteps);
         text += std::string("[") + step.name + "]\n";
-        const int lines = step.parameters + (in.ConsumeIntegralInRange(0, 9) == 0 ? in.ConsumeIntegralInRange(-1, 1) : 0);
+        const int lines =
+            step.parameters +
+            (in.ConsumeIntegralInRange(0, 9) == 0 ? in.ConsumeIntegralInRange(-1, 1) : 0);
         for (int i = 0; i < lines; ++i) text += "v=" + Number(in) + ";\n";
         text += in.ConsumeBool() ? "end\n" : "end of block\r\n";
     }
@@ -66,11 +73,15 @@ bool TooCostly(const std::string& text, uint64_t pixels) {
         try {
             if (name == "FastNLM" && block.size() == 4) {
                 const int64_t s = veltrano::chain::IntParam(block, 2);
-                if (s > 0 && s <= 4096 && pixels * static_cast<uint64_t>((2 * s + 1) * (2 * s + 1)) > 40000000) return true;
+                if (s > 0 && s <= 4096 &&
+                    pixels * static_cast<uint64_t>((2 * s + 1) * (2 * s + 1)) > 40000000)
+                    return true;
             }
             if (name == "Smooth_Med" && block.size() == 2) {
                 const int64_t r = veltrano::chain::IntParam(block, 1);
-                if (r > 0 && r <= 4096 && pixels * static_cast<uint64_t>((2 * r + 1) * (2 * r + 1)) > 40000000) return true;
+                if (r > 0 && r <= 4096 &&
+                    pixels * static_cast<uint64_t>((2 * r + 1) * (2 * r + 1)) > 40000000)
+                    return true;
             }
         } catch (const std::exception&) {
             return false;  // the chain itself will throw at this block
@@ -140,8 +151,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (result == 0 && !file.blocks.empty()) {
             const std::string first = veltrano::chain::StepName(file.blocks.front());
             bool known = false;
-            for (const StepKind& step : kSteps) known = known || (first == step.name && first != "Clahe" && !first.empty());
-            if (!known) FUZZ_CHECK(dst == src, "an unknown first step '%s' changed the image", first.c_str());
+            for (const StepKind& step : kSteps)
+                known = known || (first == step.name && first != "Clahe" && !first.empty());
+            if (!known)
+                FUZZ_CHECK(dst == src, "an unknown first step '%s' changed the image",
+                           first.c_str());
         }
     }
     return 0;

@@ -15,15 +15,14 @@ namespace fuzz {
 
 // A broken expectation is a finding like a crash: print what was expected and abort, so that
 // libFuzzer saves the input that led here.
-#define FUZZ_CHECK(condition, ...)                                                          \
-    do {                                                                                    \
-        if (!(condition)) {                                                                 \
-            std::fprintf(stderr, "check failed at %s:%d: %s\n  ", __FILE__, __LINE__,      \
-                         #condition);                                                       \
-            std::fprintf(stderr, __VA_ARGS__);                                              \
-            std::fputc('\n', stderr);                                                       \
-            std::abort();                                                                   \
-        }                                                                                   \
+#define FUZZ_CHECK(condition, ...)                                                                 \
+    do {                                                                                           \
+        if (!(condition)) {                                                                        \
+            std::fprintf(stderr, "check failed at %s:%d: %s\n  ", __FILE__, __LINE__, #condition); \
+            std::fprintf(stderr, __VA_ARGS__);                                                     \
+            std::fputc('\n', stderr);                                                              \
+            std::abort();                                                                          \
+        }                                                                                          \
     } while (0)
 
 // A folder of this process's own below the system's temporary folder (shared memory where there

@@ -70,7 +70,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     if (read == 1) {
         const size_t length = std::strlen(buffer.data() + 8);
-        FUZZ_CHECK(length <= static_cast<size_t>(bufferSize - 1), "value of %zu characters", length);
+        FUZZ_CHECK(length <= static_cast<size_t>(bufferSize - 1), "value of %zu characters",
+                   length);
     }
 
     // Writing, then reading back.
@@ -92,21 +93,25 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         std::snprintf(formatted, sizeof formatted, "%f", static_cast<double>(real));
         if (std::strlen(formatted) < 64) {  // the readers take at most 63 characters
             const float expected = static_cast<float>(std::strtod(formatted, nullptr));
-            const float floatBack = ReadFloat_INI(section.c_str(), key.c_str(), file.c_str(), -1.0f);
+            const float floatBack =
+                ReadFloat_INI(section.c_str(), key.c_str(), file.c_str(), -1.0f);
             FUZZ_CHECK(floatBack == expected || (std::isnan(floatBack) && std::isnan(expected)),
                        "wrote %s, read %g", formatted, static_cast<double>(floatBack));
             // Read through a long double, so the last bit may differ from a direct conversion.
-            const double doubleBack = ReadDouble_INI(section.c_str(), key.c_str(), file.c_str(), -1.0);
+            const double doubleBack =
+                ReadDouble_INI(section.c_str(), key.c_str(), file.c_str(), -1.0);
             const double direct = std::strtod(formatted, nullptr);
-            FUZZ_CHECK(doubleBack == direct || std::fabs(doubleBack - direct) <= std::fabs(direct) * 1e-15 ||
+            FUZZ_CHECK(doubleBack == direct ||
+                           std::fabs(doubleBack - direct) <= std::fabs(direct) * 1e-15 ||
                            (std::isnan(doubleBack) && std::isnan(direct)),
                        "wrote %s, read %.17g as double", formatted, doubleBack);
         }
         FUZZ_CHECK(WriteNULL_INI(section.c_str(), key.c_str(), file.c_str()) == 1, "null");
         char empty[8] = "xxxxxxx";
-        FUZZ_CHECK(ReadString_INI(section.c_str(), key.c_str(), empty, 8, file.c_str(), nullptr) == 1 &&
-                       empty[0] == '\0',
-                   "an emptied key reads '%s'", empty);
+        FUZZ_CHECK(
+            ReadString_INI(section.c_str(), key.c_str(), empty, 8, file.c_str(), nullptr) == 1 &&
+                empty[0] == '\0',
+            "an emptied key reads '%s'", empty);
     }
     return 0;
 }

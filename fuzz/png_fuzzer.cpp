@@ -58,16 +58,17 @@ void ExpectRoundTrip(const Read& r) {
     FUZZ_CHECK(written, "could not write what was read: %s", error.c_str());
     const Read back = ReadBytes(std::string(buffer, length));
     std::free(buffer);
-    FUZZ_CHECK(back.ok && back.width == r.width && back.height == r.height && back.pixels == r.pixels,
-               "written image read back differently: %s", back.error.c_str());
+    FUZZ_CHECK(
+        back.ok && back.width == r.width && back.height == r.height && back.pixels == r.pixels,
+        "written image read back differently: %s", back.error.c_str());
 }
 
 struct Kind {
     int bitDepth;
     int colourType;
 };
-const Kind kKinds[] = {{16, 0}, {16, 0}, {16, 0}, {8, 0}, {4, 0}, {2, 0}, {1, 0}, {8, 2},
-                         {16, 2}, {8, 3},  {4, 3},  {1, 3}, {8, 4}, {16, 4}, {8, 6}, {16, 6}};
+const Kind kKinds[] = {{16, 0}, {16, 0}, {16, 0}, {8, 0}, {4, 0}, {2, 0},  {1, 0}, {8, 2},
+                       {16, 2}, {8, 3},  {4, 3},  {1, 3}, {8, 4}, {16, 4}, {8, 6}, {16, 6}};
 
 }  // namespace
 
@@ -85,7 +86,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     spec.width = in.ConsumeIntegralInRange<uint32_t>(1, 40);
     spec.height = in.ConsumeIntegralInRange<uint32_t>(1, 40);
     spec.interlaced = in.ConsumeBool();
-    const int damage = in.ConsumeIntegralInRange(0, 5);  // 0: cut short, 1: a byte changed, 2: a size claimed
+    const int damage =
+        in.ConsumeIntegralInRange(0, 5);  // 0: cut short, 1: a byte changed, 2: a size claimed
     const uint32_t claimedWidth = in.ConsumeIntegralInRange<uint32_t>(1, 1u << 21);
     const uint32_t claimedHeight = in.ConsumeIntegralInRange<uint32_t>(1, 1u << 21);
     const size_t where = in.ConsumeIntegral<size_t>();
@@ -94,10 +96,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (uint16_t& v : spec.samples) {
         v = static_cast<uint16_t>(in.ConsumeIntegral<uint16_t>() & ((1u << spec.bitDepth) - 1));
     }
-    std::string bytes = damage == 2 ? png_maker::Make(spec, claimedWidth, claimedHeight)
-                                    : png_maker::Make(spec);
+    std::string bytes =
+        damage == 2 ? png_maker::Make(spec, claimedWidth, claimedHeight) : png_maker::Make(spec);
     if (damage == 0) bytes.resize(where % bytes.size());
-    if (damage == 1) bytes[where % bytes.size()] = static_cast<char>(bytes[where % bytes.size()] ^ flip);
+    if (damage == 1)
+        bytes[where % bytes.size()] = static_cast<char>(bytes[where % bytes.size()] ^ flip);
 
     const Read r = ReadBytes(bytes);
     const bool gray16 = spec.bitDepth == 16 && spec.colourType == 0;

@@ -31,16 +31,26 @@ float Convert(const unsigned char* bytes) {
 // The described conversion of one stored element.
 float Expected(int type, const unsigned char* b) {
     switch (type) {
-        case 0: return Convert<int8_t>(b);
-        case 1: return Convert<uint8_t>(b);
-        case 2: return Convert<int16_t>(b);
-        case 3: return Convert<uint16_t>(b);
-        case 4: return Convert<int32_t>(b);
-        case 5: return Convert<uint32_t, double>(b);
-        case 6: return Convert<int64_t, double>(b);
-        case 7: return Convert<uint64_t, double>(b);
-        case 8: return Convert<float>(b);
-        default: return Convert<double>(b);
+    case 0:
+        return Convert<int8_t>(b);
+    case 1:
+        return Convert<uint8_t>(b);
+    case 2:
+        return Convert<int16_t>(b);
+    case 3:
+        return Convert<uint16_t>(b);
+    case 4:
+        return Convert<int32_t>(b);
+    case 5:
+        return Convert<uint32_t, double>(b);
+    case 6:
+        return Convert<int64_t, double>(b);
+    case 7:
+        return Convert<uint64_t, double>(b);
+    case 8:
+        return Convert<float>(b);
+    default:
+        return Convert<double>(b);
     }
 }
 
@@ -57,9 +67,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         huge ? in.ConsumeIntegralInRange<unsigned long long>(1ull << 17, ~0ull)
              : in.ConsumeIntegralInRange<unsigned long long>(0, 96);
     const unsigned long long height =
-        huge ? in.ConsumeIntegralInRange<unsigned long long>(1ull << 12, ~0ull) : in.ConsumeIntegralInRange<unsigned long long>(0, 96);
-    const unsigned long long header = in.ConsumeBool() ? in.ConsumeIntegralInRange<unsigned long long>(0, 64)
-                                                       : in.ConsumeIntegral<unsigned long long>();
+        huge ? in.ConsumeIntegralInRange<unsigned long long>(1ull << 12, ~0ull)
+             : in.ConsumeIntegralInRange<unsigned long long>(0, 96);
+    const unsigned long long header = in.ConsumeBool()
+                                          ? in.ConsumeIntegralInRange<unsigned long long>(0, 64)
+                                          : in.ConsumeIntegral<unsigned long long>();
     const int type = in.ConsumeIntegralInRange(-2, 12);
     const unsigned long long depth = in.ConsumeIntegralInRange<unsigned long long>(1, 3);
     const bool reuse = in.ConsumeBool();
@@ -72,7 +84,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     imgmat matrix = reuse ? imgmat(width <= 96 ? width : 1, height <= 96 ? height : 1, depth)
                           : imgmat(1, 1, depth);
     if (matrix.data != nullptr) matrix = 7.0f;
-    const bool sameShape = matrix.data != nullptr && matrix.width == width && matrix.height == height;
+    const bool sameShape =
+        matrix.data != nullptr && matrix.width == width && matrix.height == height;
     const int result = matrix.readRawFile(path.c_str(), width, height, header, type);
 
     unsigned long long count = 0;
@@ -92,7 +105,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (element == 0) {
             want = sameShape ? 7.0f : 0.0f;  // nothing converted: the kept or fresh samples
         } else if (header <= bytes.size() && (bytes.size() - header) / element > i) {
-            want = Expected(type, reinterpret_cast<const unsigned char*>(bytes.data()) + header + i * element);
+            want = Expected(
+                type, reinterpret_cast<const unsigned char*>(bytes.data()) + header + i * element);
         }
         FUZZ_CHECK(SameBits(matrix.data[i], want), "sample %zu of type %d is %g, not %g", i, type,
                    static_cast<double>(matrix.data[i]), static_cast<double>(want));

@@ -14,16 +14,20 @@
 
 namespace {
 
-const char* const kSections[] = {"clipParam",        "struBilatralParam", "struFastNLMParam",
-                                 "WLNParam",         "claheParam",        "struClaheParam",
-                                 "Post_Process_Param_0", "Post_Process_Param_3",
+const char* const kSections[] = {"clipParam",
+                                 "struBilatralParam",
+                                 "struFastNLMParam",
+                                 "WLNParam",
+                                 "claheParam",
+                                 "struClaheParam",
+                                 "Post_Process_Param_0",
+                                 "Post_Process_Param_3",
                                  "Post_Process_Param_-1"};
-const char* const kKeys[] = {"up",         "down",       "left",       "right",      "k_w",
-                             "k_h",        "sigColor_x", "sigColor_y", "sigSpace_x", "sigSpace_y",
-                             "rd",         "rD",         "h",          "r",          "isNeedNorm",
-                             "lam",        "wl",         "wr",         "specifymin", "specifymax",
-                             "param1",     "param2",     "param3",     "param4",     "param5",
-                             "param6",     "peak",       "histBin"};
+const char* const kKeys[] = {
+    "up",         "down",       "left",       "right",  "k_w",        "k_h",        "sigColor_x",
+    "sigColor_y", "sigSpace_x", "sigSpace_y", "rd",     "rD",         "h",          "r",
+    "isNeedNorm", "lam",        "wl",         "wr",     "specifymin", "specifymax", "param1",
+    "param2",     "param3",     "param4",     "param5", "param6",     "peak",       "histBin"};
 
 // An INI text: lines made of the records' own sections and keys with fuzzed values, mixed with
 // raw bytes, so that the loads find something to read.
@@ -32,16 +36,20 @@ std::string MakeText(FuzzedDataProvider& in) {
     const int lines = in.ConsumeIntegralInRange(0, 24);
     for (int i = 0; i < lines; ++i) {
         switch (in.ConsumeIntegralInRange(0, 3)) {
-            case 0: text += std::string("[") + in.PickValueInArray(kSections) + "]\n"; break;
-            case 1:
-                text += std::string(in.PickValueInArray(kKeys)) + "=" +
-                        in.ConsumeRandomLengthString(16) + "\n";
-                break;
-            case 2:
-                text += std::string(in.PickValueInArray(kKeys)) + "=" +
-                        std::to_string(in.ConsumeIntegral<int>()) + "\n";
-                break;
-            default: text += in.ConsumeRandomLengthString(32); break;
+        case 0:
+            text += std::string("[") + in.PickValueInArray(kSections) + "]\n";
+            break;
+        case 1:
+            text += std::string(in.PickValueInArray(kKeys)) + "=" +
+                    in.ConsumeRandomLengthString(16) + "\n";
+            break;
+        case 2:
+            text += std::string(in.PickValueInArray(kKeys)) + "=" +
+                    std::to_string(in.ConsumeIntegral<int>()) + "\n";
+            break;
+        default:
+            text += in.ConsumeRandomLengthString(32);
+            break;
         }
     }
     return text;
@@ -154,8 +162,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         nlm.saveParam();
         const struUSMParam usmBack(out);
         const struFastNLMParam nlmBack(out);
-        FUZZ_CHECK(usmBack.r == value && Same(usmBack.lam, AfterSaving(real)) && nlmBack.rD == ~value &&
-                       Same(nlmBack.h, AfterSaving(-real)),
+        FUZZ_CHECK(usmBack.r == value && Same(usmBack.lam, AfterSaving(real)) &&
+                       nlmBack.rD == ~value && Same(nlmBack.h, AfterSaving(-real)),
                    "USM and FastNLM records saved %d, %g, loaded %d, %g", value,
                    static_cast<double>(real), usmBack.r, static_cast<double>(usmBack.lam));
         struAceGammaParam ace(out, index);

@@ -41,8 +41,8 @@ float* AllocateSamples(u64 count) {
         return nullptr;
     }
     // calloc(0, ...) may return null; a matrix of no samples still gets a buffer of its own.
-    return static_cast<float*>(std::calloc(std::max<size_t>(static_cast<size_t>(count), 1),
-                                           sizeof(float)));
+    return static_cast<float*>(
+        std::calloc(std::max<size_t>(static_cast<size_t>(count), 1), sizeof(float)));
 }
 
 void WriteOpenFailure() { std::cout << "fail to open file" << std::endl; }

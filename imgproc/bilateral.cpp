@@ -44,13 +44,14 @@ double SpatialTerm(int di, int dj, float cS) {
 // ---------------------------------------------------------------------------------------------
 // Reference: every weight of every window.
 
-void ReferenceBilateral(const float* src, float* dst, int width, int height, const struBilatralParam& p) {
+void ReferenceBilateral(const float* src, float* dst, int width, int height,
+                        const struBilatralParam& p) {
     const int kw = p.k_w;
     const int kh = p.k_h;
     const int top = kh / 2;
     const int left = kw / 2;
-    const std::vector<float> ext =
-        ExtendMirrorAnyMargin(src, height, width, BorderMargins{top, kh - top - 1, left, kw - left - 1});
+    const std::vector<float> ext = ExtendMirrorAnyMargin(
+        src, height, width, BorderMargins{top, kh - top - 1, left, kw - left - 1});
     const size_t extW = static_cast<size_t>(width) + kw - 1;
     const size_t taps = static_cast<size_t>(kw) * kh;
 
@@ -60,7 +61,8 @@ void ReferenceBilateral(const float* src, float* dst, int width, int height, con
     // The spatial term depends only on the position in the window (kept in double precision).
     std::vector<double> spatial(taps);
     for (int i = 0; i < kh; ++i)
-        for (int j = 0; j < kw; ++j) spatial[static_cast<size_t>(i) * kw + j] = SpatialTerm(i - top, j - left, cS);
+        for (int j = 0; j < kw; ++j)
+            spatial[static_cast<size_t>(i) * kw + j] = SpatialTerm(i - top, j - left, cS);
 
     // Allocated once; every pixel overwrites them.
     std::vector<float> patch(taps);
@@ -70,13 +72,15 @@ void ReferenceBilateral(const float* src, float* dst, int width, int height, con
             const float* window = ext.data() + static_cast<size_t>(y) * extW + x;
             for (int i = 0; i < kh; ++i)
                 for (int j = 0; j < kw; ++j)
-                    patch[static_cast<size_t>(i) * kw + j] = window[static_cast<size_t>(i) * extW + j];
+                    patch[static_cast<size_t>(i) * kw + j] =
+                        window[static_cast<size_t>(i) * extW + j];
             const float centre = patch[static_cast<size_t>(top) * kw + left];
 
             float sum = 0.0f;
             for (size_t n = 0; n < taps; ++n) {
                 const float d = patch[n] - centre;
-                const float v = static_cast<float>(spatial[n] + static_cast<double>(ScaledSquare(d, cR)));
+                const float v =
+                    static_cast<float>(spatial[n] + static_cast<double>(ScaledSquare(d, cR)));
                 weight[n] = std::exp(-v);
                 sum += weight[n];
             }
@@ -119,8 +123,8 @@ struct Offset {
     float spatialF = 0.0f;
     bool floatSum = false;  // spatial is a float: float(spatial + q) is then the float sum
     bool paired = false;
-    int rows = 1;      // ring rows: a pair's weights of row r serve rows r to r + di
-    size_t base = 0;   // first float of its ring
+    int rows = 1;        // ring rows: a pair's weights of row r serve rows r to r + di
+    size_t base = 0;     // first float of its ring
     int x0 = 0, x1 = 0;  // columns computed
 };
 
@@ -158,7 +162,9 @@ struct Plan {
         pairRows = 0;
         pairCols = 0;
         std::vector<int> forwardIndex(static_cast<size_t>(2 * pr + 1) * (2 * pc + 1), -1);
-        auto pairSlot = [&](int di, int dj) { return static_cast<size_t>(di + pr) * (2 * pc + 1) + (dj + pc); };
+        auto pairSlot = [&](int di, int dj) {
+            return static_cast<size_t>(di + pr) * (2 * pc + 1) + (dj + pc);
+        };
         for (int di = -top; di <= bottom; ++di) {
             for (int dj = -left; dj <= right; ++dj) {
                 Tap t;
@@ -244,7 +250,8 @@ VELTRANO_TARGET_AVX2 inline __m256 ExpCore(__m256 x) {
     const __m256i ni = _mm256_cvtps_epi32(n);
     const __m256i bias = _mm256_set1_epi32(127);
     if constexpr (!kTwoSteps) {
-        return _mm256_mul_ps(p, _mm256_castsi256_ps(_mm256_slli_epi32(_mm256_add_epi32(ni, bias), 23)));
+        return _mm256_mul_ps(
+            p, _mm256_castsi256_ps(_mm256_slli_epi32(_mm256_add_epi32(ni, bias), 23)));
     } else {
         const __m256i n1 = _mm256_srai_epi32(ni, 1);
         const __m256i n2 = _mm256_sub_epi32(ni, n1);
@@ -255,14 +262,16 @@ VELTRANO_TARGET_AVX2 inline __m256 ExpCore(__m256 x) {
 }
 
 // Exponents of eight pairs of values (b - a their differences).
-VELTRANO_TARGET_AVX2 inline __m256 Exponent8(__m256 a, __m256 b, const Offset& o, __m256 cR, bool cRFinite) {
+VELTRANO_TARGET_AVX2 inline __m256 Exponent8(__m256 a, __m256 b, const Offset& o, __m256 cR,
+                                             bool cRFinite) {
     const __m256 d = _mm256_sub_ps(b, a);
     __m256 q = _mm256_mul_ps(_mm256_mul_ps(d, d), cR);
     if (!cRFinite) q = _mm256_andnot_ps(_mm256_cmp_ps(d, _mm256_setzero_ps(), _CMP_EQ_OQ), q);
     if (o.floatSum) return _mm256_add_ps(_mm256_set1_ps(o.spatialF), q);
     const __m256d s = _mm256_set1_pd(o.spatial);
     const __m128 lo = _mm256_cvtpd_ps(_mm256_add_pd(s, _mm256_cvtps_pd(_mm256_castps256_ps128(q))));
-    const __m128 hi = _mm256_cvtpd_ps(_mm256_add_pd(s, _mm256_cvtps_pd(_mm256_extractf128_ps(q, 1))));
+    const __m128 hi =
+        _mm256_cvtpd_ps(_mm256_add_pd(s, _mm256_cvtps_pd(_mm256_extractf128_ps(q, 1))));
     return _mm256_set_m128(hi, lo);
 }
 
@@ -286,19 +295,23 @@ VELTRANO_TARGET_AVX2 inline __m256 WeightSlow(__m256 v) {
 // Two vectors at a time, so that their long chains overlap; where all sixteen exponents lie in
 // [0, 87] (results normal, none to cut off) a branch-free one-step form serves, otherwise each
 // vector takes the careful one. Both give the same weights there.
-VELTRANO_TARGET_AVX2 void OffsetRowAvx2(const float* a, const float* b, float* w, const Offset& o, float cRs,
-                                        bool cRFinite) {
+VELTRANO_TARGET_AVX2 void OffsetRowAvx2(const float* a, const float* b, float* w, const Offset& o,
+                                        float cRs, bool cRFinite) {
     const __m256 cR = _mm256_set1_ps(cRs);
     const __m256 zero = _mm256_setzero_ps();
     const __m256 normal = _mm256_set1_ps(87.0f);
     const int dj = o.dj;
     int x = o.x0;
     for (; x < o.x1; x += 16) {
-        const __m256 v0 = Exponent8(_mm256_loadu_ps(a + x), _mm256_loadu_ps(b + x + dj), o, cR, cRFinite);
-        const __m256 v1 = Exponent8(_mm256_loadu_ps(a + x + 8), _mm256_loadu_ps(b + x + 8 + dj), o, cR, cRFinite);
+        const __m256 v0 =
+            Exponent8(_mm256_loadu_ps(a + x), _mm256_loadu_ps(b + x + dj), o, cR, cRFinite);
+        const __m256 v1 =
+            Exponent8(_mm256_loadu_ps(a + x + 8), _mm256_loadu_ps(b + x + 8 + dj), o, cR, cRFinite);
         // In [0, 87], NaN excluded.
-        const __m256 in0 = _mm256_and_ps(_mm256_cmp_ps(v0, zero, _CMP_GE_OQ), _mm256_cmp_ps(v0, normal, _CMP_LE_OQ));
-        const __m256 in1 = _mm256_and_ps(_mm256_cmp_ps(v1, zero, _CMP_GE_OQ), _mm256_cmp_ps(v1, normal, _CMP_LE_OQ));
+        const __m256 in0 = _mm256_and_ps(_mm256_cmp_ps(v0, zero, _CMP_GE_OQ),
+                                         _mm256_cmp_ps(v0, normal, _CMP_LE_OQ));
+        const __m256 in1 = _mm256_and_ps(_mm256_cmp_ps(v1, zero, _CMP_GE_OQ),
+                                         _mm256_cmp_ps(v1, normal, _CMP_LE_OQ));
         if (_mm256_movemask_ps(_mm256_and_ps(in0, in1)) == 0xFF) {
             _mm256_storeu_ps(w + x, ExpCore<false>(_mm256_sub_ps(zero, v0)));
             _mm256_storeu_ps(w + x + 8, ExpCore<false>(_mm256_sub_ps(zero, v1)));
@@ -312,8 +325,8 @@ VELTRANO_TARGET_AVX2 void OffsetRowAvx2(const float* a, const float* b, float* w
 // One output row: weights summed in the window's order, then the weighted values, with the
 // reference's operations and order for each pixel. Three blocks of eight pixels at a time, whose
 // independent chains of sums overlap.
-VELTRANO_TARGET_AVX2 void OutputRowAvx2(const float* const* weights, const float* const* values, size_t taps,
-                                        float* out, int width) {
+VELTRANO_TARGET_AVX2 void OutputRowAvx2(const float* const* weights, const float* const* values,
+                                        size_t taps, float* out, int width) {
     const __m256 one = _mm256_set1_ps(1.0f);
     for (int x = 0; x < width; x += 24) {
         __m256 s0 = _mm256_setzero_ps(), s1 = s0, s2 = s0;
@@ -323,14 +336,18 @@ VELTRANO_TARGET_AVX2 void OutputRowAvx2(const float* const* weights, const float
             s1 = _mm256_add_ps(s1, _mm256_loadu_ps(w + 8));
             s2 = _mm256_add_ps(s2, _mm256_loadu_ps(w + 16));
         }
-        const __m256 i0 = _mm256_div_ps(one, s0), i1 = _mm256_div_ps(one, s1), i2 = _mm256_div_ps(one, s2);
+        const __m256 i0 = _mm256_div_ps(one, s0), i1 = _mm256_div_ps(one, s1),
+                     i2 = _mm256_div_ps(one, s2);
         __m256 a0 = _mm256_setzero_ps(), a1 = a0, a2 = a0;
         for (size_t t = 0; t < taps; ++t) {
             const float* w = weights[t] + x;
             const float* p = values[t] + x;
-            a0 = _mm256_add_ps(a0, _mm256_mul_ps(_mm256_loadu_ps(p), _mm256_mul_ps(_mm256_loadu_ps(w), i0)));
-            a1 = _mm256_add_ps(a1, _mm256_mul_ps(_mm256_loadu_ps(p + 8), _mm256_mul_ps(_mm256_loadu_ps(w + 8), i1)));
-            a2 = _mm256_add_ps(a2, _mm256_mul_ps(_mm256_loadu_ps(p + 16), _mm256_mul_ps(_mm256_loadu_ps(w + 16), i2)));
+            a0 = _mm256_add_ps(
+                a0, _mm256_mul_ps(_mm256_loadu_ps(p), _mm256_mul_ps(_mm256_loadu_ps(w), i0)));
+            a1 = _mm256_add_ps(a1, _mm256_mul_ps(_mm256_loadu_ps(p + 8),
+                                                 _mm256_mul_ps(_mm256_loadu_ps(w + 8), i1)));
+            a2 = _mm256_add_ps(a2, _mm256_mul_ps(_mm256_loadu_ps(p + 16),
+                                                 _mm256_mul_ps(_mm256_loadu_ps(w + 16), i2)));
         }
         if (x + 24 <= width) {
             _mm256_storeu_ps(out + x, a0);
@@ -347,11 +364,13 @@ VELTRANO_TARGET_AVX2 void OutputRowAvx2(const float* const* weights, const float
 }
 #endif
 
-void OffsetRowScalar(const float* a, const float* b, float* w, const Offset& o, float cR, bool skip) {
+void OffsetRowScalar(const float* a, const float* b, float* w, const Offset& o, float cR,
+                     bool skip) {
     for (int x = o.x0; x < o.x1; ++x) w[x] = Weight(Exponent(a[x], b[x + o.dj], o, cR), skip);
 }
 
-void OutputRowScalar(const float* const* weights, const float* const* values, size_t taps, float* out, int width) {
+void OutputRowScalar(const float* const* weights, const float* const* values, size_t taps,
+                     float* out, int width) {
     for (int x = 0; x < width; ++x) {
         float sum = 0.0f;
         for (size_t t = 0; t < taps; ++t) sum += weights[t][x];
@@ -371,10 +390,12 @@ bool SharedBilateral(const float* src, float* dst, const Plan& plan, bool avx2) 
     uint64_t ringFloats = 0;
     for (const Offset& o : plan.offsets) ringFloats += static_cast<uint64_t>(o.rows) * plan.ringLen;
     if (!TryResize(rings, ringFloats) || !TryResize(ext, static_cast<uint64_t>(kh) * plan.extLen) ||
-        !TryResize(tail, static_cast<uint64_t>(plan.bottom) * width) || !TryResize(centre, plan.ringLen) ||
+        !TryResize(tail, static_cast<uint64_t>(plan.bottom) * width) ||
+        !TryResize(centre, plan.ringLen) ||
         !TryResize(colIndex, static_cast<uint64_t>(width) + plan.left + plan.right))
         return false;
-    for (size_t j = 0; j < colIndex.size(); ++j) colIndex[j] = MirrorIndex(static_cast<ptrdiff_t>(j) - plan.left, width);
+    for (size_t j = 0; j < colIndex.size(); ++j)
+        colIndex[j] = MirrorIndex(static_cast<ptrdiff_t>(j) - plan.left, width);
 
     // The source rows that the extension repeats below the image are copied before any output is
     // written, so that an in-place call reads them unchanged; every other source row is read
@@ -384,13 +405,16 @@ bool SharedBilateral(const float* src, float* dst, const Plan& plan, bool avx2) 
                     tail.data() + static_cast<size_t>(k) * width);
 
     // Extended row e (from -top to height + bottom - 1), column x at index x + left.
-    auto extRow = [&](int e) { return ext.data() + static_cast<size_t>((e + plan.top) % kh) * plan.extLen; };
+    auto extRow = [&](int e) {
+        return ext.data() + static_cast<size_t>((e + plan.top) % kh) * plan.extLen;
+    };
     int built = -plan.top - 1;
     auto buildUpTo = [&](int last) {
         while (built < last) {
             ++built;
-            const float* s = built >= height ? tail.data() + static_cast<size_t>(built - height) * width
-                                             : src + MirrorIndex(built, height) * static_cast<size_t>(width);
+            const float* s = built >= height
+                                 ? tail.data() + static_cast<size_t>(built - height) * width
+                                 : src + MirrorIndex(built, height) * static_cast<size_t>(width);
             float* d = extRow(built);
             for (size_t j = 0; j < colIndex.size(); ++j) d[j] = s[colIndex[j]];
         }
@@ -456,7 +480,8 @@ void Bilateral(const float* src, float* dst, int width, int height, const struBi
     const bool overlap = dst != src && dst < src + count && src < dst + count;
     if (impl != Impl::Reference && !overlap) {
         Plan plan;
-        if (plan.build(width, height, p) && SharedBilateral(src, dst, plan, impl == Impl::Avx2)) return;
+        if (plan.build(width, height, p) && SharedBilateral(src, dst, plan, impl == Impl::Avx2))
+            return;
     }
     ReferenceBilateral(src, dst, width, height, p);
 }
@@ -468,7 +493,8 @@ int bilateralFilter_32F(float* src, float* dst, int width, int height, struBilat
     if (src == nullptr || dst == nullptr || param == nullptr) return 1;
     if (width < 1 || height < 1) return 1;
     const int kw = param->k_w, kh = param->k_h;
-    if (kw < 1 || kh < 1 || kw > veltrano::kMaxKernelSide || kh > veltrano::kMaxKernelSide) return 1;
+    if (kw < 1 || kh < 1 || kw > veltrano::kMaxKernelSide || kh > veltrano::kMaxKernelSide)
+        return 1;
     if (veltrano::PixelCount(width, height) > veltrano::kMaxElements) return 1;
     veltrano::Bilateral(src, dst, width, height, *param);
     return 1;

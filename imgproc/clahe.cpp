@@ -145,7 +145,8 @@ bool HistogramStage(const T* src, float* hists, float* maps, const Tiling& t, in
             float* hist = hists + tile * bins;
             for (int y = ty * t.tileH; y < ty * t.tileH + t.tileH; ++y) {
                 const T* row = src + static_cast<size_t>(y) * t.width;
-                for (int x = tx * t.tileW; x < tx * t.tileW + t.tileW; ++x) hist[BinOf(row[x], t)] += 1.0f;
+                for (int x = tx * t.tileW; x < tx * t.tileW + t.tileW; ++x)
+                    hist[BinOf(row[x], t)] += 1.0f;
             }
             BuildMapping(hist, maps + tile * bins, t, peak);
         }
@@ -186,8 +187,8 @@ bool MappingStage(const T* src, T* out, const float* maps, const Tiling& t, floa
                 r = (1 - wx) * M(i) + wx * M(i + 1);
             } else {
                 const int i = py.index * nx + px.index;
-                r = wx * wy * M(i + nx + 1) + (1 - wx) * (1 - wy) * M(i) + (1 - wy) * wx * M(i + 1) +
-                    (1 - wx) * wy * M(i + nx);
+                r = wx * wy * M(i + nx + 1) + (1 - wx) * (1 - wy) * M(i) +
+                    (1 - wy) * wx * M(i + 1) + (1 - wx) * wy * M(i + nx);
             }
             orow[x] = StoreMapped<T>(r, outMax);
         }
@@ -197,7 +198,8 @@ bool MappingStage(const T* src, T* out, const float* maps, const Tiling& t, floa
 
 template <class T>
 int ReferenceClahe(T* src, T* dst, const Tiling& t, int peak, float outMax) {
-    const size_t entries = static_cast<size_t>(t.nx) * static_cast<size_t>(t.ny) * static_cast<size_t>(t.bins);
+    const size_t entries =
+        static_cast<size_t>(t.nx) * static_cast<size_t>(t.ny) * static_cast<size_t>(t.bins);
     FloatTable hists = AllocateTable(entries);
     if (!hists) return kTableFailed;
     FloatTable maps = AllocateTable(entries);
@@ -245,7 +247,8 @@ struct RowBinner {
         if constexpr (std::is_integral_v<T>) {
             const size_t values = size_t(1) << (8 * sizeof(T));
             if (!TryResize(table, values)) return false;
-            for (size_t v = 0; v < values; ++v) table[v] = static_cast<uint16_t>(BinOf(static_cast<T>(v), tiling));
+            for (size_t v = 0; v < values; ++v)
+                table[v] = static_cast<uint16_t>(BinOf(static_cast<T>(v), tiling));
         }
         return true;
     }
@@ -274,11 +277,13 @@ struct VecBinner {
         return _mm256_cvttps_epi32(_mm256_max_ps(_mm256_min_ps(top, s), _mm256_setzero_ps()));
     }
     VELTRANO_TARGET_AVX2 __m256i operator()(const uint8_t* p) const {
-        const __m256i v = _mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)));
+        const __m256i v =
+            _mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(p)));
         return fromFloats(_mm256_cvtepi32_ps(v));
     }
     VELTRANO_TARGET_AVX2 __m256i operator()(const uint16_t* p) const {
-        const __m256i v = _mm256_cvtepu16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
+        const __m256i v =
+            _mm256_cvtepu16_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
         return fromFloats(_mm256_cvtepi32_ps(v));
     }
     VELTRANO_TARGET_AVX2 __m256i operator()(const float* p) const {
@@ -351,7 +356,8 @@ template <class T>
 VELTRANO_TARGET_AVX2 void RowBinsAvx2(const T* row, int n, const Tiling& t, uint32_t* bins) {
     const VecBinner binner(t);
     int x = 0;
-    for (; x + 8 <= n; x += 8) _mm256_storeu_si256(reinterpret_cast<__m256i*>(bins + x), binner(row + x));
+    for (; x + 8 <= n; x += 8)
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(bins + x), binner(row + x));
     for (; x < n; ++x) bins[x] = static_cast<uint32_t>(BinOf(row[x], t));
 }
 #endif
@@ -371,7 +377,8 @@ float ClippedCount(uint32_t count, float limit) {
     return h > limit ? limit : h;
 }
 
-void BuildTileRowMappings(const uint32_t* counts, float* maps, const Tiling& t, int peak, TileRowState& s) {
+void BuildTileRowMappings(const uint32_t* counts, float* maps, const Tiling& t, int peak,
+                          TileRowState& s) {
     const int nx = t.nx;
     const int bins = t.bins;
     const float limit = static_cast<float>(peak);
@@ -399,7 +406,8 @@ void BuildTileRowMappings(const uint32_t* counts, float* maps, const Tiling& t, 
                 out[tx] = 0.0f;
                 continue;
             }
-            const float h = ClippedCount(counts[static_cast<size_t>(tx) * bins + b], limit) + s.inc[tx];
+            const float h =
+                ClippedCount(counts[static_cast<size_t>(tx) * bins + b], limit) + s.inc[tx];
             s.prev[tx] = h * s.norm[tx] + s.prev[tx];
             out[tx] = s.prev[tx];
         }
@@ -489,8 +497,8 @@ void MapRowScalar(T* out, const uint32_t* bins, const RowPlace& rp, const Column
         const float omwx = cp.omwx[x];
         float r;
         if (rp.between) {
-            r = wx * rp.wy * rp.m1[i + 1] + omwx * rp.omwy * rp.m0[i] + rp.omwy * wx * rp.m0[i + 1] +
-                omwx * rp.wy * rp.m1[i];
+            r = wx * rp.wy * rp.m1[i + 1] + omwx * rp.omwy * rp.m0[i] +
+                rp.omwy * wx * rp.m0[i + 1] + omwx * rp.wy * rp.m1[i];
         } else {
             r = omwx * rp.m0[i] + wx * rp.m0[i + 1];
         }
@@ -517,7 +525,8 @@ VELTRANO_TARGET_AVX2 void StoreMapped8(T* out, __m256 r, float outMax) {
         __m256 u = _mm256_min_ps(high, _mm256_add_ps(v, half));
         u = _mm256_max_ps(u, _mm256_setzero_ps());
         const __m256i i = _mm256_cvttps_epi32(_mm256_add_ps(u, half));
-        const __m128i w = _mm_packus_epi32(_mm256_castsi256_si128(i), _mm256_extracti128_si256(i, 1));
+        const __m128i w =
+            _mm_packus_epi32(_mm256_castsi256_si128(i), _mm256_extracti128_si256(i, 1));
         if constexpr (std::is_same_v<T, uint16_t>) {
             _mm_storeu_si128(reinterpret_cast<__m128i*>(out), w);
         } else {
@@ -533,28 +542,31 @@ struct Quad8 {
 
 VELTRANO_TARGET_AVX2 inline Quad8 LoadQuads(const float* q, const int32_t* idx) {
     auto rows = [q, idx](int k) VELTRANO_TARGET_AVX2 {
-        return _mm256_insertf128_ps(_mm256_castps128_ps256(_mm_loadu_ps(q + 4 * static_cast<size_t>(idx[k]))),
-                                    _mm_loadu_ps(q + 4 * static_cast<size_t>(idx[k + 4])), 1);
+        return _mm256_insertf128_ps(
+            _mm256_castps128_ps256(_mm_loadu_ps(q + 4 * static_cast<size_t>(idx[k]))),
+            _mm_loadu_ps(q + 4 * static_cast<size_t>(idx[k + 4])), 1);
     };
     const __m256 r0 = rows(0), r1 = rows(1), r2 = rows(2), r3 = rows(3);
     const __m256 t0 = _mm256_unpacklo_ps(r0, r1), t1 = _mm256_unpackhi_ps(r0, r1);
     const __m256 t2 = _mm256_unpacklo_ps(r2, r3), t3 = _mm256_unpackhi_ps(r2, r3);
-    return {_mm256_shuffle_ps(t0, t2, 0x44), _mm256_shuffle_ps(t0, t2, 0xEE), _mm256_shuffle_ps(t1, t3, 0x44),
-            _mm256_shuffle_ps(t1, t3, 0xEE)};
+    return {_mm256_shuffle_ps(t0, t2, 0x44), _mm256_shuffle_ps(t0, t2, 0xEE),
+            _mm256_shuffle_ps(t1, t3, 0x44), _mm256_shuffle_ps(t1, t3, 0xEE)};
 }
 
 // The table index of every pixel of a row, bin * nx + tile column (the tile column of the first
 // run is 0 and of the last nx - 1, as PlaceOnAxis gives them). A pass of its own: the mapping
 // loop then starts its loads at once instead of waiting for each block's bins.
 template <class T>
-VELTRANO_TARGET_AVX2 void RowIndicesAvx2(const T* src, const ColumnPlan& cp, const Tiling& t, int32_t* idx) {
+VELTRANO_TARGET_AVX2 void RowIndicesAvx2(const T* src, const ColumnPlan& cp, const Tiling& t,
+                                         int32_t* idx) {
     const VecBinner binner(t);
     const __m256i nxv = _mm256_set1_epi32(t.nx);
     const int32_t* const txp = cp.tx.data();
     int x = 0;
     for (; x + 8 <= t.width; x += 8) {
         const __m256i tx = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(txp + x));
-        _mm256_storeu_si256(reinterpret_cast<__m256i*>(idx + x), _mm256_add_epi32(_mm256_mullo_epi32(binner(src + x), nxv), tx));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(idx + x),
+                            _mm256_add_epi32(_mm256_mullo_epi32(binner(src + x), nxv), tx));
     }
     for (; x < t.width; ++x) idx[x] = BinOf(src[x], t) * t.nx + txp[x];
 }
@@ -582,8 +594,8 @@ VELTRANO_TARGET_AVX2 inline Quad8 GatherQuads(const GatherSource& g, const int32
 // fewer than eight pixels remain, with the same operations; it is compiled for AVX2 as well, since
 // switching between vector and legacy scalar code on every call stalls the processor.
 template <class T>
-VELTRANO_TARGET_AVX2 void MapOne(const int32_t* idx, T* out, int x, bool blendX, const RowPlace& rp, const ColumnPlan& cp,
-            float outMax) {
+VELTRANO_TARGET_AVX2 void MapOne(const int32_t* idx, T* out, int x, bool blendX, const RowPlace& rp,
+                                 const ColumnPlan& cp, float outMax) {
     const size_t i = static_cast<size_t>(idx[x]);
     float r;
     if (!blendX) {
@@ -599,8 +611,9 @@ VELTRANO_TARGET_AVX2 void MapOne(const int32_t* idx, T* out, int x, bool blendX,
 }
 
 template <class T, bool kQuads>
-VELTRANO_TARGET_AVX2 void MapRowFromIndicesAvx2(const int32_t* idx, T* out, const RowPlace& rp, const ColumnPlan& cp,
-                                                const Tiling& t, float outMax) {
+VELTRANO_TARGET_AVX2 void MapRowFromIndicesAvx2(const int32_t* idx, T* out, const RowPlace& rp,
+                                                const ColumnPlan& cp, const Tiling& t,
+                                                float outMax) {
     const __m256 wy = _mm256_set1_ps(rp.wy);
     const __m256 omwy = _mm256_set1_ps(rp.omwy);
     const float* const q = rp.q;
@@ -608,14 +621,17 @@ VELTRANO_TARGET_AVX2 void MapRowFromIndicesAvx2(const int32_t* idx, T* out, cons
     const bool between = rp.between;
     const float* const wxp = cp.wx.data();
     const float* const omwxp = cp.omwx.data();
-    auto fetch = [q, g](const int32_t* i) VELTRANO_TARGET_AVX2 { return kQuads ? LoadQuads(q, i) : GatherQuads(g, i); };
+    auto fetch = [q, g](const int32_t* i)
+                     VELTRANO_TARGET_AVX2 { return kQuads ? LoadQuads(q, i) : GatherQuads(g, i); };
 
     // Columns that take one tile column alone: corners, or the vertical blend.
     auto edge = [&](int x0, int x1) VELTRANO_TARGET_AVX2 {
         int x = x0;
         for (; x + 8 <= x1; x += 8) {
             const Quad8 m = fetch(idx + x);
-            const __m256 r = between ? _mm256_add_ps(_mm256_mul_ps(omwy, m.m00), _mm256_mul_ps(wy, m.m10)) : m.m00;
+            const __m256 r =
+                between ? _mm256_add_ps(_mm256_mul_ps(omwy, m.m00), _mm256_mul_ps(wy, m.m10))
+                        : m.m00;
             StoreMapped8(out + x, r, outMax);
         }
         for (; x < x1; ++x) MapOne(idx, out, x, false, rp, cp, outMax);
@@ -643,8 +659,8 @@ VELTRANO_TARGET_AVX2 void MapRowFromIndicesAvx2(const int32_t* idx, T* out, cons
 }
 
 template <class T>
-VELTRANO_TARGET_AVX2 void MapRowAvx2(const T* src, T* out, int32_t* idx, const RowPlace& rp, const ColumnPlan& cp,
-                                     const Tiling& t, float outMax) {
+VELTRANO_TARGET_AVX2 void MapRowAvx2(const T* src, T* out, int32_t* idx, const RowPlace& rp,
+                                     const ColumnPlan& cp, const Tiling& t, float outMax) {
     RowIndicesAvx2(src, cp, t, idx);
     if (rp.q != nullptr) {
         MapRowFromIndicesAvx2<T, true>(idx, out, rp, cp, t, outMax);
@@ -701,7 +717,8 @@ public:
             const T* row = src + static_cast<size_t>(y) * t.width;
             if constexpr (std::is_same_v<T, uint8_t>) {
                 for (int tx = 0; tx < t.nx; ++tx)
-                    CountRun(row + static_cast<size_t>(tx) * t.tileW, t.tileW, work_.data() + tx * 256, perCopy_, copies_);
+                    CountRun(row + static_cast<size_t>(tx) * t.tileW, t.tileW,
+                             work_.data() + tx * 256, perCopy_, copies_);
                 continue;
             }
 #if VELTRANO_HAS_AVX2_PATHS
@@ -715,8 +732,8 @@ public:
 #endif
             const size_t bins = static_cast<size_t>(t.bins);
             for (int tx = 0; tx < t.nx; ++tx)
-                CountRun(rowBins_.data() + static_cast<size_t>(tx) * t.tileW, t.tileW, work_.data() + tx * bins,
-                         perCopy_, copies_);
+                CountRun(rowBins_.data() + static_cast<size_t>(tx) * t.tileW, t.tileW,
+                         work_.data() + tx * bins, perCopy_, copies_);
         }
         for (int c = 1; c < copies_; ++c)
             for (size_t i = 0; i < perCopy_; ++i) work_[i] += work_[c * perCopy_ + i];
@@ -724,7 +741,8 @@ public:
         std::fill(counts_.begin(), counts_.end(), 0u);
         for (int tx = 0; tx < t.nx; ++tx)
             for (int v = 0; v < 256; ++v)
-                counts_[static_cast<size_t>(tx) * t.bins + binner_.table[v]] += work_[static_cast<size_t>(tx) * 256 + v];
+                counts_[static_cast<size_t>(tx) * t.bins + binner_.table[v]] +=
+                    work_[static_cast<size_t>(tx) * 256 + v];
         return counts_.data();
     }
 
@@ -745,7 +763,8 @@ int FastClahe(T* src, T* dst, const Tiling& t, int peak, float outMax, bool avx2
     std::vector<float> maps;
     TileRowCounter<T> counter;
     TileRowState state;
-    if (!TryResize(maps, static_cast<uint64_t>(rowEntries) * static_cast<uint64_t>(t.ny)) || !counter.prepare(t, avx2))
+    if (!TryResize(maps, static_cast<uint64_t>(rowEntries) * static_cast<uint64_t>(t.ny)) ||
+        !counter.prepare(t, avx2))
         return kTableFailed;
     state.k.resize(t.nx);
     state.inc.resize(t.nx);
@@ -754,7 +773,8 @@ int FastClahe(T* src, T* dst, const Tiling& t, int peak, float outMax, bool avx2
     if (dst == nullptr) return kMappingFailed;
 
     for (int ty = 0; ty < t.ny; ++ty)
-        BuildTileRowMappings(counter.count(src, ty), maps.data() + static_cast<size_t>(ty) * rowEntries, t, peak, state);
+        BuildTileRowMappings(counter.count(src, ty),
+                             maps.data() + static_cast<size_t>(ty) * rowEntries, t, peak, state);
 
     // The quads serve the vector mapping only; without room for them it gathers instead.
     std::vector<float> quads;
@@ -776,7 +796,8 @@ int FastClahe(T* src, T* dst, const Tiling& t, int peak, float outMax, bool avx2
         T* orow = dst + static_cast<size_t>(y) * t.width;
 #if VELTRANO_HAS_AVX2_PATHS
         if (avx2) {
-            MapRowAvx2(srow, orow, reinterpret_cast<int32_t*>(counter.rowBins()), rp, cp, t, outMax);
+            MapRowAvx2(srow, orow, reinterpret_cast<int32_t*>(counter.rowBins()), rp, cp, t,
+                       outMax);
             continue;
         }
 #endif
@@ -911,9 +932,8 @@ int clahe_32F_Manual(float* src, float* dst, int32_t width, int32_t height, int3
                                  peak, iniPath);
 }
 
-int clahe_64F_Manual(double* src, double* dst, int32_t width, int32_t height,
-                     int32_t widthBlockNum, int32_t heightBlockNum, int32_t histBin, int32_t peak,
-                     const char* iniPath) {
+int clahe_64F_Manual(double* src, double* dst, int32_t width, int32_t height, int32_t widthBlockNum,
+                     int32_t heightBlockNum, int32_t histBin, int32_t peak, const char* iniPath) {
     return veltrano::ClaheManual(src, dst, width, height, widthBlockNum, heightBlockNum, histBin,
                                  peak, iniPath);
 }

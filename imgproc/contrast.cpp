@@ -133,7 +133,8 @@ T ExactPixel(double x, int64_t s, int64_t q, const ExactConstants& c) {
 }
 
 template <class T>
-void ExactRowScalar(const T* x, const int64_t* s, const int64_t* q, T* out, int w, const ExactConstants& c) {
+void ExactRowScalar(const T* x, const int64_t* s, const int64_t* q, T* out, int w,
+                    const ExactConstants& c) {
     for (int i = 0; i < w; ++i) out[i] = ExactPixel<T>(static_cast<double>(x[i]), s[i], q[i], c);
 }
 
@@ -142,7 +143,8 @@ void ExactRowScalar(const T* x, const int64_t* s, const int64_t* q, T* out, int 
 // number plus the integer exactly.
 VELTRANO_TARGET_AVX2 inline __m256d Int64ToDouble(__m256i v) {
     const __m256d magic = _mm256_set1_pd(6755399441055744.0);
-    return _mm256_sub_pd(_mm256_castsi256_pd(_mm256_add_epi64(v, _mm256_castpd_si256(magic))), magic);
+    return _mm256_sub_pd(_mm256_castsi256_pd(_mm256_add_epi64(v, _mm256_castpd_si256(magic))),
+                         magic);
 }
 
 template <class T>
@@ -174,8 +176,8 @@ VELTRANO_TARGET_AVX2 inline void StoreFour(T* p, __m128i v) {
 // Four pixels at a time with the same double operations as ExactPixel: the divisions, the
 // square root and the minimum are exactly rounded, so every lane equals the scalar result.
 template <class T>
-VELTRANO_TARGET_AVX2 void ExactRowAvx2(const T* x, const int64_t* s, const int64_t* q, T* out, int w,
-                                       const ExactConstants& c) {
+VELTRANO_TARGET_AVX2 void ExactRowAvx2(const T* x, const int64_t* s, const int64_t* q, T* out,
+                                       int w, const ExactConstants& c) {
     double low = 0.0;
     double high = 0.0;
     int isFloat = 0;
@@ -190,14 +192,19 @@ VELTRANO_TARGET_AVX2 void ExactRowAvx2(const T* x, const int64_t* s, const int64
     int i = 0;
     for (; i + 4 <= w; i += 4) {
         const __m256d xv = _mm256_cvtepi32_pd(LoadFour(x + i));
-        const __m256d m = _mm256_div_pd(Int64ToDouble(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(s + i))), area);
-        const __m256d mq = _mm256_div_pd(Int64ToDouble(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(q + i))), area);
+        const __m256d m = _mm256_div_pd(
+            Int64ToDouble(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(s + i))), area);
+        const __m256d mq = _mm256_div_pd(
+            Int64ToDouble(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(q + i))), area);
         const __m256d sd = _mm256_sqrt_pd(_mm256_sub_pd(mq, _mm256_mul_pd(m, m)));
         const __m256d positive = _mm256_cmp_pd(sd, zero, _CMP_GT_OQ);
         __m256d gain;
         const int live = _mm256_movemask_pd(positive);
-        const bool capped = c.capTest && live != 0 &&
-                            (_mm256_movemask_pd(_mm256_cmp_pd(k, _mm256_mul_pd(_mm256_mul_pd(ceiling, sd), capScale), _CMP_GT_OQ)) | (~live & 0xf)) == 0xf;
+        const bool capped =
+            c.capTest && live != 0 &&
+            (_mm256_movemask_pd(_mm256_cmp_pd(
+                 k, _mm256_mul_pd(_mm256_mul_pd(ceiling, sd), capScale), _CMP_GT_OQ)) |
+             (~live & 0xf)) == 0xf;
         if (capped) {
             gain = ceiling;
         } else {
@@ -233,7 +240,8 @@ VELTRANO_TARGET_AVX2 inline __m256i WidenFour(const T* p) {
 // The column sums move down one row: the entering row added, the leaving one taken away. The
 // values fit in 32 bits, so their squares are products of the low halves of the 64-bit lanes.
 template <class T>
-VELTRANO_TARGET_AVX2 void MoveColumnsAvx2(const T* enter, const T* leave, int64_t* sums, int64_t* squares, size_t w) {
+VELTRANO_TARGET_AVX2 void MoveColumnsAvx2(const T* enter, const T* leave, int64_t* sums,
+                                          int64_t* squares, size_t w) {
     size_t x = 0;
     for (; x + 4 <= w; x += 4) {
         const __m256i a = WidenFour(enter + x);
@@ -241,8 +249,9 @@ VELTRANO_TARGET_AVX2 void MoveColumnsAvx2(const T* enter, const T* leave, int64_
         __m256i* s = reinterpret_cast<__m256i*>(sums + x);
         __m256i* q = reinterpret_cast<__m256i*>(squares + x);
         _mm256_storeu_si256(s, _mm256_add_epi64(_mm256_loadu_si256(s), _mm256_sub_epi64(a, b)));
-        _mm256_storeu_si256(q, _mm256_add_epi64(_mm256_loadu_si256(q),
-                                                _mm256_sub_epi64(_mm256_mul_epi32(a, a), _mm256_mul_epi32(b, b))));
+        _mm256_storeu_si256(
+            q, _mm256_add_epi64(_mm256_loadu_si256(q),
+                                _mm256_sub_epi64(_mm256_mul_epi32(a, a), _mm256_mul_epi32(b, b))));
     }
     for (; x < w; ++x) {
         const int64_t a = enter[x];
@@ -270,7 +279,8 @@ void MoveColumns(const T* enter, const T* leave, int64_t* sums, int64_t* squares
 // running sum per column, moved a row at a time, vector-wide), then along the row through prefix
 // sums of the mirrored column sums (a window is the difference of two prefixes).
 template <class T>
-bool EnhanceExactIntegerSums(const T* src, T* dst, int w, int h, int radius, float alpha, float maxGain) {
+bool EnhanceExactIntegerSums(const T* src, T* dst, int w, int h, int radius, float alpha,
+                             float maxGain) {
     const int r = radius < 1 ? 1 : radius;
     const size_t width = static_cast<size_t>(w);
     const size_t count = width * static_cast<size_t>(h);
@@ -284,7 +294,9 @@ bool EnhanceExactIntegerSums(const T* src, T* dst, int w, int h, int radius, flo
     // one entering row or element. Below 2^51 it is exact in a double, and a window sum converts
     // exactly through Int64ToDouble (which needs less than 2^51).
     const double side = 2.0 * r + 2.0;
-    if (side * side * static_cast<double>(maxAbs) * static_cast<double>(maxAbs) >= 2251799813685248.0) return false;
+    if (side * side * static_cast<double>(maxAbs) * static_cast<double>(maxAbs) >=
+        2251799813685248.0)
+        return false;
 
     // The source rows of the window are kept in a ring of 2r + 2 rows (or all rows of a shorter
     // image), copied as they enter: the rows a window needs, mirrored or not, always lie in the
@@ -301,11 +313,13 @@ bool EnhanceExactIntegerSums(const T* src, T* dst, int w, int h, int radius, flo
     std::vector<int64_t> sums;
     std::vector<int64_t> squares;
     std::vector<int32_t> index;
-    if (!TryResize(ring, slots * width) || !TryResize(colSums, width) || !TryResize(colSquares, width) ||
-        !TryResize(prefixSums, width + k) || !TryResize(prefixSquares, width + k) || !TryResize(sums, width) ||
+    if (!TryResize(ring, slots * width) || !TryResize(colSums, width) ||
+        !TryResize(colSquares, width) || !TryResize(prefixSums, width + k) ||
+        !TryResize(prefixSquares, width + k) || !TryResize(sums, width) ||
         !TryResize(squares, width) || !TryResize(index, width + k - 1))
         return false;
-    for (size_t j = 0; j < index.size(); ++j) index[j] = static_cast<int32_t>(MirrorIndex(static_cast<ptrdiff_t>(j) - r, w));
+    for (size_t j = 0; j < index.size(); ++j)
+        index[j] = static_cast<int32_t>(MirrorIndex(static_cast<ptrdiff_t>(j) - r, w));
 
     // Source row y (mirrored into the image), from the ring.
     auto row = [&](ptrdiff_t y) -> const T* {
@@ -399,7 +413,8 @@ float QuickGlobalStd(const T* src, size_t count, float scale) {
 
 // One result of the quick form from the scaled value and its local mean and mean square.
 template <class T>
-inline T QuickResult(float x, float m, float q, float globalStd, float alpha, float maxGain, float back) {
+inline T QuickResult(float x, float m, float q, float globalStd, float alpha, float maxGain,
+                     float back) {
     const float v = q - m * m;
     float r;
     if (v > 0.0f) {
@@ -438,7 +453,8 @@ void EnhanceQuick(const T* src, T* dst, int w, int h, int radius, float alpha, f
     BoxMean(squares.data(), q.data(), w, h, radius);
 
     const float back = static_cast<float>(area);
-    for (size_t i = 0; i < count; ++i) dst[i] = QuickResult<T>(x[i], m[i], q[i], globalStd, alpha, maxGain, back);
+    for (size_t i = 0; i < count; ++i)
+        dst[i] = QuickResult<T>(x[i], m[i], q[i], globalStd, alpha, maxGain, back);
 }
 
 // The quick form without frame-sized scratch. Its window sums are float running sums, whose
@@ -472,10 +488,12 @@ bool EnhanceQuickRows(const T* src, T* dst, int w, int h, int radius, float alph
     std::vector<float> colSquares;
     std::vector<int32_t> index;
     if (!TryResize(ringSums, slots * width) || !TryResize(ringSquares, slots * width) ||
-        !TryResize(ext, width + k - 1) || !TryResize(extSquares, width + k - 1) || !TryResize(colSums, width) ||
-        !TryResize(colSquares, width) || !TryResize(index, width + k - 1))
+        !TryResize(ext, width + k - 1) || !TryResize(extSquares, width + k - 1) ||
+        !TryResize(colSums, width) || !TryResize(colSquares, width) ||
+        !TryResize(index, width + k - 1))
         return false;
-    for (size_t j = 0; j < index.size(); ++j) index[j] = static_cast<int32_t>(MirrorIndex(static_cast<ptrdiff_t>(j) - r, w));
+    for (size_t j = 0; j < index.size(); ++j)
+        index[j] = static_cast<int32_t>(MirrorIndex(static_cast<ptrdiff_t>(j) - r, w));
 
     const float globalStd = QuickGlobalStd(src, count, scale);
 
@@ -546,7 +564,8 @@ bool EnhanceQuickRows(const T* src, T* dst, int w, int h, int radius, float alph
         for (size_t x = 0; x < width; ++x) {
             const float m = colSums[x] * inv;
             const float q = colSquares[x] * inv;
-            out[x] = QuickResult<T>(QuickValue(in[x], scale), m, q, globalStd, alpha, maxGain, back);
+            out[x] =
+                QuickResult<T>(QuickValue(in[x], scale), m, q, globalStd, alpha, maxGain, back);
         }
     }
     return true;
@@ -587,8 +606,8 @@ int Enhance(uint16_t* src, uint16_t* dst, uint32_t width, uint32_t height, int32
     // A code that is not served writes nothing and still returns 1.
     const auto run = [&](auto tag) {
         using T = typename decltype(tag)::type;
-        Worker<T>::Run(reinterpret_cast<T*>(src), reinterpret_cast<T*>(dst), w, h, static_cast<int>(radius),
-                       alpha, maxGain);
+        Worker<T>::Run(reinterpret_cast<T*>(src), reinterpret_cast<T*>(dst), w, h,
+                       static_cast<int>(radius), alpha, maxGain);
         return 1;
     };
     if constexpr (kServesFloat) {
@@ -607,9 +626,9 @@ int AdaptiveContrastEnhancement(uint16_t* src, uint16_t* dst, uint32_t width, ui
                                                            radius, alpha, maxGain);
 }
 
-int AdaptiveContrastEnhancementQuick(uint16_t* src, uint16_t* dst, uint32_t width,
-                                     uint32_t height, int32_t pixelType, int32_t radius,
-                                     float alpha, float maxGain) {
+int AdaptiveContrastEnhancementQuick(uint16_t* src, uint16_t* dst, uint32_t width, uint32_t height,
+                                     int32_t pixelType, int32_t radius, float alpha,
+                                     float maxGain) {
     return veltrano::Enhance<veltrano::QuickWorker, true>(src, dst, width, height, pixelType,
                                                           radius, alpha, maxGain);
 }
@@ -650,8 +669,8 @@ int Ace_Gamma(uint16_t* src, void* dst, int32_t width, uint32_t height, int32_t 
     const uint32_t w = static_cast<uint32_t>(width);
 
     if (param->param5 != 0) {
-        AdaptiveContrastEnhancement(src, work16, w, height, pixelType, param->param1,
-                                    param->param2, param->param3);
+        AdaptiveContrastEnhancement(src, work16, w, height, pixelType, param->param1, param->param2,
+                                    param->param3);
     } else {
         AdaptiveContrastEnhancementQuick(src, work16, w, height, pixelType, param->param1,
                                          param->param2, param->param3);

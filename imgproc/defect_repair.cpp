@@ -60,7 +60,8 @@ public:
         }
         // Row-major discovery order; runs of eight good pixels are passed over as one word.
         for (int32_t y = 0; y < height_; ++y) {
-            const uint8_t* row = marks_.data() + static_cast<size_t>(y) * static_cast<size_t>(width_);
+            const uint8_t* row =
+                marks_.data() + static_cast<size_t>(y) * static_cast<size_t>(width_);
             int32_t x = 0;
             while (x < width_) {
                 uint64_t word = 0;
@@ -102,8 +103,10 @@ private:
         // Direct neighbours clamped to the image: an edge pixel sees itself as one of them.
         const int64_t x = p.x;
         const int64_t y = p.y;
-        if (mark(x, std::max<int64_t>(y - 1, 0)) != 0 && mark(x, std::min<int64_t>(y + 1, height_ - 1)) != 0 &&
-            mark(std::max<int64_t>(x - 1, 0), y) != 0 && mark(std::min<int64_t>(x + 1, width_ - 1), y) != 0)
+        if (mark(x, std::max<int64_t>(y - 1, 0)) != 0 &&
+            mark(x, std::min<int64_t>(y + 1, height_ - 1)) != 0 &&
+            mark(std::max<int64_t>(x - 1, 0), y) != 0 &&
+            mark(std::min<int64_t>(x + 1, width_ - 1), y) != 0)
             return false;
         const int64_t x0 = std::max<int64_t>(x - radius_, 0);
         const int64_t x1 = std::min<int64_t>(x + radius_, width_ - 1);
@@ -152,7 +155,8 @@ int EdgeClip(const T* src, T* dst, int rows, int cols, clipParam& param) {
     const int64_t outCols = static_cast<int64_t>(cols) - left - right;
     if (outRows <= 0 || outCols <= 0) return 1;
     for (int64_t r = 0; r < outRows; ++r)
-        std::memmove(dst + r * outCols, src + (r + top) * cols + left, static_cast<size_t>(outCols) * sizeof(T));
+        std::memmove(dst + r * outCols, src + (r + top) * cols + left,
+                     static_cast<size_t>(outCols) * sizeof(T));
     return 1;
 }
 
@@ -203,8 +207,10 @@ int FixBadPixel(float* src, float* dst, float* defectMap, int width, int height)
             }
             float sum = 0.0f;
             int count9 = 0;
-            for (int64_t yy = std::max<int64_t>(y - 1, 0); yy <= std::min<int64_t>(y + 1, h - 1); ++yy) {
-                for (int64_t xx = std::max<int64_t>(x - 1, 0); xx <= std::min<int64_t>(x + 1, w - 1); ++xx) {
+            for (int64_t yy = std::max<int64_t>(y - 1, 0); yy <= std::min<int64_t>(y + 1, h - 1);
+                 ++yy) {
+                for (int64_t xx = std::max<int64_t>(x - 1, 0);
+                     xx <= std::min<int64_t>(x + 1, w - 1); ++xx) {
                     if (defectMap[yy * w + xx] < 0.01f) {
                         sum += src[yy * w + xx];
                         ++count9;

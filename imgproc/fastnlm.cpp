@@ -72,7 +72,8 @@ struct Settings {
         py = std::min(p, std::max(h, 1) - 1);
         sx = std::min(s, std::max(w, 1) - 1);
         sy = std::min(s, std::max(h, 1) - 1);
-        const ptrdiff_t area = (2 * static_cast<ptrdiff_t>(px) + 1) * (2 * static_cast<ptrdiff_t>(py) + 1);
+        const ptrdiff_t area =
+            (2 * static_cast<ptrdiff_t>(px) + 1) * (2 * static_cast<ptrdiff_t>(py) + 1);
         k = 1.0f / (strength * strength * static_cast<float>(area));
     }
     int patchW() const { return 2 * px + 1; }
@@ -97,11 +98,14 @@ struct Extended {
         ry = st.reachY();
         stride = static_cast<ptrdiff_t>(st.width) + 2 * static_cast<ptrdiff_t>(rx);
         const uint64_t rows = static_cast<uint64_t>(st.height) + 2 * static_cast<uint64_t>(ry);
-        if (!ScratchFits<uint8_t>(SaturatingProduct(static_cast<uint64_t>(stride), rows))) return false;
+        if (!ScratchFits<uint8_t>(SaturatingProduct(static_cast<uint64_t>(stride), rows)))
+            return false;
         pixels = ExtendMirrorAnyMargin(src, st.height, st.width, BorderMargins{ry, ry, rx, rx});
         return true;
     }
-    const uint8_t* at(ptrdiff_t x, ptrdiff_t y) const { return pixels.data() + (y + ry) * stride + x + rx; }
+    const uint8_t* at(ptrdiff_t x, ptrdiff_t y) const {
+        return pixels.data() + (y + ry) * stride + x + rx;
+    }
 };
 
 // table[d] = exp(-d k) for every distance below `limit`, and 0 at `limit` itself. Distances from
@@ -125,7 +129,10 @@ struct Weights {
         uint64_t lo = 0, hi = never;
         while (lo < hi) {
             const uint64_t mid = lo + (hi - lo) / 2;
-            if (static_cast<float>(mid) * k >= kZeroWeightExponent) hi = mid; else lo = mid + 1;
+            if (static_cast<float>(mid) * k >= kZeroWeightExponent)
+                hi = mid;
+            else
+                lo = mid + 1;
         }
         zeroFrom = lo;
         limit = std::min(zeroFrom, kWeightTableSize);
@@ -133,7 +140,9 @@ struct Weights {
         for (uint64_t d = 0; d < limit; ++d) table[d] = WeightOf(d, k);
         table[limit] = 0.0f;
         if (zeroFrom > kWeightTableSize) {
-            if (!TryResize(beyond, std::min({zeroFrom - kWeightTableSize, kMaxKeptWeights, lookups}))) return false;
+            if (!TryResize(beyond,
+                           std::min({zeroFrom - kWeightTableSize, kMaxKeptWeights, lookups})))
+                return false;
             std::fill(beyond.begin(), beyond.end(), -1.0f);
         }
         return true;
@@ -143,7 +152,9 @@ struct Weights {
     // Distances are clamped to `limit` when they read the table only; otherwise they stay as
     // they are, for the exp calls.
     template <class Sum>
-    Sum clampAt() const { return tableOnly() ? static_cast<Sum>(limit) : std::numeric_limits<Sum>::max(); }
+    Sum clampAt() const {
+        return tableOnly() ? static_cast<Sum>(limit) : std::numeric_limits<Sum>::max();
+    }
 
     float operator()(uint64_t d) {
         if (d < limit) return table[d];
@@ -175,7 +186,8 @@ bool DenoiseReference(const Extended& e, uint8_t* out, const Settings& st) {
     const ptrdiff_t intW = w + pw, intH = ht + ph;
     std::vector<uint64_t> integral;
     std::vector<float> weightSum, valueSum, table;
-    if (!TryResize(integral, SaturatingProduct(static_cast<uint64_t>(intW), static_cast<uint64_t>(intH))) ||
+    if (!TryResize(integral,
+                   SaturatingProduct(static_cast<uint64_t>(intW), static_cast<uint64_t>(intH))) ||
         !TryResize(weightSum, PixelCount(w, ht)) || !TryResize(valueSum, PixelCount(w, ht)) ||
         !TryResize(table, kWeightTableSize))
         return false;
@@ -206,7 +218,8 @@ bool DenoiseReference(const Extended& e, uint8_t* out, const Settings& st) {
                 for (ptrdiff_t x = 0; x < w; ++x) {
                     // Unsigned wrap-around cancels in the sum, which is never negative.
                     const uint64_t distance = bottom[x + pw] - top[x + pw] - bottom[x] + top[x];
-                    const float weight = distance < kWeightTableSize ? table[distance] : WeightOf(distance, st.k);
+                    const float weight =
+                        distance < kWeightTableSize ? table[distance] : WeightOf(distance, st.k);
                     ws[x] += weight;
                     vs[x] += weight * static_cast<float>(values[x]);
                 }
@@ -259,8 +272,8 @@ void LookUpWeights(const Sum* distances, float* out, ptrdiff_t n, Weights& weigh
 
 // Adds the contributions of `count` displacements, in order, to each pixel's sums: weights[i] and
 // values[i] hold those of displacement i for the pixels of the row.
-void AccumulateRow(const float* const* weights, const uint8_t* const* values, size_t count, float* ws, float* vs,
-                   ptrdiff_t from, ptrdiff_t n) {
+void AccumulateRow(const float* const* weights, const uint8_t* const* values, size_t count,
+                   float* ws, float* vs, ptrdiff_t from, ptrdiff_t n) {
     for (size_t i = 0; i < count; ++i) {
         const float* w = weights[i];
         const uint8_t* v = values[i];
@@ -278,8 +291,9 @@ VELTRANO_TARGET_AVX2 __m256i Widen16(const uint8_t* p) {
     return _mm256_cvtepu8_epi16(_mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
 }
 
-VELTRANO_TARGET_AVX2 void MoveColumnSumsAvx2(uint32_t* sums, const uint8_t* ref, const uint8_t* moved,
-                                             const uint8_t* refOld, const uint8_t* movedOld, ptrdiff_t n) {
+VELTRANO_TARGET_AVX2 void MoveColumnSumsAvx2(uint32_t* sums, const uint8_t* ref,
+                                             const uint8_t* moved, const uint8_t* refOld,
+                                             const uint8_t* movedOld, ptrdiff_t n) {
     ptrdiff_t j = 0;
     for (; j + 16 <= n; j += 16) {
         // Differences lie in -255..255 and their squares below 65536: 16-bit lanes hold them.
@@ -298,15 +312,16 @@ VELTRANO_TARGET_AVX2 void MoveColumnSumsAvx2(uint32_t* sums, const uint8_t* ref,
 }
 
 // Narrow patches add their columns directly; wide ones take the running sum.
-VELTRANO_TARGET_AVX2 void WindowSumsAvx2(const uint32_t* sums, uint32_t* distances, ptrdiff_t n, int patchW,
-                                         uint32_t clampAt) {
+VELTRANO_TARGET_AVX2 void WindowSumsAvx2(const uint32_t* sums, uint32_t* distances, ptrdiff_t n,
+                                         int patchW, uint32_t clampAt) {
     if (patchW > 9) return WindowSums<uint32_t>(sums, distances, n, patchW, clampAt);
     const __m256i top = _mm256_set1_epi32(static_cast<int>(clampAt));
     ptrdiff_t x = 0;
     for (; x + 8 <= n; x += 8) {
         __m256i s = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(sums + x));
         for (int t = 1; t < patchW; ++t)
-            s = _mm256_add_epi32(s, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(sums + x + t)));
+            s = _mm256_add_epi32(
+                s, _mm256_loadu_si256(reinterpret_cast<const __m256i*>(sums + x + t)));
         _mm256_storeu_si256(reinterpret_cast<__m256i*>(distances + x), _mm256_min_epu32(s, top));
     }
     for (; x < n; ++x) {
@@ -318,15 +333,16 @@ VELTRANO_TARGET_AVX2 void WindowSumsAvx2(const uint32_t* sums, uint32_t* distanc
 
 // The sums of eight pixels stay in registers while all displacements are added, in order. The
 // products are rounded to single precision before they are added, as in AccumulateRow.
-VELTRANO_TARGET_AVX2 void AccumulateRowAvx2(const float* const* weights, const uint8_t* const* values, size_t count,
-                                            float* ws, float* vs, ptrdiff_t n) {
+VELTRANO_TARGET_AVX2 void AccumulateRowAvx2(const float* const* weights,
+                                            const uint8_t* const* values, size_t count, float* ws,
+                                            float* vs, ptrdiff_t n) {
     ptrdiff_t x = 0;
     for (; x + 8 <= n; x += 8) {
         __m256 wsum = _mm256_loadu_ps(ws + x), vsum = _mm256_loadu_ps(vs + x);
         for (size_t i = 0; i < count; ++i) {
             const __m256 w = _mm256_loadu_ps(weights[i] + x);
-            const __m256 v = _mm256_cvtepi32_ps(
-                _mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(values[i] + x))));
+            const __m256 v = _mm256_cvtepi32_ps(_mm256_cvtepu8_epi32(
+                _mm_loadl_epi64(reinterpret_cast<const __m128i*>(values[i] + x))));
             wsum = _mm256_add_ps(wsum, w);
             vsum = _mm256_add_ps(vsum, _mm256_mul_ps(w, v));
         }
@@ -338,14 +354,17 @@ VELTRANO_TARGET_AVX2 void AccumulateRowAvx2(const float* const* weights, const u
 
 // The final rounding of FinalValue; no sum is NaN (every weight sum is at least 1), so min and
 // max clamp the same way as its comparisons.
-VELTRANO_TARGET_AVX2 void FinishRowAvx2(const float* values, const float* weights, uint8_t* out, int width) {
+VELTRANO_TARGET_AVX2 void FinishRowAvx2(const float* values, const float* weights, uint8_t* out,
+                                        int width) {
     int x = 0;
     for (; x + 8 <= width; x += 8) {
-        __m256 v = _mm256_add_ps(_mm256_div_ps(_mm256_loadu_ps(values + x), _mm256_loadu_ps(weights + x)),
-                                 _mm256_set1_ps(0.5f));
+        __m256 v =
+            _mm256_add_ps(_mm256_div_ps(_mm256_loadu_ps(values + x), _mm256_loadu_ps(weights + x)),
+                          _mm256_set1_ps(0.5f));
         v = _mm256_max_ps(_mm256_min_ps(v, _mm256_set1_ps(255.0f)), _mm256_setzero_ps());
         const __m256i i = _mm256_cvttps_epi32(v);
-        const __m128i words = _mm_packus_epi32(_mm256_castsi256_si128(i), _mm256_extracti128_si256(i, 1));
+        const __m128i words =
+            _mm_packus_epi32(_mm256_castsi256_si128(i), _mm256_extracti128_si256(i, 1));
         _mm_storel_epi64(reinterpret_cast<__m128i*>(out + x), _mm_packus_epi16(words, words));
     }
     for (; x < width; ++x) out[x] = FinalValue(values[x], weights[x]);
@@ -381,8 +400,8 @@ struct RowSteps {
 #endif
         WindowSums<Sum>(sums, distances, n, patchW, clampAt);
     }
-    void accumulate(const float* const* weights, const uint8_t* const* values, size_t count, float* ws, float* vs,
-                    ptrdiff_t n) const {
+    void accumulate(const float* const* weights, const uint8_t* const* values, size_t count,
+                    float* ws, float* vs, ptrdiff_t n) const {
 #if VELTRANO_HAS_AVX2_PATHS
         if (avx2) return AccumulateRowAvx2(weights, values, count, ws, vs, n);
 #endif
@@ -411,7 +430,8 @@ struct DistanceRows {
 
     // Writes the distances of row y: the column sums are set up afresh for the first row and
     // moved down by one row for each next one.
-    void row(ptrdiff_t y, bool first, Sum* distances, const RowSteps<Sum>& steps, Sum clampAt) const {
+    void row(ptrdiff_t y, bool first, Sum* distances, const RowSteps<Sum>& steps,
+             Sum clampAt) const {
         const ptrdiff_t cols = n + st->patchW() - 1;
         if (first) {
             std::fill(sums, sums + cols, Sum(0));
@@ -439,9 +459,12 @@ public:
     static uint64_t WorkBytes(const Settings& st) {
         const uint64_t w = static_cast<uint64_t>(st.width), sx = static_cast<uint64_t>(st.sx);
         // Columns n = w + |a| summed over a = -sx .. sx, and over a = 1 .. sx for b = 0.
-        const uint64_t fullRow = (2 * sx + 1) * w + sx * (sx + 1), halfRow = sx * w + sx * (sx + 1) / 2;
+        const uint64_t fullRow = (2 * sx + 1) * w + sx * (sx + 1),
+                       halfRow = sx * w + sx * (sx + 1) / 2;
         const uint64_t halfCount = sx + static_cast<uint64_t>(st.sy) * (2 * sx + 1);
-        uint64_t bytes = (halfRow + static_cast<uint64_t>(st.sy) * fullRow + halfCount * st.patchW()) * sizeof(Sum);
+        uint64_t bytes =
+            (halfRow + static_cast<uint64_t>(st.sy) * fullRow + halfCount * st.patchW()) *
+            sizeof(Sum);
         for (uint64_t b = 0; b <= static_cast<uint64_t>(st.sy); ++b)
             bytes += (b + 1) * (b == 0 ? halfRow : fullRow) * sizeof(float);
         return bytes;
@@ -478,8 +501,8 @@ public:
             keptCount += static_cast<uint64_t>(h.rows.b + 1) * static_cast<uint64_t>(h.rows.n);
         }
         if (!TryResize(sums, sumCount) || !TryResize(kept, keptCount) ||
-            !TryResize(distances, static_cast<uint64_t>(widest)) || !TryResize(ws, static_cast<uint64_t>(w)) ||
-            !TryResize(vs, static_cast<uint64_t>(w)))
+            !TryResize(distances, static_cast<uint64_t>(widest)) ||
+            !TryResize(ws, static_cast<uint64_t>(w)) || !TryResize(vs, static_cast<uint64_t>(w)))
             return false;
         Sum* nextSums = sums.data();
         float* nextKept = kept.data();
@@ -505,7 +528,8 @@ public:
                     rowWeights[static_cast<size_t>(dx + st_.sx)] = weightsAt(dx, dy, y);
                     rowValues[static_cast<size_t>(dx + st_.sx)] = e_.at(dx, y + dy);
                 }
-                steps_.accumulate(rowWeights.data(), rowValues.data(), rowWeights.size(), ws.data(), vs.data(), w);
+                steps_.accumulate(rowWeights.data(), rowValues.data(), rowWeights.size(), ws.data(),
+                                  vs.data(), w);
             }
             steps_.finish(vs.data(), ws.data(), out + y * w, st_.width);
         }
@@ -527,7 +551,8 @@ private:
         if (dx == 0 && dy == 0) return ones_.data();  // distance 0, weight exp(0) = 1
         const bool own = dy > 0 || (dy == 0 && dx > 0);
         const ptrdiff_t a = own ? dx : -dx, b = own ? dy : -dy;
-        const Half& h = half_[static_cast<size_t>(b == 0 ? a - 1 : st_.sx + (b - 1) * (2 * st_.sx + 1) + a + st_.sx)];
+        const Half& h = half_[static_cast<size_t>(
+            b == 0 ? a - 1 : st_.sx + (b - 1) * (2 * st_.sx + 1) + a + st_.sx)];
         // Own: pixel x is column x of the row. Mirrored: pixel x takes column x - a of row y - b.
         return own ? keptRow(h, y) - h.rows.first : keptRow(h, y - b) + (-a - h.rows.first);
     }
@@ -546,10 +571,12 @@ private:
 // displacements are taken in groups (still in order), each group over the whole image, and the
 // per-pixel sums span the whole image instead of one row.
 template <class Sum>
-bool DenoiseGrouped(const Extended& e, uint8_t* out, const Settings& st, Weights& weights, RowSteps<Sum> steps) {
+bool DenoiseGrouped(const Extended& e, uint8_t* out, const Settings& st, Weights& weights,
+                    RowSteps<Sum> steps) {
     const int w = st.width, ht = st.height;
     const ptrdiff_t cols = static_cast<ptrdiff_t>(w) + st.patchW() - 1;
-    const ptrdiff_t perGroup = std::max<ptrdiff_t>(1, static_cast<ptrdiff_t>(kColumnSumBytes / (sizeof(Sum) * cols)));
+    const ptrdiff_t perGroup =
+        std::max<ptrdiff_t>(1, static_cast<ptrdiff_t>(kColumnSumBytes / (sizeof(Sum) * cols)));
     const ptrdiff_t side = 2 * static_cast<ptrdiff_t>(st.sx) + 1;
     const ptrdiff_t count = side * (2 * static_cast<ptrdiff_t>(st.sy) + 1);
     const ptrdiff_t group = std::min(count, perGroup);
@@ -559,8 +586,9 @@ bool DenoiseGrouped(const Extended& e, uint8_t* out, const Settings& st, Weights
     std::vector<Sum> sums, distances;
     std::vector<float> rowWeights, ws, vs;
     if (!TryResize(sums, static_cast<uint64_t>(group) * static_cast<uint64_t>(cols)) ||
-        !TryResize(distances, static_cast<uint64_t>(w)) || !TryResize(rowWeights, static_cast<uint64_t>(w)) ||
-        !TryResize(ws, accumulated) || !TryResize(vs, accumulated))
+        !TryResize(distances, static_cast<uint64_t>(w)) ||
+        !TryResize(rowWeights, static_cast<uint64_t>(w)) || !TryResize(ws, accumulated) ||
+        !TryResize(vs, accumulated))
         return false;
 
     for (ptrdiff_t first = 0; first < count; first += group) {
@@ -593,8 +621,10 @@ bool DenoiseGrouped(const Extended& e, uint8_t* out, const Settings& st, Weights
 }
 
 template <class Sum>
-bool DenoiseFast(const Extended& e, uint8_t* out, const Settings& st, Weights& weights, RowSteps<Sum> steps) {
-    if (PairedFilter<Sum>::WorkBytes(st) > kPairedBytes) return DenoiseGrouped<Sum>(e, out, st, weights, steps);
+bool DenoiseFast(const Extended& e, uint8_t* out, const Settings& st, Weights& weights,
+                 RowSteps<Sum> steps) {
+    if (PairedFilter<Sum>::WorkBytes(st) > kPairedBytes)
+        return DenoiseGrouped<Sum>(e, out, st, weights, steps);
     return PairedFilter<Sum>(e, st, weights, steps).run(out);
 }
 
@@ -622,7 +652,8 @@ int Denoise(const uint8_t* src, uint8_t* dst, const Settings& st) {
 int FastNLM(uint8_t* src, uint8_t* dst, int width, int height, float h, int p, int s) {
     if (src == nullptr) return -1;
     if (dst == nullptr) return -2;
-    if (p < 0 || s < 0 || p > veltrano::kMaxWindowRadius || s > veltrano::kMaxWindowRadius) return -4;
+    if (p < 0 || s < 0 || p > veltrano::kMaxWindowRadius || s > veltrano::kMaxWindowRadius)
+        return -4;
     const veltrano::Settings settings(width, height, h, p, s);
     // h = 0 (or an h so small that h^2 underflows) makes k infinite and every weight 0 * inf.
     if (!std::isfinite(h) || !std::isfinite(settings.k)) return -3;

@@ -31,14 +31,17 @@ constexpr int kBoxTooLarge = -4;
 // The row blocks of the described parallel loop: T = min(processors, height).
 int CorrelationBlocks(int height) { return std::max(1, std::min(omp_get_num_procs(), height)); }
 
-BorderMargins KernelMargins(int kw, int kh) { return {kh / 2, kh - kh / 2 - 1, kw / 2, kw - kw / 2 - 1}; }
+BorderMargins KernelMargins(int kw, int kh) {
+    return {kh / 2, kh - kh / 2 - 1, kw / 2, kw - kw / 2 - 1};
+}
 
 // Source index of every position on an axis that the kernel's margins reach, from -before on; -1
 // where the position lies past the mirrored extension.
 std::vector<ptrdiff_t> AxisIndex(int n, int before, int after) {
     std::vector<ptrdiff_t> index(static_cast<size_t>(n) + before + after);
     for (size_t p = 0; p < index.size(); ++p)
-        index[p] = BorderIndex(Border::Limited, static_cast<ptrdiff_t>(p) - before, n, before, after);
+        index[p] =
+            BorderIndex(Border::Limited, static_cast<ptrdiff_t>(p) - before, n, before, after);
     return index;
 }
 
@@ -56,7 +59,8 @@ void CorrelateReference(const float* in, Out* out, int width, int height, const 
     const int lLim = std::min(m.left, width);
     const std::vector<ptrdiff_t> rows = AxisIndex(height, tLim, std::min(m.bottom, height));
     const std::vector<ptrdiff_t> cols = AxisIndex(width, lLim, std::min(m.right, width));
-    // Kernel row i of output row y meets extended row y + i - top, held at rows[y + i - top + tLim].
+    // Kernel row i of output row y meets extended row y + i - top, held at rows[y + i - top +
+    // tLim].
     const int64_t rowShift = static_cast<int64_t>(tLim) - m.top;
     const int64_t colShift = static_cast<int64_t>(lLim) - m.left;
     const int blocks = CorrelationBlocks(height);
@@ -66,10 +70,12 @@ void CorrelateReference(const float* in, Out* out, int width, int height, const 
         const int64_t y1 = static_cast<int64_t>(b + 1) * height / blocks;
         for (int64_t y = y0; y < y1; ++y) {
             const int64_t i0 = std::max<int64_t>(0, -(y + rowShift));
-            const int64_t i1 = std::min<int64_t>(kh, static_cast<int64_t>(rows.size()) - (y + rowShift));
+            const int64_t i1 =
+                std::min<int64_t>(kh, static_cast<int64_t>(rows.size()) - (y + rowShift));
             for (int64_t x = 0; x < width; ++x) {
                 const int64_t j0 = std::max<int64_t>(0, -(x + colShift));
-                const int64_t j1 = std::min<int64_t>(kw, static_cast<int64_t>(cols.size()) - (x + colShift));
+                const int64_t j1 =
+                    std::min<int64_t>(kw, static_cast<int64_t>(cols.size()) - (x + colShift));
                 float acc[8] = {0, 0, 0, 0, 0, 0, 0, 0};
                 for (int64_t i = i0; i < i1; ++i) {
                     const float* srow = in + rows[y + rowShift + i] * width;
@@ -92,9 +98,11 @@ void CorrelateReference(const float* in, Out* out, int width, int height, const 
 bool CorrelationFits(int width, int height, int kw, int kh) {
     const BorderMargins m = KernelMargins(kw, kh);
     if (m.top > height || m.bottom > height || m.left > width || m.right > width) return false;
-    const uint64_t ring = SaturatingProduct(static_cast<uint64_t>(kh), static_cast<uint64_t>(width) + kw);
+    const uint64_t ring =
+        SaturatingProduct(static_cast<uint64_t>(kh), static_cast<uint64_t>(width) + kw);
     const uint64_t taps = static_cast<uint64_t>(kw) * static_cast<uint64_t>(kh);
-    return SaturatingProduct(ring + 3 * taps, static_cast<uint64_t>(CorrelationBlocks(height))) <= kMaxElements / 4;
+    return SaturatingProduct(ring + 3 * taps, static_cast<uint64_t>(CorrelationBlocks(height))) <=
+           kMaxElements / 4;
 }
 
 // Scratch of one block of the fast correlation.
@@ -129,10 +137,12 @@ int CorrelateFast(Impl impl, const T* src, Out* dst, int width, int height, cons
     std::vector<CorrelationBlock> scratch(static_cast<size_t>(blocks));
     for (int b = 0; b < blocks; ++b) {
         CorrelationBlock& s = scratch[static_cast<size_t>(b)];
-        if (!rings[static_cast<size_t>(b)].init(src, width, height, m, Border::Limited, static_cast<size_t>(kh),
+        if (!rings[static_cast<size_t>(b)].init(src, width, height, m, Border::Limited,
+                                                static_cast<size_t>(kh),
                                                 std::is_same_v<T, float>) ||
-            !TryResize(s.rows, static_cast<uint64_t>(kh)) || !TryResize(s.in, static_cast<uint64_t>(kh)) ||
-            !TryResize(s.taps, taps) || !TryResize(s.out, std::is_same_v<Out, float> ? 0 : w))
+            !TryResize(s.rows, static_cast<uint64_t>(kh)) ||
+            !TryResize(s.in, static_cast<uint64_t>(kh)) || !TryResize(s.taps, taps) ||
+            !TryResize(s.out, std::is_same_v<Out, float> ? 0 : w))
             return kFilterTooLarge;
     }
 #pragma omp parallel for schedule(static)
@@ -155,9 +165,12 @@ int CorrelateFast(Impl impl, const T* src, Out* dst, int width, int height, cons
                     const size_t left = static_cast<size_t>(m.left);
                     const size_t right = static_cast<size_t>(m.right);
                     LaneSumRow(impl, lanes, s.rows.data(), s.taps.data(), left, out);
-                    for (int i = 0; i < kh; ++i) s.in[static_cast<size_t>(i)] = ring.source(y - m.top + i);
-                    LaneSumRow(impl, lanes, s.in.data(), s.taps.data(), w - left - right, out + left);
-                    for (int i = 0; i < kh; ++i) s.in[static_cast<size_t>(i)] = s.rows[static_cast<size_t>(i)] + (w - right);
+                    for (int i = 0; i < kh; ++i)
+                        s.in[static_cast<size_t>(i)] = ring.source(y - m.top + i);
+                    LaneSumRow(impl, lanes, s.in.data(), s.taps.data(), w - left - right,
+                               out + left);
+                    for (int i = 0; i < kh; ++i)
+                        s.in[static_cast<size_t>(i)] = s.rows[static_cast<size_t>(i)] + (w - right);
                     LaneSumRow(impl, lanes, s.in.data(), s.taps.data(), right, out + (w - right));
                 } else {
                     LaneSumRow(impl, lanes, s.rows.data(), s.taps.data(), w, out);
@@ -200,7 +213,8 @@ int Filter2D(const T* src, T* dst, int width, int height, const float* kernel, i
         return CorrelateFast(impl, src, dst, width, height, kernel, kw, kh);
     std::vector<float> in;
     std::vector<float> out;
-    if (!TryResize(in, count) || (!std::is_same_v<T, float> && !TryResize(out, count))) return kFilterTooLarge;
+    if (!TryResize(in, count) || (!std::is_same_v<T, float> && !TryResize(out, count)))
+        return kFilterTooLarge;
     for (uint64_t i = 0; i < count; ++i) in[i] = static_cast<float>(src[i]);
     if constexpr (std::is_same_v<T, float>) {
         CorrelateReference(in.data(), dst, width, height, kernel, kw, kh);
@@ -259,7 +273,8 @@ int GaussSeparable(Impl impl, const T* src, T* dst, int width, int height, int k
         sum += g[static_cast<size_t>(i)];
     }
     std::vector<float> factors(static_cast<size_t>(k));
-    for (int i = 0; i < k; ++i) factors[static_cast<size_t>(i)] = static_cast<float>(g[static_cast<size_t>(i)] / sum);
+    for (int i = 0; i < k; ++i)
+        factors[static_cast<size_t>(i)] = static_cast<float>(g[static_cast<size_t>(i)] / sum);
 
     const BorderMargins m = KernelMargins(k, k);
     const size_t w = static_cast<size_t>(width);
@@ -280,16 +295,16 @@ int GaussSeparable(Impl impl, const T* src, T* dst, int width, int height, int k
     for (int b = 0; b < blocks; ++b) {
         CorrelationBlock& s = scratch[static_cast<size_t>(b)];
         if ((!inPlace && !rings[static_cast<size_t>(b)].init(src, width, height, m, Border::Limited,
-                                                              static_cast<size_t>(k))) ||
-            !TryResize(s.rows, static_cast<uint64_t>(k)) || !TryResize(s.taps, static_cast<uint64_t>(k)) ||
-            !TryResize(s.out, length + w))
+                                                             static_cast<size_t>(k))) ||
+            !TryResize(s.rows, static_cast<uint64_t>(k)) ||
+            !TryResize(s.taps, static_cast<uint64_t>(k)) || !TryResize(s.out, length + w))
             return kFilterTooLarge;
     }
 #pragma omp parallel for schedule(static)
     for (int b = 0; b < blocks; ++b) {
         ExtendedRows<T>& ring = rings[static_cast<size_t>(b)];
         CorrelationBlock& s = scratch[static_cast<size_t>(b)];
-        float* columns = s.out.data();      // the column pass over the extended row
+        float* columns = s.out.data();     // the column pass over the extended row
         float* result = columns + length;  // the row pass
         for (int i = 0; i < k; ++i) s.taps[static_cast<size_t>(i)] = columns + i;
         const int64_t y0 = static_cast<int64_t>(b) * height / blocks;
@@ -297,24 +312,26 @@ int GaussSeparable(Impl impl, const T* src, T* dst, int width, int height, int k
         for (int64_t y = y0; y < y1; ++y) {
             if constexpr (inPlace) {
                 for (int i = 0; i < k; ++i) {
-                    const ptrdiff_t row = BorderIndex(Border::Limited, y - m.top + i, height, m.top, m.bottom);
+                    const ptrdiff_t row =
+                        BorderIndex(Border::Limited, y - m.top + i, height, m.top, m.bottom);
                     s.rows[static_cast<size_t>(i)] = src + row * static_cast<ptrdiff_t>(w);
                 }
-                SequentialSumRows(impl, s.rows.data(), nullptr, factors.data(), static_cast<size_t>(k), w,
-                                  columns + m.left, nullptr);
+                SequentialSumRows(impl, s.rows.data(), nullptr, factors.data(),
+                                  static_cast<size_t>(k), w, columns + m.left, nullptr);
                 FillMargins(columns, width, m, Border::Limited);
             } else {
-                for (int i = 0; i < k; ++i) s.rows[static_cast<size_t>(i)] = ring.row(y - m.top + i);
-                SequentialSumRows(impl, s.rows.data(), nullptr, factors.data(), static_cast<size_t>(k), length,
-                                  columns, nullptr);
+                for (int i = 0; i < k; ++i)
+                    s.rows[static_cast<size_t>(i)] = ring.row(y - m.top + i);
+                SequentialSumRows(impl, s.rows.data(), nullptr, factors.data(),
+                                  static_cast<size_t>(k), length, columns, nullptr);
             }
             T* outRow = dst + static_cast<size_t>(y) * w;
             if constexpr (std::is_same_v<T, float>) {
-                SequentialSumRows(impl, s.taps.data(), nullptr, factors.data(), static_cast<size_t>(k), w, outRow,
-                                  nullptr);
+                SequentialSumRows(impl, s.taps.data(), nullptr, factors.data(),
+                                  static_cast<size_t>(k), w, outRow, nullptr);
             } else {
-                SequentialSumRows(impl, s.taps.data(), nullptr, factors.data(), static_cast<size_t>(k), w, result,
-                                  nullptr);
+                SequentialSumRows(impl, s.taps.data(), nullptr, factors.data(),
+                                  static_cast<size_t>(k), w, result, nullptr);
                 StoreClampedU16(impl, result, w, outRow);
             }
         }
@@ -341,10 +358,12 @@ int GaussFilter(T* src, T* dst, int width, int height, int ksize1, int ksize2, d
     } else {
         if (PixelCount(width, height) == 0) return 1;
         const Impl impl = ActiveImpl();
-        if (impl != Impl::Reference && ksize1 == ksize2 && CorrelationFits(width, height, ksize1, ksize1))
+        if (impl != Impl::Reference && ksize1 == ksize2 &&
+            CorrelationFits(width, height, ksize1, ksize1))
             return GaussSeparable(impl, src, dst, width, height, ksize1, sigmaX, sigmaY);
         std::vector<float> kernel;
-        if (!TryResize(kernel, std::max(k1 * k1, k1 * static_cast<uint64_t>(ksize2)))) return kFilterTooLarge;
+        if (!TryResize(kernel, std::max(k1 * k1, k1 * static_cast<uint64_t>(ksize2))))
+            return kFilterTooLarge;
         GaussKernel(kernel.data(), ksize1, ksize1, sigmaX, sigmaY);
         return Filter2D(src, dst, width, height, kernel.data(), kw, kh);
     }
@@ -365,7 +384,8 @@ int GaussFilter(T* src, T* dst, int width, int height, int ksize1, int ksize2, d
 template <class T>
 bool BoxIntegersFit(int64_t r) {
     const int64_t k = 2 * r + 1;
-    const int64_t largest = std::max<int64_t>(std::numeric_limits<T>::max(), -static_cast<int64_t>(std::numeric_limits<T>::min()));
+    const int64_t largest = std::max<int64_t>(std::numeric_limits<T>::max(),
+                                              -static_cast<int64_t>(std::numeric_limits<T>::min()));
     return k <= 46341 && k * k * (largest + 1) <= std::numeric_limits<int32_t>::max();
 }
 
@@ -384,12 +404,12 @@ int BoxFilterIntegers(Impl impl, const T* src, T* dst, int width, int height, in
     const int32_t area = (2 * r + 1) * (2 * r + 1);
     const int32_t* sums = rows.next();
     for (size_t x = 0; x < w; ++x)
-        dst[x] = static_cast<T>((2 * static_cast<int64_t>(sums[x]) + area) / (2 * static_cast<int64_t>(area)));
+        dst[x] = static_cast<T>((2 * static_cast<int64_t>(sums[x]) + area) /
+                                (2 * static_cast<int64_t>(area)));
     for (size_t y = 1; y < static_cast<size_t>(height); ++y)
         BoxMeanRow(impl, rows.next(), w, area, dst + y * w);
     return 1;
 }
-
 
 // Running sum along one extended line e[0..len-1] whose window for output position p covers
 // [p + offset - r, p + offset + r]; window positions outside the line count as 0. The first
@@ -401,8 +421,8 @@ struct RunningWindow {
     int64_t r;
     int64_t first() const { return std::max<int64_t>(0, offset - r); }
     int64_t last() const { return std::min<int64_t>(len - 1, offset + r); }
-    int64_t entering(int64_t p) const { return p + offset + r; }   // valid when < len
-    int64_t leaving(int64_t p) const { return p - 1 + offset - r; } // valid when >= 0
+    int64_t entering(int64_t p) const { return p + offset + r; }     // valid when < len
+    int64_t leaving(int64_t p) const { return p - 1 + offset - r; }  // valid when >= 0
 };
 
 template <class T>

@@ -92,7 +92,8 @@ VELTRANO_TARGET_AVX2 void MinMax16Avx2(const T* src, size_t count, T& mn, T& mx)
     __m256i hi = lo;
     size_t i = 0;
     for (; i + 16 <= count; i += 16) {
-        const __m256i v = _mm256_xor_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(src + i)), bias);
+        const __m256i v =
+            _mm256_xor_si256(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(src + i)), bias);
         lo = _mm256_min_epi16(lo, v);
         hi = _mm256_max_epi16(hi, v);
     }
@@ -189,7 +190,8 @@ VELTRANO_TARGET_AVX2 bool ExactSumAvx2(const float* src, size_t count, double& s
     size_t i = 0;
     for (; i + 8 <= count; i += 8) {
         const __m256 v = _mm256_loadu_ps(src + i);
-        const __m256 integral = _mm256_cmp_ps(_mm256_round_ps(v, _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC), v, _CMP_EQ_OQ);
+        const __m256 integral = _mm256_cmp_ps(
+            _mm256_round_ps(v, _MM_FROUND_TO_ZERO | _MM_FROUND_NO_EXC), v, _CMP_EQ_OQ);
         const __m256 small = _mm256_cmp_ps(_mm256_and_ps(v, absMask), limit, _CMP_LE_OQ);
         ok = _mm256_and_ps(ok, _mm256_and_ps(integral, small));
         s0 = _mm256_add_pd(s0, _mm256_cvtps_pd(_mm256_castps256_ps128(v)));
@@ -277,7 +279,8 @@ void CountValuesScalar(const T* src, size_t count, uint32_t* bins) {
 }
 
 inline int32_t FloatBin(float v, FloatBinRule rule) {
-    if (rule == FloatBinRule::InRangeOnly) return (v > -1.0f && v < 65536.0f) ? static_cast<int32_t>(v) : -1;
+    if (rule == FloatBinRule::InRangeOnly)
+        return (v > -1.0f && v < 65536.0f) ? static_cast<int32_t>(v) : -1;
     if (!(v > 0.0f)) return 0;
     if (v >= 65535.0f) return 65535;
     return static_cast<int32_t>(v);
@@ -286,7 +289,8 @@ inline int32_t FloatBin(float v, FloatBinRule rule) {
 #if VELTRANO_HAS_AVX2_PATHS
 // The bins of eight pixels at a time are computed in vector registers; the counting itself stays
 // scalar. Pixels that the first rule leaves out are skipped by their lane's bit.
-VELTRANO_TARGET_AVX2 void CountFloatBinsAvx2(const float* src, size_t count, FloatBinRule rule, int32_t* bins) {
+VELTRANO_TARGET_AVX2 void CountFloatBinsAvx2(const float* src, size_t count, FloatBinRule rule,
+                                             int32_t* bins) {
     const __m256 zero = _mm256_setzero_ps();
     const __m256 top = _mm256_set1_ps(65535.0f);
     const __m256 lowOpen = _mm256_set1_ps(-1.0f);
@@ -296,9 +300,11 @@ VELTRANO_TARGET_AVX2 void CountFloatBinsAvx2(const float* src, size_t count, Flo
     for (; i + 8 <= count; i += 8) {
         const __m256 v = _mm256_loadu_ps(src + i);
         if (rule == FloatBinRule::InRangeOnly) {
-            const __m256 inside = _mm256_and_ps(_mm256_cmp_ps(v, lowOpen, _CMP_GT_OQ), _mm256_cmp_ps(v, highOpen, _CMP_LT_OQ));
+            const __m256 inside = _mm256_and_ps(_mm256_cmp_ps(v, lowOpen, _CMP_GT_OQ),
+                                                _mm256_cmp_ps(v, highOpen, _CMP_LT_OQ));
             // Outside lanes are zeroed before the conversion so that it stays defined.
-            _mm256_store_si256(reinterpret_cast<__m256i*>(idx), _mm256_cvttps_epi32(_mm256_and_ps(v, inside)));
+            _mm256_store_si256(reinterpret_cast<__m256i*>(idx),
+                               _mm256_cvttps_epi32(_mm256_and_ps(v, inside)));
             const int lanes = _mm256_movemask_ps(inside);
             if (lanes == 0xff) {
                 for (int k = 0; k < 8; ++k) ++bins[idx[k]];
@@ -323,7 +329,9 @@ VELTRANO_TARGET_AVX2 void CountFloatBinsAvx2(const float* src, size_t count, Flo
 }  // namespace
 
 void FrameMinMax(const uint8_t* s, size_t n, uint8_t& a, uint8_t& b) { MinMaxDispatch(s, n, a, b); }
-void FrameMinMax(const uint16_t* s, size_t n, uint16_t& a, uint16_t& b) { MinMaxDispatch(s, n, a, b); }
+void FrameMinMax(const uint16_t* s, size_t n, uint16_t& a, uint16_t& b) {
+    MinMaxDispatch(s, n, a, b);
+}
 void FrameMinMax(const int16_t* s, size_t n, int16_t& a, int16_t& b) { MinMaxDispatch(s, n, a, b); }
 void FrameMinMax(const float* s, size_t n, float& a, float& b) { MinMaxDispatch(s, n, a, b); }
 void FrameMinMax(const double* s, size_t n, double& a, double& b) { MinMaxDispatch(s, n, a, b); }
@@ -333,7 +341,8 @@ double SumInDouble(const float* src, size_t count) {
     if (impl != Impl::Reference && count <= (size_t(1) << 28)) {
         double sum = 0.0;
 #if VELTRANO_HAS_AVX2_PATHS
-        if (impl == Impl::Avx2 ? ExactSumAvx2(src, count, sum) : ExactSumScalar(src, count, sum)) return sum;
+        if (impl == Impl::Avx2 ? ExactSumAvx2(src, count, sum) : ExactSumScalar(src, count, sum))
+            return sum;
 #else
         if (ExactSumScalar(src, count, sum)) return sum;
 #endif
@@ -378,7 +387,8 @@ inline uint8_t DefectMark(float v) {
 }
 
 #if VELTRANO_HAS_AVX2_PATHS
-VELTRANO_TARGET_AVX2 void GainFromMeanAvx2(const float* flat, float* gain, size_t count, double mean) {
+VELTRANO_TARGET_AVX2 void GainFromMeanAvx2(const float* flat, float* gain, size_t count,
+                                           double mean) {
     const __m256d m = _mm256_set1_pd(mean);
     const __m128 floor = _mm_set1_ps(0.001f);
     size_t i = 0;
@@ -403,9 +413,11 @@ VELTRANO_TARGET_AVX2 size_t DefectMarksAvx2(const float* map, uint8_t* marks, si
     for (; i + 8 <= count; i += 8) {
         const __m256 v = _mm256_loadu_ps(map + i);
         const __m256 zero = _mm256_cmp_ps(_mm256_and_ps(v, absMask), tiny, _CMP_LT_OQ);
-        const __m256 c = _mm256_andnot_ps(zero, _mm256_min_ps(_mm256_max_ps(v, _mm256_setzero_ps()), top));
+        const __m256 c =
+            _mm256_andnot_ps(zero, _mm256_min_ps(_mm256_max_ps(v, _mm256_setzero_ps()), top));
         const __m256i n = _mm256_cvttps_epi32(c);
-        const __m128i words = _mm_packus_epi32(_mm256_castsi256_si128(n), _mm256_extracti128_si256(n, 1));
+        const __m128i words =
+            _mm_packus_epi32(_mm256_castsi256_si128(n), _mm256_extracti128_si256(n, 1));
         const __m128i bytes = _mm_packus_epi16(words, words);
         _mm_storel_epi64(reinterpret_cast<__m128i*>(marks + i), bytes);
         const int nonZero = ~_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, _mm_setzero_si128())) & 0xff;
@@ -455,10 +467,12 @@ namespace {
 // at the top bit of each byte, so the pixel is shifted left until the bit of the round is
 // there (a shift of 16-bit lanes also carries bits of the neighbouring byte into a byte's lowest
 // bits, which no blend looks at).
-VELTRANO_TARGET_AVX2 void MapBytesAvx2(const uint8_t* src, uint8_t* dst, size_t count, const uint8_t* table) {
+VELTRANO_TARGET_AVX2 void MapBytesAvx2(const uint8_t* src, uint8_t* dst, size_t count,
+                                       const uint8_t* table) {
     __m256i rows[16];
     for (int k = 0; k < 16; ++k)
-        rows[k] = _mm256_broadcastsi128_si256(_mm_loadu_si128(reinterpret_cast<const __m128i*>(table + 16 * k)));
+        rows[k] = _mm256_broadcastsi128_si256(
+            _mm_loadu_si128(reinterpret_cast<const __m128i*>(table + 16 * k)));
     const __m256i lowBits = _mm256_set1_epi8(0x0f);
     size_t i = 0;
     for (; i + 32 <= count; i += 32) {
@@ -490,7 +504,8 @@ void MapWords(const T* src, T* dst, size_t count, const T* table) {
     if (sizeof(void*) == 8) {
         for (; i + 8 <= count; i += 8) {
             T looked[8];
-            for (int k = 0; k < 8; ++k) looked[k] = table[static_cast<uint16_t>(src[i + k]) ^ kFlip];
+            for (int k = 0; k < 8; ++k)
+                looked[k] = table[static_cast<uint16_t>(src[i + k]) ^ kFlip];
             for (int k = 0; k < 8; ++k) dst[i + k] = looked[k];
         }
     }

@@ -11,8 +11,7 @@ namespace {
 // Walks the bins from `from` by `step` (+1 or -1), summing counts, to the first bin where more
 // than `enough` pixels have been summed or the walk has reached `last`; `fallback` when the walk
 // leaves the bins first.
-int WalkToLevel(const int32_t* bins, int from, int step, int last, long long enough,
-                int fallback) {
+int WalkToLevel(const int32_t* bins, int from, int step, int last, long long enough, int fallback) {
     long long sum = 0;
     for (int bin = from; bin >= 0 && bin < kSensorBins; bin += step) {
         sum += bins[bin];

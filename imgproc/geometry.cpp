@@ -63,7 +63,9 @@ int AddMark(uint8_t* src, uint8_t* dst, uint8_t* mark, int width, int height, in
 class SquareScratch {
 public:
     SquareScratch(int64_t side, int64_t bpp) : side_(side), bpp_(bpp) {}
-    bool allocate() { return TryResize(bytes_, SaturatingProduct(static_cast<uint64_t>(side_ * side_), bpp_)); }
+    bool allocate() {
+        return TryResize(bytes_, SaturatingProduct(static_cast<uint64_t>(side_ * side_), bpp_));
+    }
     void copyElement(int64_t i, int64_t j, int64_t fromI, int64_t fromJ) {
         std::memmove(at(i, j), at(fromI, fromJ), static_cast<size_t>(bpp_));
     }
@@ -93,7 +95,8 @@ int DiagonalCopy(uint8_t* src, uint8_t* dst, int width, int height, int pixelTyp
     SquareScratch square(s, bpp);
     if (!square.allocate()) return -3;
     for (int64_t r = 0; r < s; ++r)
-        std::memcpy(square.at(r, 0), src + ((py + r) * width + px) * bpp, static_cast<size_t>(s * bpp));
+        std::memcpy(square.at(r, 0), src + ((py + r) * width + px) * bpp,
+                    static_cast<size_t>(s * bpp));
     // A square too small to have two triangles leaves the destination entirely unwritten, even
     // when it is a separate buffer; hosts rely on this.
     if (s < 2) return 1;
@@ -146,7 +149,8 @@ int CopyRoiTo(uint8_t* src, uint8_t* dst, uint8_t* block, int pixelType, int wid
     if (cols <= 0) return 1;
     // Block rows are read with the clipped width as their stride, deliberately.
     for (int64_t r = y0; r <= rowEnd; ++r)
-        std::memmove(dst + (r * width + x0) * bpp, block + (r - y0) * cols * bpp, static_cast<size_t>(cols * bpp));
+        std::memmove(dst + (r * width + x0) * bpp, block + (r - y0) * cols * bpp,
+                     static_cast<size_t>(cols * bpp));
     return 1;
 }
 
@@ -159,8 +163,8 @@ int AddWaterMask(uint8_t* src, uint8_t* dst, uint8_t* mark, int width, int heigh
     return DispatchPixelType<Pix16U, Pix16UC3, Pix8U, Pix8UC3, Pix8UC4, Pix8UC4Too, Pix32F>(
         pixelType, 1, [&](auto tag) {
             using Tag = decltype(tag);
-            return AddMark<typename Tag::type>(src, dst, mark, width, height, markWidth, markHeight, x, y,
-                                               Tag::channels, alpha);
+            return AddMark<typename Tag::type>(src, dst, mark, width, height, markWidth, markHeight,
+                                               x, y, Tag::channels, alpha);
         });
 }
 

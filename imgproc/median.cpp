@@ -1,4 +1,5 @@
-// Median filter (Median_Blur): the element of rank n/2 of each (2r+1) x (2r+1) window, n = (2r+1)^2.
+// Median filter (Median_Blur): the element of rank n/2 of each (2r+1) x (2r+1) window, n =
+// (2r+1)^2.
 //
 // Three implementations, chosen per call by ActiveImpl():
 //   - Reference: the long-standing algorithm, kept as the oracle of the others: the image is
@@ -17,9 +18,9 @@
 // compares false with everything) and those whose median is zero and which hold both +0 and -0.
 // The fast paths find these windows and give them to the quickselect as well, up to radius 3.
 // Beyond radius 3 the quickselect on them is not used at all: on a window full of equal values it
-// takes time proportional to n squared (one NaN in a flat 100 x 100 image took 5 to 9 s at radius 30),
-// so such windows take the element of rank n/2 in a total order of floats instead (-0 before +0,
-// every NaN after +inf; FloatOrderKey), in every implementation alike.
+// takes time proportional to n squared (one NaN in a flat 100 x 100 image took 5 to 9 s at radius
+// 30), so such windows take the element of rank n/2 in a total order of floats instead (-0 before
+// +0, every NaN after +inf; FloatOrderKey), in every implementation alike.
 #include <algorithm>
 #include <cmath>
 #include <cstddef>
@@ -101,7 +102,8 @@ bool HoldsNanOrBothZeros(const float* a, int64_t n) {
 template <class T>
 T SelectWindowMedian(T* window, int64_t n, int radius) {
     if constexpr (std::is_floating_point_v<T>) {
-        if (radius > kExactAmbiguousRadius && HoldsNanOrBothZeros(window, n)) return TotalOrderMedian(window, n);
+        if (radius > kExactAmbiguousRadius && HoldsNanOrBothZeros(window, n))
+            return TotalOrderMedian(window, n);
     }
     return QuickselectMedian(window, n);
 }
@@ -127,7 +129,8 @@ int MedianReference(const T* src, T* dst, int width, int height, int radius) {
         for (int64_t x = 0; x < width; ++x) {
             const T* corner = padded.data() + y * padCols + x;
             for (int64_t i = 0; i < side; ++i)
-                std::memcpy(window.data() + i * side, corner + i * padCols, static_cast<size_t>(side) * sizeof(T));
+                std::memcpy(window.data() + i * side, corner + i * padCols,
+                            static_cast<size_t>(side) * sizeof(T));
             dst[y * width + x] = SelectWindowMedian(window.data(), side * side, radius);
         }
     }
@@ -152,7 +155,8 @@ inline uint32_t MaybeOpenKey(float v) {
 }
 
 inline bool LeavesOrderOpen(uint8_t marks) {
-    return (marks & kMarkNan) != 0 || (marks & (kMarkNegZero | kMarkPosZero)) == (kMarkNegZero | kMarkPosZero);
+    return (marks & kMarkNan) != 0 ||
+           (marks & (kMarkNegZero | kMarkPosZero)) == (kMarkNegZero | kMarkPosZero);
 }
 
 // What the network kernel works on. Padded row p is image row p - r (mirrored); segments(p)
@@ -169,8 +173,8 @@ struct MedianJob {
     int strip;  // columns per strip, a multiple of the block; the last strip may be wider
     T* ring;
     ptrdiff_t stride;
-    T* edge;  // one block plus the window's margins (one per input row of a radius-1 group), for the row's
-              // ends and narrow images
+    T* edge;  // one block plus the window's margins (one per input row of a radius-1 group), for
+              // the row's ends and narrow images
     const int32_t* firstBlockColumns;  // source columns of the first block's edge, and the last's
     const int32_t* lastBlockColumns;
     uint8_t* rowMarks;  // floats: per source row, the kinds of value it holds (see Mark)
@@ -355,7 +359,8 @@ struct FloatOps {
     static constexpr bool kMarks = true;
     using Marks = __m256i;
     static Marks Mark(Marks acc, V a) {
-        const __m256i key = _mm256_add_epi32(_mm256_slli_epi32(_mm256_castps_si256(a), 1), _mm256_set1_epi32(-1));
+        const __m256i key =
+            _mm256_add_epi32(_mm256_slli_epi32(_mm256_castps_si256(a), 1), _mm256_set1_epi32(-1));
         return _mm256_max_epu32(acc, key);
     }
     static uint8_t Reduce(Marks acc) {
@@ -437,7 +442,8 @@ uint8_t Mark(float v) {
 // NaN, and those whose median is zero and which hold both +0 and -0. The kernel has marked the
 // source rows; only output rows whose window rows leave the order open are looked at, and there
 // each window that does gets the quickselect's result.
-void SettleOpenWindows(const float* src, float* dst, int width, int height, int radius, uint8_t* rowMarks) {
+void SettleOpenWindows(const float* src, float* dst, int width, int height, int radius,
+                       uint8_t* rowMarks) {
     for (ptrdiff_t s = 0; s < height; ++s) {
         if (rowMarks[s] == 0) continue;
         uint8_t m = 0;
@@ -463,7 +469,8 @@ void SettleOpenWindows(const float* src, float* dst, int width, int height, int 
             }
             uint8_t marks = 0;
             for (int64_t i = 0; i < side * side; ++i) marks |= Mark(window[i]);
-            if ((marks & kMarkNan) != 0 || (out == 0.0f && LeavesOrderOpen(marks))) out = QuickselectMedian(window, side * side);
+            if ((marks & kMarkNan) != 0 || (out == 0.0f && LeavesOrderOpen(marks)))
+                out = QuickselectMedian(window, side * side);
         }
     }
 }
@@ -473,9 +480,11 @@ int MedianByNetworks(const T* src, T* dst, int width, int height, int radius, Im
     constexpr int lanes = 32 / static_cast<int>(sizeof(T));  // both implementations' block
     const int k = 2 * radius + 1;
     // Strips whose ring of sorted rows takes about 16 KiB.
-    // Strips whose ring of sorted rows stays within about 192 KiB, which keeps it in the second-level
-    // cache and bounds it for very wide images; a full frame is a single strip at most radii.
-    const int strip = std::max(lanes, 196608 / ((k + 1) * k * static_cast<int>(sizeof(T))) / lanes * lanes);
+    // Strips whose ring of sorted rows stays within about 192 KiB, which keeps it in the
+    // second-level cache and bounds it for very wide images; a full frame is a single strip at most
+    // radii.
+    const int strip =
+        std::max(lanes, 196608 / ((k + 1) * k * static_cast<int>(sizeof(T))) / lanes * lanes);
     const ptrdiff_t stride = std::max(lanes, std::min(width, strip + lanes));
     const MirrorAxis rows(height, radius);
     const MirrorAxis cols(width, radius);
@@ -484,8 +493,11 @@ int MedianByNetworks(const T* src, T* dst, int width, int height, int radius, Im
     std::vector<int32_t> edgeColumns;
     std::vector<uint8_t> rowMarks;
     const int edgeSize = lanes + 2 * radius;
-    if (!TryResize(ring, static_cast<uint64_t>(k + 1) * static_cast<uint64_t>(k) * static_cast<uint64_t>(stride)) ||
-        !TryResize(edge, static_cast<uint64_t>(plain::kGroup3 + 2) * static_cast<uint64_t>(edgeSize)) || !TryResize(edgeColumns, 2 * static_cast<uint64_t>(edgeSize)) ||
+    if (!TryResize(ring, static_cast<uint64_t>(k + 1) * static_cast<uint64_t>(k) *
+                             static_cast<uint64_t>(stride)) ||
+        !TryResize(edge,
+                   static_cast<uint64_t>(plain::kGroup3 + 2) * static_cast<uint64_t>(edgeSize)) ||
+        !TryResize(edgeColumns, 2 * static_cast<uint64_t>(edgeSize)) ||
         !TryResize(rowMarks, std::is_same_v<T, float> ? static_cast<uint64_t>(height) : 0))
         return kMedianFailed;
     const int lastBlock = std::max(0, width - lanes);
@@ -500,14 +512,29 @@ int MedianByNetworks(const T* src, T* dst, int width, int height, int radius, Im
         std::memcpy(copy.data(), src, count * sizeof(T));
         src = copy.data();
     }
-    const MedianJob<T> job{src,        dst,         width,       height,
-                           rows,       cols,        strip,       ring.data(),
-                           stride,     edge.data(), edgeColumns.data(), edgeColumns.data() + edgeSize,
+    const MedianJob<T> job{src,
+                           dst,
+                           width,
+                           height,
+                           rows,
+                           cols,
+                           strip,
+                           ring.data(),
+                           stride,
+                           edge.data(),
+                           edgeColumns.data(),
+                           edgeColumns.data() + edgeSize,
                            rowMarks.data()};
     switch (radius) {
-    case 1: RunNetworks<T, 3>(job, impl); break;
-    case 2: RunNetworks<T, 5>(job, impl); break;
-    default: RunNetworks<T, 7>(job, impl); break;
+    case 1:
+        RunNetworks<T, 3>(job, impl);
+        break;
+    case 2:
+        RunNetworks<T, 5>(job, impl);
+        break;
+    default:
+        RunNetworks<T, 7>(job, impl);
+        break;
     }
     if constexpr (std::is_same_v<T, float>) {
         uint8_t marks = 0;
@@ -526,7 +553,8 @@ int MedianByNetworks(const T* src, T* dst, int width, int height, int radius, Im
 class AxisWeights {
 public:
     bool allocate(int size) {
-        return TryResize(weight_, static_cast<uint64_t>(size)) && TryResize(used_, static_cast<uint64_t>(size));
+        return TryResize(weight_, static_cast<uint64_t>(size)) &&
+               TryResize(used_, static_cast<uint64_t>(size));
     }
 
     void build(const MirrorAxis& axis, ptrdiff_t centre, int radius) {
@@ -539,7 +567,7 @@ public:
     }
 
     size_t count() const { return count_; }
-    const uint32_t* used() const { return used_.data(); }      // the source indices in the window
+    const uint32_t* used() const { return used_.data(); }       // the source indices in the window
     const uint32_t* weights() const { return weight_.data(); }  // by source index
 
 private:
@@ -556,8 +584,9 @@ private:
 // must. keyAt(row, col) is a source pixel's key; store(y, x, key) writes a result. The state is
 // kept in locals so that it stays in registers.
 template <int Shift, class KeyAt, class Store>
-void SlideHistogram(int width, int height, int radius, uint32_t* __restrict bins, uint32_t* __restrict blocks,
-                    AxisWeights& rowW, AxisWeights& colW, KeyAt keyAt, Store store) {
+void SlideHistogram(int width, int height, int radius, uint32_t* __restrict bins,
+                    uint32_t* __restrict blocks, AxisWeights& rowW, AxisWeights& colW, KeyAt keyAt,
+                    Store store) {
     constexpr uint32_t kBlock = 1u << Shift;
     const MirrorAxis rows(height, radius);
     const MirrorAxis cols(width, radius);
@@ -655,13 +684,15 @@ int RunHistogram(int width, int height, int radius, uint64_t distinct, KeyAt key
     std::vector<uint32_t> blockCounts;
     AxisWeights rowW;
     AxisWeights colW;
-    if (!TryResize(binCounts, blocks << shift) || !TryResize(blockCounts, blocks) || !rowW.allocate(height) ||
-        !colW.allocate(width))
+    if (!TryResize(binCounts, blocks << shift) || !TryResize(blockCounts, blocks) ||
+        !rowW.allocate(height) || !colW.allocate(width))
         return kMedianFailed;
     if (shift == 4) {
-        SlideHistogram<4>(width, height, radius, binCounts.data(), blockCounts.data(), rowW, colW, keyAt, store);
+        SlideHistogram<4>(width, height, radius, binCounts.data(), blockCounts.data(), rowW, colW,
+                          keyAt, store);
     } else {
-        SlideHistogram<6>(width, height, radius, binCounts.data(), blockCounts.data(), rowW, colW, keyAt, store);
+        SlideHistogram<6>(width, height, radius, binCounts.data(), blockCounts.data(), rowW, colW,
+                          keyAt, store);
     }
     return 1;
 }
@@ -676,8 +707,10 @@ int HistogramMedian(const T* src, T* dst, int width, int height, int radius) {
         std::vector<uint64_t> order;
         std::vector<uint32_t> ranks;
         std::vector<float> values;
-        if (!TryResize(order, count) || !TryResize(ranks, count) || !TryResize(values, count)) return kMedianFailed;
-        for (uint64_t i = 0; i < count; ++i) order[i] = (FloatOrderKey(src[i]) << 28) | i;  // count <= 2^28
+        if (!TryResize(order, count) || !TryResize(ranks, count) || !TryResize(values, count))
+            return kMedianFailed;
+        for (uint64_t i = 0; i < count; ++i)
+            order[i] = (FloatOrderKey(src[i]) << 28) | i;  // count <= 2^28
         std::sort(order.begin(), order.end());
         uint32_t rank = 0;
         for (uint64_t j = 0; j < count; ++j) {
@@ -691,9 +724,12 @@ int HistogramMedian(const T* src, T* dst, int width, int height, int radius) {
         return RunHistogram(
             width, height, radius, static_cast<uint64_t>(rank) + 1,
             [r = ranks.data(), w](ptrdiff_t s, ptrdiff_t c) { return r[s * w + c]; },
-            [dst, v = values.data(), w](ptrdiff_t y, ptrdiff_t x, uint32_t key) { dst[y * w + x] = v[key]; });
+            [dst, v = values.data(), w](ptrdiff_t y, ptrdiff_t x, uint32_t key) {
+                dst[y * w + x] = v[key];
+            });
     } else {
-        constexpr int32_t offset = std::is_signed_v<T> ? -static_cast<int32_t>(std::numeric_limits<T>::min()) : 0;
+        constexpr int32_t offset =
+            std::is_signed_v<T> ? -static_cast<int32_t>(std::numeric_limits<T>::min()) : 0;
         std::vector<T> copy;
         if (Overlaps(src, dst, count * sizeof(T))) {
             if (!TryResize(copy, count)) return kMedianFailed;
@@ -701,9 +737,14 @@ int HistogramMedian(const T* src, T* dst, int width, int height, int radius) {
             src = copy.data();
         }
         return RunHistogram(
-            width, height, radius, static_cast<uint64_t>(std::numeric_limits<T>::max()) + offset + 1,
-            [src, w](ptrdiff_t s, ptrdiff_t c) { return static_cast<uint32_t>(static_cast<int32_t>(src[s * w + c]) + offset); },
-            [dst, w](ptrdiff_t y, ptrdiff_t x, uint32_t key) { dst[y * w + x] = static_cast<T>(static_cast<int32_t>(key) - offset); });
+            width, height, radius,
+            static_cast<uint64_t>(std::numeric_limits<T>::max()) + offset + 1,
+            [src, w](ptrdiff_t s, ptrdiff_t c) {
+                return static_cast<uint32_t>(static_cast<int32_t>(src[s * w + c]) + offset);
+            },
+            [dst, w](ptrdiff_t y, ptrdiff_t x, uint32_t key) {
+                dst[y * w + x] = static_cast<T>(static_cast<int32_t>(key) - offset);
+            });
     }
 }
 
@@ -719,8 +760,9 @@ int MedianBlurTyped(void* srcBuffer, void* dstBuffer, int width, int height, int
     // The padded copy of the long-standing algorithm (and every window in it) must fit the size
     // limit; the fast paths do not build it but refuse the same calls, so that the result code
     // does not depend on the implementation.
-    const uint64_t padded = SaturatingProduct(static_cast<uint64_t>(width) + 2 * static_cast<uint64_t>(radius),
-                                              static_cast<uint64_t>(height) + 2 * static_cast<uint64_t>(radius));
+    const uint64_t padded =
+        SaturatingProduct(static_cast<uint64_t>(width) + 2 * static_cast<uint64_t>(radius),
+                          static_cast<uint64_t>(height) + 2 * static_cast<uint64_t>(radius));
     if (count > kMaxElements || padded > kMaxElements) return kMedianFailed;
     if (radius == 0) {
         if (src != dst) std::memmove(dst, src, static_cast<size_t>(count) * sizeof(T));
@@ -739,7 +781,8 @@ int Median_Blur(void* src, void* dst, int width, int height, int radius, int pix
     using namespace veltrano;
     if (src == nullptr) return -1;
     if (dst == nullptr) return -2;
-    return DispatchPixelType<Pix8U, Pix16U, Pix16S, Pix32F>(pixelType, kMedianFailed, [&](auto tag) {
-        return MedianBlurTyped<typename decltype(tag)::type>(src, dst, width, height, radius);
-    });
+    return DispatchPixelType<Pix8U, Pix16U, Pix16S, Pix32F>(
+        pixelType, kMedianFailed, [&](auto tag) {
+            return MedianBlurTyped<typename decltype(tag)::type>(src, dst, width, height, radius);
+        });
 }

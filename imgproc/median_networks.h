@@ -120,7 +120,8 @@ constexpr void Prune(Network& net) {
     bool keep[kMaxSteps] = {};
     for (int s = net.size - 1; s >= 0; --s) {
         Exchange& e = net.step[s];
-        const uint8_t k = static_cast<uint8_t>((live[e.lo] ? kKeepMin : 0) | (live[e.hi] ? kKeepMax : 0));
+        const uint8_t k =
+            static_cast<uint8_t>((live[e.lo] ? kKeepMin : 0) | (live[e.hi] ? kKeepMax : 0));
         if (k == 0) continue;
         keep[s] = true;
         e.keep = k;

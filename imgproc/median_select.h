@@ -64,7 +64,8 @@ inline uint64_t FloatOrderKey(float v) {
 // The element of rank n/2 in the total order above. Reorders a.
 inline float TotalOrderMedian(float* a, int64_t n) {
     float* mid = a + n / 2;
-    std::nth_element(a, mid, a + n, [](float x, float y) { return FloatOrderKey(x) < FloatOrderKey(y); });
+    std::nth_element(a, mid, a + n,
+                     [](float x, float y) { return FloatOrderKey(x) < FloatOrderKey(y); });
     return *mid;
 }
 

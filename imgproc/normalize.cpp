@@ -66,8 +66,8 @@ bool StretchByTable(const T* src, T* dst, size_t count, const Stretch<T>& s, T m
 // Eight integer pixels (as 32-bit lanes) through the single-precision arithmetic, capped at the
 // upper bound (exact in float, so the double comparison is the float one) and truncated. Every
 // term added to low is non-negative, so the lower bound never applies.
-VELTRANO_TARGET_AVX2 inline __m256i StretchLanes(__m256i v, __m256i mn, __m256 scale, __m256 span, __m256 low,
-                                                 __m256 offset, __m256 hi) {
+VELTRANO_TARGET_AVX2 inline __m256i StretchLanes(__m256i v, __m256i mn, __m256 scale, __m256 span,
+                                                 __m256 low, __m256 offset, __m256 hi) {
     __m256 x = _mm256_cvtepi32_ps(_mm256_sub_epi32(v, mn));
     x = _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(_mm256_mul_ps(x, scale), span), low), offset);
     return _mm256_cvttps_epi32(_mm256_min_ps(x, hi));
@@ -76,7 +76,8 @@ VELTRANO_TARGET_AVX2 inline __m256i StretchLanes(__m256i v, __m256i mn, __m256 s
 // Pixels are widened within each 128-bit half (unpack with zero) and packed back the same way,
 // which keeps them in order without permutes.
 template <class T>
-VELTRANO_TARGET_AVX2 void StretchIntegerAvx2(const T* src, T* dst, size_t count, const Stretch<T>& s) {
+VELTRANO_TARGET_AVX2 void StretchIntegerAvx2(const T* src, T* dst, size_t count,
+                                             const Stretch<T>& s) {
     const __m256i mn = _mm256_set1_epi32(s.mn);
     const __m256 scale = _mm256_set1_ps(s.scale);
     const __m256 span = _mm256_set1_ps(s.span);
@@ -89,19 +90,26 @@ VELTRANO_TARGET_AVX2 void StretchIntegerAvx2(const T* src, T* dst, size_t count,
     for (; i + kStep <= count; i += kStep) {
         const __m256i v = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(src + i));
         if constexpr (std::is_same_v<T, uint16_t>) {
-            const __m256i a = StretchLanes(_mm256_unpacklo_epi16(v, zero), mn, scale, span, low, offset, hi);
-            const __m256i b = StretchLanes(_mm256_unpackhi_epi16(v, zero), mn, scale, span, low, offset, hi);
+            const __m256i a =
+                StretchLanes(_mm256_unpacklo_epi16(v, zero), mn, scale, span, low, offset, hi);
+            const __m256i b =
+                StretchLanes(_mm256_unpackhi_epi16(v, zero), mn, scale, span, low, offset, hi);
             _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + i), _mm256_packus_epi32(a, b));
         } else {
             const __m256i w0 = _mm256_unpacklo_epi8(v, zero);
             const __m256i w1 = _mm256_unpackhi_epi8(v, zero);
-            const __m256i a0 = StretchLanes(_mm256_unpacklo_epi16(w0, zero), mn, scale, span, low, offset, hi);
-            const __m256i b0 = StretchLanes(_mm256_unpackhi_epi16(w0, zero), mn, scale, span, low, offset, hi);
-            const __m256i a1 = StretchLanes(_mm256_unpacklo_epi16(w1, zero), mn, scale, span, low, offset, hi);
-            const __m256i b1 = StretchLanes(_mm256_unpackhi_epi16(w1, zero), mn, scale, span, low, offset, hi);
+            const __m256i a0 =
+                StretchLanes(_mm256_unpacklo_epi16(w0, zero), mn, scale, span, low, offset, hi);
+            const __m256i b0 =
+                StretchLanes(_mm256_unpackhi_epi16(w0, zero), mn, scale, span, low, offset, hi);
+            const __m256i a1 =
+                StretchLanes(_mm256_unpacklo_epi16(w1, zero), mn, scale, span, low, offset, hi);
+            const __m256i b1 =
+                StretchLanes(_mm256_unpackhi_epi16(w1, zero), mn, scale, span, low, offset, hi);
             const __m256i words0 = _mm256_packus_epi32(a0, b0);
             const __m256i words1 = _mm256_packus_epi32(a1, b1);
-            _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + i), _mm256_packus_epi16(words0, words1));
+            _mm256_storeu_si256(reinterpret_cast<__m256i*>(dst + i),
+                                _mm256_packus_epi16(words0, words1));
         }
     }
     StretchPlain(src + i, dst + i, count - i, s);
@@ -109,7 +117,8 @@ VELTRANO_TARGET_AVX2 void StretchIntegerAvx2(const T* src, T* dst, size_t count,
 
 // Floating members: comparisons and blends rather than min/max, so that a not-a-number result
 // passes the clamp unchanged as in the plain code.
-VELTRANO_TARGET_AVX2 void StretchAvx2(const float* src, float* dst, size_t count, const Stretch<float>& s) {
+VELTRANO_TARGET_AVX2 void StretchAvx2(const float* src, float* dst, size_t count,
+                                      const Stretch<float>& s) {
     const __m256 mn = _mm256_set1_ps(s.mn);
     const __m256 scale = _mm256_set1_ps(s.scale);
     const __m256 span = _mm256_set1_ps(s.span);
@@ -128,7 +137,8 @@ VELTRANO_TARGET_AVX2 void StretchAvx2(const float* src, float* dst, size_t count
     StretchPlain(src + i, dst + i, count - i, s);
 }
 
-VELTRANO_TARGET_AVX2 void StretchAvx2(const double* src, double* dst, size_t count, const Stretch<double>& s) {
+VELTRANO_TARGET_AVX2 void StretchAvx2(const double* src, double* dst, size_t count,
+                                      const Stretch<double>& s) {
     const __m256d mn = _mm256_set1_pd(s.mn);
     const __m256d scale = _mm256_set1_pd(s.scale);
     const __m256d span = _mm256_set1_pd(s.span);
@@ -215,8 +225,8 @@ int normalize_8U(const uint8_t* src, uint8_t* dst, uint32_t width, uint32_t heig
     return NormalizeLinear(src, dst, width, height, low, high);
 }
 
-int normalize_16U(const uint16_t* src, uint16_t* dst, uint32_t width, uint32_t height,
-                  uint16_t low, uint16_t high) {
+int normalize_16U(const uint16_t* src, uint16_t* dst, uint32_t width, uint32_t height, uint16_t low,
+                  uint16_t high) {
     return NormalizeLinear(src, dst, width, height, low, high);
 }
 

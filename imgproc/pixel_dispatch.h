@@ -53,7 +53,8 @@ Result DispatchPixelType(int32_t code, Result fallback, Fn&& fn) {
     static_assert(sizeof...(Tags) > 0, "a dispatch serves at least one pixel type");
     Result result = fallback;
     // The fold stops at the first match, so a code listed twice runs once.
-    static_cast<void>(((code == Tags::code ? (result = static_cast<Result>(fn(Tags{})), true) : false) || ...));
+    static_cast<void>(
+        ((code == Tags::code ? (result = static_cast<Result>(fn(Tags{})), true) : false) || ...));
     return result;
 }
 

@@ -106,7 +106,8 @@ inline int ExtendBorderMirror(const T* src, int rows, int cols, BorderMargins ma
         T* drow = dst + y * outCols;
         for (ptrdiff_t x = 0; x < m.left; ++x) drow[x] = srow[MirrorIndex(x - m.left, cols)];
         for (ptrdiff_t x = 0; x < cols; ++x) drow[m.left + x] = srow[x];
-        for (ptrdiff_t x = 0; x < m.right; ++x) drow[m.left + cols + x] = srow[MirrorIndex(cols + x, cols)];
+        for (ptrdiff_t x = 0; x < m.right; ++x)
+            drow[m.left + cols + x] = srow[MirrorIndex(cols + x, cols)];
     }
     return 1;
 }

@@ -51,7 +51,8 @@ struct GammaCurve {
         return StoreClamped<T>(v);
     }
     T operator()(T value) const {
-        return finish(static_cast<float>(std::pow(static_cast<double>(base(value)), static_cast<double>(gamma))));
+        return finish(static_cast<float>(
+            std::pow(static_cast<double>(base(value)), static_cast<double>(gamma))));
     }
 };
 
@@ -86,7 +87,8 @@ VELTRANO_TARGET_AVX2 inline void StoreEight(T* p, __m256i v) {
 // power does not serve carries a not-a-number product and then the integer kNotServed, which
 // no entry can equal.
 template <class T>
-VELTRANO_TARGET_AVX2 void GammaTableAvx2(const GammaCurve<T>& curve, int first, size_t n, T* table) {
+VELTRANO_TARGET_AVX2 void GammaTableAvx2(const GammaCurve<T>& curve, int first, size_t n,
+                                         T* table) {
     constexpr size_t kBlock = 256;
     constexpr int32_t kNotServed = INT32_MIN;
     const __m256d g = _mm256_set1_pd(static_cast<double>(curve.gamma));
@@ -105,17 +107,21 @@ VELTRANO_TARGET_AVX2 void GammaTableAvx2(const GammaCurve<T>& curve, int first, 
     while (start + 8 <= n) {
         const size_t m = std::min(kBlock, (n - start) / 8 * 8);
         for (size_t k = 0; k < m; k += 8) {
-            const __m256i values = _mm256_add_epi32(_mm256_set1_epi32(first + static_cast<int>(start + k)), steps);
+            const __m256i values =
+                _mm256_add_epi32(_mm256_set1_epi32(first + static_cast<int>(start + k)), steps);
             const __m256 b = _mm256_div_ps(_mm256_cvtepi32_ps(values), fHigh);
             const __m256 positive = _mm256_cmp_ps(b, _mm256_setzero_ps(), _CMP_GT_OQ);
             const __m256 safe = _mm256_blendv_ps(_mm256_set1_ps(1.0f), b, positive);
             for (int half = 0; half < 2; ++half) {
-                const __m128 bh = half == 0 ? _mm256_castps256_ps128(safe) : _mm256_extractf128_ps(safe, 1);
-                const __m128i ph = _mm_castps_si128(half == 0 ? _mm256_castps256_ps128(positive) : _mm256_extractf128_ps(positive, 1));
+                const __m128 bh =
+                    half == 0 ? _mm256_castps256_ps128(safe) : _mm256_extractf128_ps(safe, 1);
+                const __m128i ph = _mm_castps_si128(half == 0 ? _mm256_castps256_ps128(positive)
+                                                              : _mm256_extractf128_ps(positive, 1));
                 const __m256d eh = _mm256_mul_pd(g, LogPd(_mm256_cvtps_pd(bh)));
-                const __m256d served = _mm256_and_pd(_mm256_castsi256_pd(_mm256_cvtepi32_epi64(ph)),
-                                                     _mm256_and_pd(_mm256_cmp_pd(eh, minExp, _CMP_GE_OQ),
-                                                                   _mm256_cmp_pd(eh, maxExp, _CMP_LE_OQ)));
+                const __m256d served =
+                    _mm256_and_pd(_mm256_castsi256_pd(_mm256_cvtepi32_epi64(ph)),
+                                  _mm256_and_pd(_mm256_cmp_pd(eh, minExp, _CMP_GE_OQ),
+                                                _mm256_cmp_pd(eh, maxExp, _CMP_LE_OQ)));
                 _mm256_store_pd(e + k + 4 * half, _mm256_blendv_pd(nan, eh, served));
             }
         }
@@ -125,7 +131,8 @@ VELTRANO_TARGET_AVX2 void GammaTableAvx2(const GammaCurve<T>& curve, int first, 
             const __m256d p = _mm256_cvtps_pd(_mm256_cvtpd_ps(ExpPd(_mm256_and_pd(eh, served))));
             const __m256d v = _mm256_add_pd(_mm256_mul_pd(p, high), offset);
             const __m256d clamped = _mm256_max_pd(_mm256_min_pd(v, high), low);
-            _mm_store_si128(reinterpret_cast<__m128i*>(out + k), _mm256_cvttpd_epi32(_mm256_blendv_pd(notServed, clamped, served)));
+            _mm_store_si128(reinterpret_cast<__m128i*>(out + k),
+                            _mm256_cvttpd_epi32(_mm256_blendv_pd(notServed, clamped, served)));
         }
         for (size_t k = 0; k < m; k += 8) {
             const __m256i r = _mm256_load_si256(reinterpret_cast<const __m256i*>(out + k));
@@ -133,12 +140,14 @@ VELTRANO_TARGET_AVX2 void GammaTableAvx2(const GammaCurve<T>& curve, int first, 
             if (_mm256_testz_si256(missing, missing)) {
                 StoreEight(table + start + k, r);
             } else {
-                for (size_t j = k; j < k + 8; ++j) table[start + j] = curve(static_cast<T>(first + static_cast<int>(start + j)));
+                for (size_t j = k; j < k + 8; ++j)
+                    table[start + j] = curve(static_cast<T>(first + static_cast<int>(start + j)));
             }
         }
         start += m;
     }
-    for (; start < n; ++start) table[start] = curve(static_cast<T>(first + static_cast<int>(start)));
+    for (; start < n; ++start)
+        table[start] = curve(static_cast<T>(first + static_cast<int>(start)));
 }
 #endif
 
@@ -153,8 +162,10 @@ int GammaInteger(const T* src, T* dst, uint64_t count, float gamma) {
         if (count > values) {
             const int64_t first = static_cast<int64_t>(curve.low);
             std::vector<T> table(values);
-            for (size_t k = 0; k < values; ++k) table[k] = curve(static_cast<T>(first + static_cast<int64_t>(k)));
-            for (uint64_t i = 0; i < count; ++i) dst[i] = table[static_cast<size_t>(src[i] - first)];
+            for (size_t k = 0; k < values; ++k)
+                table[k] = curve(static_cast<T>(first + static_cast<int64_t>(k)));
+            for (uint64_t i = 0; i < count; ++i)
+                dst[i] = table[static_cast<size_t>(src[i] - first)];
         } else {
             for (uint64_t i = 0; i < count; ++i) dst[i] = curve(src[i]);
         }
@@ -184,7 +195,8 @@ int GammaInteger(const T* src, T* dst, uint64_t count, float gamma) {
             GammaTableAvx2(curve, first, to - from, entries);
 #endif
         } else {
-            for (size_t k = 0; k < to - from; ++k) entries[k] = curve(static_cast<T>(first + static_cast<int>(k)));
+            for (size_t k = 0; k < to - from; ++k)
+                entries[k] = curve(static_cast<T>(first + static_cast<int>(k)));
         }
     };
     for (size_t start = 0; start < count; start += kChunk) {
@@ -193,7 +205,8 @@ int GammaInteger(const T* src, T* dst, uint64_t count, float gamma) {
         T mx = src[start];
         FrameMinMax(src + start, n, mn, mx);
         const size_t from = static_cast<size_t>(static_cast<int>(mn) - low) / kBlock * kBlock;
-        const size_t to = std::min(values, (static_cast<size_t>(static_cast<int>(mx) - low) / kBlock + 1) * kBlock);
+        const size_t to = std::min(
+            values, (static_cast<size_t>(static_cast<int>(mx) - low) / kBlock + 1) * kBlock);
         if (filledFrom == filledTo) {
             // Without the vector power a small image is cheaper pixel by pixel than its table.
             if (!vectorTable && to - from > static_cast<size_t>(count)) {
@@ -232,7 +245,8 @@ int GammaFloat(const float* src, float* dst, uint64_t count, float gamma) {
         return 1;
     }
     for (uint64_t i = 0; i < count; ++i) {
-        const double b = (static_cast<double>(src[i]) - static_cast<double>(mn)) / static_cast<double>(span);
+        const double b =
+            (static_cast<double>(src[i]) - static_cast<double>(mn)) / static_cast<double>(span);
         const float p = static_cast<float>(std::pow(b, static_cast<double>(gamma)));
         float v = p * span + mn;
         if (v > mx) v = mx;
@@ -267,7 +281,8 @@ VELTRANO_TARGET_AVX2 inline __m256i LinearLanes(__m256i v, __m256 c, __m256 b, _
 
 // The words are widened within each 128-bit half (unpack with zero) and packed back the same
 // way, which keeps them in order without a permute.
-VELTRANO_TARGET_AVX2 void LinearAvx2(const uint16_t* src, uint16_t* dst, size_t count, const LinearMap& map) {
+VELTRANO_TARGET_AVX2 void LinearAvx2(const uint16_t* src, uint16_t* dst, size_t count,
+                                     const LinearMap& map) {
     const __m256 c = _mm256_set1_ps(map.contrast);
     const __m256 b = _mm256_set1_ps(map.brightness);
     const __m256 top = _mm256_set1_ps(65535.0f);
@@ -310,10 +325,18 @@ void ThresholdReference(const T* src, T* dst, uint64_t count, double threshold, 
         const T v = src[i];
         const bool above = static_cast<double>(v) > threshold;
         switch (mode) {
-        case 0: dst[i] = above ? top : T(0); break;
-        case 1: dst[i] = above ? T(0) : top; break;
-        case 2: dst[i] = above ? v : T(0); break;
-        default: dst[i] = above ? T(0) : v; break;
+        case 0:
+            dst[i] = above ? top : T(0);
+            break;
+        case 1:
+            dst[i] = above ? T(0) : top;
+            break;
+        case 2:
+            dst[i] = above ? v : T(0);
+            break;
+        default:
+            dst[i] = above ? T(0) : v;
+            break;
         }
     }
 }
@@ -323,10 +346,14 @@ void ThresholdReference(const T* src, T* dst, uint64_t count, double threshold, 
 template <class T>
 T ThresholdSelect(T v, T m, uint32_t mode) {
     switch (mode) {
-    case 0: return m;
-    case 1: return static_cast<T>(~m);
-    case 2: return static_cast<T>(v & m);
-    default: return static_cast<T>(v & static_cast<T>(~m));
+    case 0:
+        return m;
+    case 1:
+        return static_cast<T>(~m);
+    case 2:
+        return static_cast<T>(v & m);
+    default:
+        return static_cast<T>(v & static_cast<T>(~m));
     }
 }
 
@@ -342,21 +369,28 @@ void ThresholdScalar(const T* src, T* dst, size_t count, int cut, uint32_t mode)
 #if VELTRANO_HAS_AVX2_PATHS
 VELTRANO_TARGET_AVX2 inline __m256i SelectLanes(__m256i v, __m256i m, uint32_t mode) {
     switch (mode) {
-    case 0: return m;
-    case 1: return _mm256_xor_si256(m, _mm256_set1_epi32(-1));
-    case 2: return _mm256_and_si256(v, m);
-    default: return _mm256_andnot_si256(m, v);
+    case 0:
+        return m;
+    case 1:
+        return _mm256_xor_si256(m, _mm256_set1_epi32(-1));
+    case 2:
+        return _mm256_and_si256(v, m);
+    default:
+        return _mm256_andnot_si256(m, v);
     }
 }
 
 // Unsigned comparison through the signed one: both sides biased by the sign bit.
 template <class T>
-VELTRANO_TARGET_AVX2 void ThresholdAvx2(const T* src, T* dst, size_t count, int cut, uint32_t mode) {
+VELTRANO_TARGET_AVX2 void ThresholdAvx2(const T* src, T* dst, size_t count, int cut,
+                                        uint32_t mode) {
     constexpr bool kWords = sizeof(T) == 2;
     const int high = kWords ? 65535 : 255;
-    const __m256i bias = kWords ? _mm256_set1_epi16(static_cast<short>(0x8000)) : _mm256_set1_epi8(static_cast<char>(0x80));
-    const __m256i cutBiased = kWords ? _mm256_set1_epi16(static_cast<short>((cut < 0 ? 0 : cut) ^ 0x8000))
-                                     : _mm256_set1_epi8(static_cast<char>((cut < 0 ? 0 : cut) ^ 0x80));
+    const __m256i bias = kWords ? _mm256_set1_epi16(static_cast<short>(0x8000))
+                                : _mm256_set1_epi8(static_cast<char>(0x80));
+    const __m256i cutBiased =
+        kWords ? _mm256_set1_epi16(static_cast<short>((cut < 0 ? 0 : cut) ^ 0x8000))
+               : _mm256_set1_epi8(static_cast<char>((cut < 0 ? 0 : cut) ^ 0x80));
     const __m256i all = _mm256_set1_epi32(-1);
     const __m256i none = _mm256_setzero_si256();
     constexpr size_t kLanes = 32 / sizeof(T);
@@ -413,7 +447,8 @@ void LogScalar(const float* src, float* dst, size_t count, bool negate) {
     for (size_t i = 0; i < count; ++i) {
         const float s = src[i];
         float v;
-        if (!table.empty() && s >= 0.0f && s <= 65535.0f && static_cast<float>(static_cast<int32_t>(s)) == s) {
+        if (!table.empty() && s >= 0.0f && s <= 65535.0f &&
+            static_cast<float>(static_cast<int32_t>(s)) == s) {
             float& entry = table[static_cast<size_t>(s)];
             if (entry < 0.0f) entry = LogFloored(s);
             v = entry;
@@ -431,8 +466,9 @@ VELTRANO_TARGET_AVX2 inline __m256 LogLanes(__m256 s) {
     const __m256d lo = LogPd(_mm256_cvtps_pd(_mm256_castps256_ps128(x)));
     const __m256d hi = LogPd(_mm256_cvtps_pd(_mm256_extractf128_ps(x, 1)));
     __m256 r = _mm256_set_m128(_mm256_cvtpd_ps(hi), _mm256_cvtpd_ps(lo));
-    const __m256 finite = _mm256_cmp_ps(_mm256_andnot_ps(_mm256_set1_ps(-0.0f), x),
-                                        _mm256_set1_ps(std::numeric_limits<float>::max()), _CMP_LE_OQ);
+    const __m256 finite =
+        _mm256_cmp_ps(_mm256_andnot_ps(_mm256_set1_ps(-0.0f), x),
+                      _mm256_set1_ps(std::numeric_limits<float>::max()), _CMP_LE_OQ);
     const int lanes = _mm256_movemask_ps(finite);
     if (lanes != 0xff) {
         alignas(32) float in[8];
@@ -454,7 +490,8 @@ VELTRANO_TARGET_AVX2 void LogAvx2(const float* src, float* dst, size_t count, bo
     const bool useTable = count >= 4 * 65536 && TryResize(table, 65536);
     if (useTable) {
         for (int k = 0; k < 65536; k += 8) {
-            const __m256 v = _mm256_cvtepi32_ps(_mm256_add_epi32(_mm256_set1_epi32(k), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7)));
+            const __m256 v = _mm256_cvtepi32_ps(
+                _mm256_add_epi32(_mm256_set1_epi32(k), _mm256_setr_epi32(0, 1, 2, 3, 4, 5, 6, 7)));
             _mm256_storeu_ps(table.data() + k, LogLanes(v));
         }
     }
@@ -468,8 +505,8 @@ VELTRANO_TARGET_AVX2 void LogAvx2(const float* src, float* dst, size_t count, bo
             // Whole numbers in range: converting back gives the pixel, and the index lies in
             // 0..65535 (a failed conversion gives a negative index).
             const __m256 whole = _mm256_cmp_ps(_mm256_cvtepi32_ps(idx), s, _CMP_EQ_OQ);
-            const __m256i inside = _mm256_andnot_si256(_mm256_cmpgt_epi32(idx, topIndex),
-                                                       _mm256_cmpgt_epi32(idx, _mm256_set1_epi32(-1)));
+            const __m256i inside = _mm256_andnot_si256(
+                _mm256_cmpgt_epi32(idx, topIndex), _mm256_cmpgt_epi32(idx, _mm256_set1_epi32(-1)));
             const __m256 take = _mm256_and_ps(whole, _mm256_castsi256_ps(inside));
             if (_mm256_movemask_ps(take) == 0xff) {
                 r = _mm256_i32gather_ps(table.data(), idx, 4);
@@ -504,7 +541,9 @@ VELTRANO_TARGET_AVX2 void GainMapAvx2(const float* src, float* dst, size_t count
     size_t i = 0;
     for (; i + 8 <= count; i += 8) {
         const __m256 v = _mm256_loadu_ps(src + i);
-        _mm256_storeu_ps(dst + i, _mm256_div_ps(m, _mm256_blendv_ps(v, floor, _mm256_cmp_ps(v, floor, _CMP_LT_OQ))));
+        _mm256_storeu_ps(
+            dst + i,
+            _mm256_div_ps(m, _mm256_blendv_ps(v, floor, _mm256_cmp_ps(v, floor, _CMP_LT_OQ))));
     }
     GainMapPlain(src + i, dst + i, count - i, mean);
 }
@@ -642,8 +681,7 @@ int Image_Log(float* src, float* dst, uint32_t width, uint32_t height, int32_t n
     return 1;
 }
 
-int Image_Square_NoTrunc(void* src, double* dst, int32_t width, int32_t height,
-                         int32_t pixelType) {
+int Image_Square_NoTrunc(void* src, double* dst, int32_t width, int32_t height, int32_t pixelType) {
     if (src == nullptr) return -1;
     if (dst == nullptr) return -2;
     const uint64_t count = PixelCount(width, height);
@@ -662,7 +700,8 @@ int ThresholdBinary(uint16_t* src, uint16_t* dst, int32_t pixelType, uint32_t wi
     // Other codes write nothing and return 1, as other modes do.
     return DispatchPixelType<Pix16U, Pix8U>(pixelType, 1, [&](auto tag) {
         using T = typename decltype(tag)::type;
-        ThresholdWorker(reinterpret_cast<const T*>(src), reinterpret_cast<T*>(dst), count, threshold, mode);
+        ThresholdWorker(reinterpret_cast<const T*>(src), reinterpret_cast<T*>(dst), count,
+                        threshold, mode);
         return 1;
     });
 }

@@ -153,11 +153,15 @@ VELTRANO_TARGET_AVX2 void SequentialSumRowsAvx2(const float* const* in0, const f
                                                 float* out0, float* out1) {
     size_t x = 0;
     if (out1 != nullptr) {
-        for (; x + 32 <= width; x += 32) SequentialBlock<2, 4>(in0, in1, weights, taps, x, out0, out1);
-        for (; x + 8 <= width; x += 8) SequentialBlock<2, 1>(in0, in1, weights, taps, x, out0, out1);
+        for (; x + 32 <= width; x += 32)
+            SequentialBlock<2, 4>(in0, in1, weights, taps, x, out0, out1);
+        for (; x + 8 <= width; x += 8)
+            SequentialBlock<2, 1>(in0, in1, weights, taps, x, out0, out1);
     } else {
-        for (; x + 64 <= width; x += 64) SequentialBlock<1, 8>(in0, in1, weights, taps, x, out0, out1);
-        for (; x + 8 <= width; x += 8) SequentialBlock<1, 1>(in0, in1, weights, taps, x, out0, out1);
+        for (; x + 64 <= width; x += 64)
+            SequentialBlock<1, 8>(in0, in1, weights, taps, x, out0, out1);
+        for (; x + 8 <= width; x += 8)
+            SequentialBlock<1, 1>(in0, in1, weights, taps, x, out0, out1);
     }
     if (x == width) return;
     // The last pixels, fewer than eight: one more vector ending at the row's end (recomputing a
@@ -180,7 +184,8 @@ VELTRANO_TARGET_AVX2 inline void LaneGroup(const float* const* in, const float* 
     for (uint32_t t = b + 1; t < e; ++t) {
         w = _mm256_broadcast_ss(weights + t);
         const float* p = in[t] + x;
-        for (int v = 0; v < V; ++v) acc[v] = _mm256_add_ps(acc[v], _mm256_mul_ps(_mm256_loadu_ps(p + 8 * v), w));
+        for (int v = 0; v < V; ++v)
+            acc[v] = _mm256_add_ps(acc[v], _mm256_mul_ps(_mm256_loadu_ps(p + 8 * v), w));
     }
 }
 
@@ -241,8 +246,8 @@ VELTRANO_TARGET_AVX2 inline void LaneSumFixedBlock(const float* const* rows, con
 }
 
 template <int KW, int KH>
-VELTRANO_TARGET_AVX2 void LaneSumFixedRowAvx2(const float* const* rows, const float* kernel, size_t width,
-                                              float* out) {
+VELTRANO_TARGET_AVX2 void LaneSumFixedRowAvx2(const float* const* rows, const float* kernel,
+                                              size_t width, float* out) {
     const float* r[KH];
     for (int i = 0; i < KH; ++i) r[i] = rows[i];
     size_t x = 0;
@@ -315,16 +320,16 @@ VELTRANO_TARGET_AVX2 inline __m256i BoxMean8(__m256i s, __m256i a, __m256 inv, b
     const __m256i one = _mm256_set1_epi32(1);
     __m256i t = _mm256_cvttps_epi32(_mm256_floor_ps(_mm256_mul_ps(_mm256_cvtepi32_ps(s), inv)));
     __m256i rem = _mm256_sub_epi32(s, _mm256_mullo_epi32(t, a));
-    const __m256i below = _mm256_cmpgt_epi32(_mm256_setzero_si256(), rem);  // rem < 0
+    const __m256i below = _mm256_cmpgt_epi32(_mm256_setzero_si256(), rem);    // rem < 0
     const __m256i above = _mm256_cmpgt_epi32(rem, _mm256_sub_epi32(a, one));  // rem >= a
-    t = _mm256_add_epi32(t, below);  // -1 where below
+    t = _mm256_add_epi32(t, below);                                           // -1 where below
     rem = _mm256_add_epi32(rem, _mm256_and_si256(below, a));
     t = _mm256_sub_epi32(t, above);  // +1 where above
     rem = _mm256_sub_epi32(rem, _mm256_and_si256(above, a));
     if (!isSigned) return t;
     const __m256i negative = _mm256_cmpgt_epi32(_mm256_setzero_si256(), s);
-    const __m256i inexact = _mm256_xor_si256(_mm256_cmpeq_epi32(rem, _mm256_setzero_si256()),
-                                             _mm256_set1_epi32(-1));
+    const __m256i inexact =
+        _mm256_xor_si256(_mm256_cmpeq_epi32(rem, _mm256_setzero_si256()), _mm256_set1_epi32(-1));
     t = _mm256_sub_epi32(t, _mm256_and_si256(negative, inexact));
     return _mm256_sub_epi32(t, _mm256_cmpgt_epi32(_mm256_setzero_si256(), t));  // +1 below 0
 }
@@ -337,8 +342,10 @@ VELTRANO_TARGET_AVX2 void BoxMeanRowAvx2(const int32_t* sums, size_t n, int32_t 
     constexpr bool isSigned = std::is_signed_v<T>;
     size_t x = 0;
     for (; x + 16 <= n; x += 16) {
-        const __m256i lo = BoxMean8(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(sums + x)), av, inv, isSigned);
-        const __m256i hi = BoxMean8(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(sums + x + 8)), av, inv, isSigned);
+        const __m256i lo = BoxMean8(_mm256_loadu_si256(reinterpret_cast<const __m256i*>(sums + x)),
+                                    av, inv, isSigned);
+        const __m256i hi = BoxMean8(
+            _mm256_loadu_si256(reinterpret_cast<const __m256i*>(sums + x + 8)), av, inv, isSigned);
         // Means lie in the pixel type's range, so the saturating packs only narrow them.
         __m256i packed = isSigned ? _mm256_packs_epi32(lo, hi) : _mm256_packus_epi32(lo, hi);
         packed = _mm256_permute4x64_epi64(packed, 0xD8);
@@ -379,18 +386,18 @@ bool UseAvx2(Impl impl) { return VELTRANO_HAS_AVX2_PATHS && impl == Impl::Avx2; 
 
 #if VELTRANO_HAS_AVX2_PATHS
 #define VELTRANO_PICK(impl, avx2Call, plainCall) \
-    do {                                          \
-        if (UseAvx2(impl)) {                      \
-            avx2Call;                             \
-        } else {                                  \
-            plainCall;                            \
-        }                                         \
+    do {                                         \
+        if (UseAvx2(impl)) {                     \
+            avx2Call;                            \
+        } else {                                 \
+            plainCall;                           \
+        }                                        \
     } while (false)
 #else
 #define VELTRANO_PICK(impl, avx2Call, plainCall) \
-    do {                                          \
-        (void)(impl);                             \
-        plainCall;                                \
+    do {                                         \
+        (void)(impl);                            \
+        plainCall;                               \
     } while (false)
 #endif
 
@@ -423,8 +430,10 @@ void LaneSumRow(Impl impl, const LaneTaps& taps, const float* const* rows, const
                 size_t width, float* out) {
 #if VELTRANO_HAS_AVX2_PATHS
     if (UseAvx2(impl) && width >= 8) {
-        if (taps.kw == 5 && taps.kh == 5) return LaneSumFixedRowAvx2<5, 5>(rows, taps.kernel, width, out);
-        if (taps.kw == 3 && taps.kh == 3) return LaneSumFixedRowAvx2<3, 3>(rows, taps.kernel, width, out);
+        if (taps.kw == 5 && taps.kh == 5)
+            return LaneSumFixedRowAvx2<5, 5>(rows, taps.kernel, width, out);
+        if (taps.kw == 3 && taps.kh == 3)
+            return LaneSumFixedRowAvx2<3, 3>(rows, taps.kernel, width, out);
     }
 #endif
     for (size_t t = 0; t < taps.weights.size(); ++t) scratch[t] = rows[taps.rows[t]] + taps.cols[t];
@@ -442,8 +451,10 @@ void ColumnUpdate(Impl impl, int32_t* col, const int16_t* add, const int16_t* su
     VELTRANO_PICK(impl, ColumnUpdateAvx2(col, add, sub, n), ColumnUpdatePlain(col, add, sub, n));
 }
 
-void WindowSums(Impl impl, const int32_t* ext, size_t n, size_t k, uint32_t* prefix, int32_t* sums) {
-    VELTRANO_PICK(impl, WindowSumsAvx2(ext, n, k, prefix, sums), WindowSumsPlain(ext, n, k, prefix, sums));
+void WindowSums(Impl impl, const int32_t* ext, size_t n, size_t k, uint32_t* prefix,
+                int32_t* sums) {
+    VELTRANO_PICK(impl, WindowSumsAvx2(ext, n, k, prefix, sums),
+                  WindowSumsPlain(ext, n, k, prefix, sums));
 }
 
 void BoxMeanRow(Impl impl, const int32_t* sums, size_t n, int32_t a, uint8_t* out) {

@@ -34,7 +34,8 @@ inline uint64_t PixelCount(int64_t width, int64_t height) {
 
 // Product of two non-negative extents, saturating instead of wrapping.
 inline uint64_t SaturatingProduct(uint64_t a, uint64_t b) {
-    if (a != 0 && b > std::numeric_limits<uint64_t>::max() / a) return std::numeric_limits<uint64_t>::max();
+    if (a != 0 && b > std::numeric_limits<uint64_t>::max() / a)
+        return std::numeric_limits<uint64_t>::max();
     return a * b;
 }
 

@@ -206,8 +206,9 @@ public:
                         kInPlace && separable_ ? 1 : static_cast<size_t>(kh) + 1, kInPlace))
             return false;
         const size_t taps = static_cast<size_t>(kw) * static_cast<size_t>(kh);
-        return TryResize(window_, static_cast<uint64_t>(kh) + 1) && TryResize(bases_, 2 * static_cast<uint64_t>(kh) + 2) &&
-               TryResize(in0_, taps) && TryResize(in1_, taps) && TryResize(columns_, rows_.length());
+        return TryResize(window_, static_cast<uint64_t>(kh) + 1) &&
+               TryResize(bases_, 2 * static_cast<uint64_t>(kh) + 2) && TryResize(in0_, taps) &&
+               TryResize(in1_, taps) && TryResize(columns_, rows_.length());
     }
 
     // Every output row from the top is written to target(y) (width floats), then sink(y) is
@@ -237,7 +238,9 @@ public:
 private:
     static constexpr bool kInPlace = std::is_same_v<T, float>;
 
-    ptrdiff_t Position(int y, size_t i) const { return static_cast<ptrdiff_t>(y) - margins_.top + static_cast<ptrdiff_t>(i); }
+    ptrdiff_t Position(int y, size_t i) const {
+        return static_cast<ptrdiff_t>(y) - margins_.top + static_cast<ptrdiff_t>(i);
+    }
 
     void Separable(int y, float* out) {
         float* columns = columns_.data();
@@ -246,19 +249,29 @@ private:
         const size_t tapsV = skipV ? vertical_.nonZero.size() : kh_;
         if constexpr (kInPlace) {
             for (size_t i = 0; i < kh_; ++i) window_[i] = rows_.source(Position(y, i));
-            Taps(vertical_, skipV, [&](size_t t) { return window_[vertical_.rows[t]]; }, in0_.data());
-            SequentialSumRows(impl_, in0_.data(), nullptr, weightsV, tapsV, width_, columns + margins_.left, nullptr);
+            Taps(
+                vertical_, skipV, [&](size_t t) { return window_[vertical_.rows[t]]; },
+                in0_.data());
+            SequentialSumRows(impl_, in0_.data(), nullptr, weightsV, tapsV, width_,
+                              columns + margins_.left, nullptr);
             FillMargins(columns, static_cast<int>(width_), margins_, Border::AnyMargin);
         } else {
             for (size_t i = 0; i < kh_; ++i) window_[i] = rows_.row(Position(y, i));
-            Taps(vertical_, skipV, [&](size_t t) { return window_[vertical_.rows[t]]; }, in0_.data());
-            SequentialSumRows(impl_, in0_.data(), nullptr, weightsV, tapsV, rows_.length(), columns, nullptr);
+            Taps(
+                vertical_, skipV, [&](size_t t) { return window_[vertical_.rows[t]]; },
+                in0_.data());
+            SequentialSumRows(impl_, in0_.data(), nullptr, weightsV, tapsV, rows_.length(), columns,
+                              nullptr);
         }
-        const bool skipH = horizontal_.nonZero.size() < horizontal_.weights.size() && AllFinite(columns, rows_.length());
-        Taps(horizontal_, skipH, [&](size_t t) { return columns + horizontal_.cols[t]; }, in0_.data());
+        const bool skipH = horizontal_.nonZero.size() < horizontal_.weights.size() &&
+                           AllFinite(columns, rows_.length());
+        Taps(
+            horizontal_, skipH, [&](size_t t) { return columns + horizontal_.cols[t]; },
+            in0_.data());
         SequentialSumRows(impl_, in0_.data(), nullptr,
                           skipH ? horizontal_.nonZeroWeights.data() : horizontal_.weights.data(),
-                          skipH ? horizontal_.nonZero.size() : horizontal_.weights.size(), width_, out, nullptr);
+                          skipH ? horizontal_.nonZero.size() : horizontal_.weights.size(), width_,
+                          out, nullptr);
     }
 
     // Rows y (and y + 1) over the pixels [x0, x0 + n), reading row i of the window (i up to kh)
@@ -267,12 +280,17 @@ private:
         if (n == 0) return;
         const bool skip = finiteSource_;
         const float* const* b = bases_.data();
-        Taps(direct_, skip, [&](size_t t) { return b[direct_.rows[t]] + direct_.cols[t]; }, in0_.data());
+        Taps(
+            direct_, skip, [&](size_t t) { return b[direct_.rows[t]] + direct_.cols[t]; },
+            in0_.data());
         const size_t taps = skip ? direct_.nonZero.size() : direct_.weights.size();
         const float* weights = skip ? direct_.nonZeroWeights.data() : direct_.weights.data();
         if (two) {
-            Taps(direct_, skip, [&](size_t t) { return b[direct_.rows[t] + 1] + direct_.cols[t]; }, in1_.data());
-            SequentialSumRows(impl_, in0_.data(), in1_.data(), weights, taps, n, out0 + x0, out1 + x0);
+            Taps(
+                direct_, skip, [&](size_t t) { return b[direct_.rows[t] + 1] + direct_.cols[t]; },
+                in1_.data());
+            SequentialSumRows(impl_, in0_.data(), in1_.data(), weights, taps, n, out0 + x0,
+                              out1 + x0);
         } else {
             SequentialSumRows(impl_, in0_.data(), nullptr, weights, taps, n, out0 + x0, nullptr);
         }
@@ -344,9 +362,11 @@ private:
 // straightforward path builds each within kMaxElements, so that no setting allocates without
 // bound. Larger sizes give -4, like a size below 1.
 bool ConvSizesFit(int width, int height, int kw, int kh) {
-    const uint64_t extended = SaturatingProduct(static_cast<uint64_t>(height) + kh - 1, static_cast<uint64_t>(width) + kw - 1);
+    const uint64_t extended = SaturatingProduct(static_cast<uint64_t>(height) + kh - 1,
+                                                static_cast<uint64_t>(width) + kw - 1);
     return PixelCount(width, height) <= kMaxElements &&
-           static_cast<uint64_t>(kw) * static_cast<uint64_t>(kh) <= kMaxElements && extended <= kMaxElements;
+           static_cast<uint64_t>(kw) * static_cast<uint64_t>(kh) <= kMaxElements &&
+           extended <= kMaxElements;
 }
 
 // USM_BOX for radii up to 7: the described float running sums add 16-bit integers whose partial
@@ -363,7 +383,8 @@ int UsmBoxIntegers(Impl impl, const uint16_t* src, uint16_t* dst, int width, int
     if (!normalise && !SeparateSource(src, dst, count, copy)) return -4;
     IntegerBoxRows<uint16_t> box;
     std::vector<float> sharpened;
-    if (!box.init(src, width, height, r, Border::AnyMargin, impl) || !TryResize(sharpened, normalise ? count : w))
+    if (!box.init(src, width, height, r, Border::AnyMargin, impl) ||
+        !TryResize(sharpened, normalise ? count : w))
         return -4;
     const int side = 2 * r + 1;
     const float gain = static_cast<float>(side * side) * amount + 1.0f;
@@ -371,7 +392,8 @@ int UsmBoxIntegers(Impl impl, const uint16_t* src, uint16_t* dst, int width, int
         const int32_t* sums = box.next();
         const uint16_t* in = src + y * w;
         float* out = sharpened.data() + (normalise ? y * w : 0);
-        for (size_t x = 0; x < w; ++x) out[x] = static_cast<float>(in[x]) * gain - static_cast<float>(sums[x]) * amount;
+        for (size_t x = 0; x < w; ++x)
+            out[x] = static_cast<float>(in[x]) * gain - static_cast<float>(sums[x]) * amount;
         if (!normalise) StoreClampedU16(impl, out, w, dst + y * w);
     }
     if (!normalise) return 1;
@@ -380,30 +402,35 @@ int UsmBoxIntegers(Impl impl, const uint16_t* src, uint16_t* dst, int width, int
     std::vector<float> image;
     if (!TryResize(image, count)) return -4;
     for (size_t i = 0; i < count; ++i) image[i] = static_cast<float>(src[i]);
-    normalize_32F(sharpened.data(), image.data(), static_cast<uint32_t>(width), static_cast<uint32_t>(height), 0.0f,
-                  65535.0f);
+    normalize_32F(sharpened.data(), image.data(), static_cast<uint32_t>(width),
+                  static_cast<uint32_t>(height), 0.0f, 65535.0f);
     StoreClampedU16(impl, image.data(), count, dst);
     return 1;
 }
 
 // USM_Gaussian's correlations and final store for the fast levels, from the 16-bit source.
 int UsmGaussianRows(Impl impl, const uint16_t* src, uint16_t* dst, int width, int height,
-                    std::vector<float>& kernel, int side, float amount, int32_t threshold, uint8_t* mask) {
+                    std::vector<float>& kernel, int side, float amount, int32_t threshold,
+                    uint8_t* mask) {
     const size_t w = static_cast<size_t>(width);
     const size_t count = w * static_cast<size_t>(height);
     std::vector<uint16_t> copy;
     std::vector<float> rows;  // two output rows of correlations
-    if (!SeparateSource(src, dst, count, copy) || !TryResize(rows, 2 * static_cast<uint64_t>(w))) return -4;
+    if (!SeparateSource(src, dst, count, copy) || !TryResize(rows, 2 * static_cast<uint64_t>(w)))
+        return -4;
     if (mask != nullptr) {
         ConvRows<uint16_t> plain;
         if (!plain.init(impl, src, width, height, kernel.data(), side, side)) return -4;
         const float limit = static_cast<float>(threshold);
-        plain.run(nullptr, [&](int y) { return rows.data() + (y & 1) * w; }, [&](int y) {
-            const float* conv = rows.data() + (y & 1) * w;
-            const uint16_t* in = src + static_cast<size_t>(y) * w;
-            uint8_t* m = mask + static_cast<size_t>(y) * w;
-            for (size_t x = 0; x < w; ++x) m[x] = std::fabs(static_cast<float>(in[x]) - conv[x]) >= limit ? 1 : 0;
-        });
+        plain.run(
+            nullptr, [&](int y) { return rows.data() + (y & 1) * w; },
+            [&](int y) {
+                const float* conv = rows.data() + (y & 1) * w;
+                const uint16_t* in = src + static_cast<size_t>(y) * w;
+                uint8_t* m = mask + static_cast<size_t>(y) * w;
+                for (size_t x = 0; x < w; ++x)
+                    m[x] = std::fabs(static_cast<float>(in[x]) - conv[x]) >= limit ? 1 : 0;
+            });
     }
     float weightSum = 0.0f;
     for (float& k : kernel) {
@@ -413,12 +440,14 @@ int UsmGaussianRows(Impl impl, const uint16_t* src, uint16_t* dst, int width, in
     const float gain = weightSum * amount + 1.0f;
     ConvRows<uint16_t> conv;
     if (!conv.init(impl, src, width, height, kernel.data(), side, side)) return -4;
-    conv.run(mask, [&](int y) { return rows.data() + (y & 1) * w; }, [&](int y) {
-        float* c = rows.data() + (y & 1) * w;
-        const uint16_t* in = src + static_cast<size_t>(y) * w;
-        for (size_t x = 0; x < w; ++x) c[x] = static_cast<float>(in[x]) * gain - c[x];
-        StoreClampedU16(impl, c, w, dst + static_cast<size_t>(y) * w);
-    });
+    conv.run(
+        mask, [&](int y) { return rows.data() + (y & 1) * w; },
+        [&](int y) {
+            float* c = rows.data() + (y & 1) * w;
+            const uint16_t* in = src + static_cast<size_t>(y) * w;
+            for (size_t x = 0; x < w; ++x) c[x] = static_cast<float>(in[x]) * gain - c[x];
+            StoreClampedU16(impl, c, w, dst + static_cast<size_t>(y) * w);
+        });
     return 1;
 }
 
@@ -445,7 +474,8 @@ int ImageConv(const float* src, float* dst, const float* kernel, int32_t width, 
     if (!veltrano::SeparateSource(src, dst, w * static_cast<size_t>(height), copy) ||
         !conv.init(impl, src, width, height, kernel, kw, kh))
         return -4;
-    conv.run(mask, [&](int y) { return dst + static_cast<size_t>(y) * w; }, [](int) {});
+    conv.run(
+        mask, [&](int y) { return dst + static_cast<size_t>(y) * w; }, [](int) {});
     return 1;
 }
 
@@ -476,7 +506,8 @@ int USM_BOX(uint16_t* src, uint16_t* dst, int32_t width, int32_t height, int32_t
     if (normalise)
         normalize_32F(sharpened.data(), image.data(), static_cast<uint32_t>(width),
                       static_cast<uint32_t>(height), 0.0f, 65535.0f);
-    veltrano::StoreClampedU16(Impl::Reference, normalise ? image.data() : sharpened.data(), count, dst);
+    veltrano::StoreClampedU16(Impl::Reference, normalise ? image.data() : sharpened.data(), count,
+                              dst);
     return 1;
 }
 
@@ -517,7 +548,8 @@ int USM_Gaussian(uint16_t* src, uint16_t* dst, int32_t width, int32_t height, in
     }
     const Impl impl = veltrano::ActiveImpl();
     if (impl != Impl::Reference)
-        return veltrano::UsmGaussianRows(impl, src, dst, width, height, kernel, side, amount, threshold, mask);
+        return veltrano::UsmGaussianRows(impl, src, dst, width, height, kernel, side, amount,
+                                         threshold, mask);
 
     const size_t count = static_cast<size_t>(width) * static_cast<size_t>(height);
     const std::vector<float> image = veltrano::Widen(src, count);
@@ -526,8 +558,7 @@ int USM_Gaussian(uint16_t* src, uint16_t* dst, int32_t width, int32_t height, in
     if (mask != nullptr) {
         ImageConv(image.data(), conv.data(), kernel.data(), width, height, side, side, nullptr);
         const float limit = static_cast<float>(threshold);
-        for (size_t i = 0; i < count; ++i)
-            mask[i] = std::fabs(image[i] - conv[i]) >= limit ? 1 : 0;
+        for (size_t i = 0; i < count; ++i) mask[i] = std::fabs(image[i] - conv[i]) >= limit ? 1 : 0;
     }
 
     float weightSum = 0.0f;

@@ -126,20 +126,22 @@ template <class T>
 class ExtendedRows {
 public:
     // `kept` rows stay available at once. False when the scratch cannot be had.
-    bool init(const T* src, int width, int height, BorderMargins margins, Border border, size_t kept,
-              bool edgesOnly = false) {
+    bool init(const T* src, int width, int height, BorderMargins margins, Border border,
+              size_t kept, bool edgesOnly = false) {
         src_ = src;
         width_ = width;
         height_ = height;
         margins_ = margins;
         border_ = border;
-        length_ = static_cast<size_t>(width) + static_cast<size_t>(margins.left) + static_cast<size_t>(margins.right);
+        length_ = static_cast<size_t>(width) + static_cast<size_t>(margins.left) +
+                  static_cast<size_t>(margins.right);
         // The pixels within `left` of the left edge read extended columns below index
         // 2 left + right; those within `right` of the right edge from index width - right on.
         leftEnd_ = length_;
         rightBegin_ = length_;
         if (edgesOnly) {
-            const size_t reach = 2 * static_cast<size_t>(margins.left) + static_cast<size_t>(margins.right);
+            const size_t reach =
+                2 * static_cast<size_t>(margins.left) + static_cast<size_t>(margins.right);
             const size_t from = static_cast<size_t>(std::max(0, width - margins.right));
             if (reach < from) {
                 leftEnd_ = reach;
@@ -151,7 +153,8 @@ public:
             return false;
         tags_.assign(kept, kNone);
         for (size_t e = 0; e < length_; ++e)
-            columns_[e] = BorderIndex(border, static_cast<ptrdiff_t>(e) - margins.left, width, margins.left, margins.right);
+            columns_[e] = BorderIndex(border, static_cast<ptrdiff_t>(e) - margins.left, width,
+                                      margins.left, margins.right);
         return true;
     }
 
@@ -167,8 +170,9 @@ public:
         const ptrdiff_t s = BorderIndex(border_, v, height_, margins_.top, margins_.bottom);
         if (s < 0) return zeros_.data();
         const size_t kept = tags_.size();
-        const size_t slot = static_cast<size_t>(((v % static_cast<ptrdiff_t>(kept)) + static_cast<ptrdiff_t>(kept)) %
-                                                static_cast<ptrdiff_t>(kept));
+        const size_t slot = static_cast<size_t>(
+            ((v % static_cast<ptrdiff_t>(kept)) + static_cast<ptrdiff_t>(kept)) %
+            static_cast<ptrdiff_t>(kept));
         float* out = rows_.data() + slot * length_;
         if (tags_[slot] == v) return out;
         tags_[slot] = v;
@@ -179,7 +183,8 @@ public:
         // so that the work on this one hides the wait.
         if (s + 1 < height_) {
             const char* next = reinterpret_cast<const char*>(in + width_);
-            for (size_t b = 0; b < static_cast<size_t>(width_) * sizeof(T); b += 64) __builtin_prefetch(next + b);
+            for (size_t b = 0; b < static_cast<size_t>(width_) * sizeof(T); b += 64)
+                __builtin_prefetch(next + b);
         }
         return out;
     }
@@ -195,7 +200,8 @@ private:
         const size_t left = static_cast<size_t>(margins_.left);
         const size_t interiorEnd = left + static_cast<size_t>(width_);
         size_t e = from;
-        for (; e < std::min(to, left); ++e) out[e] = columns_[e] < 0 ? 0.0f : static_cast<float>(in[columns_[e]]);
+        for (; e < std::min(to, left); ++e)
+            out[e] = columns_[e] < 0 ? 0.0f : static_cast<float>(in[columns_[e]]);
         for (; e < std::min(to, interiorEnd); ++e) out[e] = static_cast<float>(in[e - left]);
         for (; e < to; ++e) out[e] = columns_[e] < 0 ? 0.0f : static_cast<float>(in[columns_[e]]);
     }
@@ -222,7 +228,8 @@ inline void FillMargins(float* ext, int width, BorderMargins m, Border border) {
     const size_t left = static_cast<size_t>(m.left);
     const size_t end = left + static_cast<size_t>(width);
     auto fill = [&](size_t e) {
-        const ptrdiff_t c = BorderIndex(border, static_cast<ptrdiff_t>(e) - m.left, width, m.left, m.right);
+        const ptrdiff_t c =
+            BorderIndex(border, static_cast<ptrdiff_t>(e) - m.left, width, m.left, m.right);
         ext[e] = c < 0 ? 0.0f : ext[left + static_cast<size_t>(c)];
     };
     for (size_t e = 0; e < left; ++e) fill(e);
@@ -261,7 +268,8 @@ public:
         const ptrdiff_t y = next_++;
         const size_t w = static_cast<size_t>(width_);
         if (y == 0) {
-            for (ptrdiff_t v = -r_; v <= r_; ++v) ColumnUpdate(impl_, col_.data(), row(v), nullptr, w);
+            for (ptrdiff_t v = -r_; v <= r_; ++v)
+                ColumnUpdate(impl_, col_.data(), row(v), nullptr, w);
         } else {
             ColumnUpdate(impl_, col_.data(), row(y + r_), row(y - 1 - r_), w);
         }

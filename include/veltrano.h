@@ -1,10 +1,9 @@
 // Veltrano: the intraoral X-ray sensor driver and image-processing library.
 //
 // This umbrella header declares everything a host sees: the image matrix, the detector object,
-// the processing functions and their pixel-type codes, INI access and parameter records, the post-processing chain, and
-// the calibration of a sensor from its own exposures.
-// Link with the veltrano library (libveltrano.so / veltrano.dll). All declarations have C++
-// linkage.
+// the processing functions and their pixel-type codes, INI access and parameter records, the
+// post-processing chain, and the calibration of a sensor from its own exposures. Link with the
+// veltrano library (libveltrano.so / veltrano.dll). All declarations have C++ linkage.
 #pragma once
 
 #include "veltrano/export.h"

@@ -161,8 +161,8 @@ VT_API int VT_CALL vt_CVeltrano_SetTriggerThreshold(vt_CVeltrano* detector, int 
 VT_API int VT_CALL vt_CVeltrano_AcqImageEx(vt_CVeltrano* detector, float* buffer, size_t capacity,
                                            uint32_t* width, uint32_t* height, int delayTime,
                                            int triggerMode, int triggerThreshold);
-VT_API int VT_CALL vt_CVeltrano_AcqImage(vt_CVeltrano* detector, vt_imgmat** image,
-                                         int delayTime, int triggerMode, int triggerThreshold);
+VT_API int VT_CALL vt_CVeltrano_AcqImage(vt_CVeltrano* detector, vt_imgmat** image, int delayTime,
+                                         int triggerMode, int triggerThreshold);
 /* Ends a pending wait at once; the user stop stays set until ResetUserStop, and meanwhile every
  * acquisition returns at once without an image (end sign 2). */
 VT_API int VT_CALL vt_CVeltrano_StopAcq(vt_CVeltrano* detector);
@@ -277,8 +277,7 @@ VT_API int VT_CALL vt_struBilatralParam_save(const vt_struBilatralParam* param,
                                              const char* iniPath);
 VT_API int VT_CALL vt_struFastNLMParam_init(vt_struFastNLMParam* param);
 VT_API int VT_CALL vt_struFastNLMParam_load(vt_struFastNLMParam* param, const char* iniPath);
-VT_API int VT_CALL vt_struFastNLMParam_save(const vt_struFastNLMParam* param,
-                                            const char* iniPath);
+VT_API int VT_CALL vt_struFastNLMParam_save(const vt_struFastNLMParam* param, const char* iniPath);
 VT_API int VT_CALL vt_struUSMParam_init(vt_struUSMParam* param);
 VT_API int VT_CALL vt_struUSMParam_load(vt_struUSMParam* param, const char* iniPath);
 VT_API int VT_CALL vt_struUSMParam_save(const vt_struUSMParam* param, const char* iniPath);
@@ -298,8 +297,8 @@ VT_API int VT_CALL vt_ReadInt_INI(const char* section, const char* key, const ch
                                   int defaultValue);
 VT_API float VT_CALL vt_ReadFloat_INI(const char* section, const char* key, const char* fileName,
                                       float defaultValue);
-VT_API double VT_CALL vt_ReadDouble_INI(const char* section, const char* key,
-                                        const char* fileName, double defaultValue);
+VT_API double VT_CALL vt_ReadDouble_INI(const char* section, const char* key, const char* fileName,
+                                        double defaultValue);
 VT_API int VT_CALL vt_WriteString_INI(const char* section, const char* key, const char* value,
                                       const char* fileName);
 VT_API int VT_CALL vt_WriteInt_INI(const char* section, const char* key, int value,
@@ -329,16 +328,15 @@ VT_API int VT_CALL vt_normalize_16U(const uint16_t* src, uint16_t* dst, uint32_t
                                     uint32_t height, uint16_t low, uint16_t high);
 VT_API int VT_CALL vt_normalize_32F(const float* src, float* dst, uint32_t width, uint32_t height,
                                     float low, float high);
-VT_API int VT_CALL vt_normalize_64F(const double* src, double* dst, uint32_t width,
-                                    uint32_t height, double low, double high);
+VT_API int VT_CALL vt_normalize_64F(const double* src, double* dst, uint32_t width, uint32_t height,
+                                    double low, double high);
 VT_API int VT_CALL vt_Normalize_TruncMinMax(uint8_t* src, uint8_t* dst, uint32_t width,
                                             uint32_t height, int32_t unused, int32_t pixelType);
 
 VT_API int VT_CALL vt_Inverse(uint16_t* src, uint16_t* dst, int32_t width, int32_t height,
                               int32_t pixelType);
-VT_API int VT_CALL vt_BrigntAndContrast(uint16_t* src, uint16_t* dst, int32_t width,
-                                        int32_t height, int32_t pixelType, float brightness,
-                                        float contrast);
+VT_API int VT_CALL vt_BrigntAndContrast(uint16_t* src, uint16_t* dst, int32_t width, int32_t height,
+                                        int32_t pixelType, float brightness, float contrast);
 VT_API int VT_CALL vt_GammaCorrect(void* src, void* dst, uint32_t width, uint32_t height,
                                    float gamma, int32_t pixelType);
 VT_API int VT_CALL vt_Image_Log(float* src, float* dst, uint32_t width, uint32_t height,
@@ -349,8 +347,7 @@ VT_API int VT_CALL vt_ThresholdBinary(uint16_t* src, uint16_t* dst, int32_t pixe
                                       uint32_t width, uint32_t height, double threshold,
                                       uint32_t mode);
 VT_API int VT_CALL vt_ImgGainCorrect(float* src, float* dst, uint32_t width, uint32_t height);
-VT_API int VT_CALL vt_EquHist(uint16_t* src, uint16_t* dst, int32_t pixelCount,
-                              int32_t pixelType);
+VT_API int VT_CALL vt_EquHist(uint16_t* src, uint16_t* dst, int32_t pixelCount, int32_t pixelType);
 
 VT_API int VT_CALL vt_clahe_8U(uint8_t* src, uint8_t* dst, int32_t width, int32_t height,
                                vt_claheParam* param, const char* iniPath);
@@ -363,10 +360,9 @@ VT_API int VT_CALL vt_clahe_64F(double* src, double* dst, int32_t width, int32_t
 VT_API int VT_CALL vt_clahe_8U_Manual(uint8_t* src, uint8_t* dst, int32_t width, int32_t height,
                                       int32_t widthBlockNum, int32_t heightBlockNum,
                                       int32_t histBin, int32_t peak, const char* iniPath);
-VT_API int VT_CALL vt_clahe_16U_Manual(uint16_t* src, uint16_t* dst, int32_t width,
-                                       int32_t height, int32_t widthBlockNum,
-                                       int32_t heightBlockNum, int32_t histBin, int32_t peak,
-                                       const char* iniPath);
+VT_API int VT_CALL vt_clahe_16U_Manual(uint16_t* src, uint16_t* dst, int32_t width, int32_t height,
+                                       int32_t widthBlockNum, int32_t heightBlockNum,
+                                       int32_t histBin, int32_t peak, const char* iniPath);
 VT_API int VT_CALL vt_clahe_32F_Manual(float* src, float* dst, int32_t width, int32_t height,
                                        int32_t widthBlockNum, int32_t heightBlockNum,
                                        int32_t histBin, int32_t peak, const char* iniPath);
@@ -377,10 +373,9 @@ VT_API int VT_CALL vt_clahe_64F_Manual(double* src, double* dst, int32_t width, 
 VT_API int VT_CALL vt_AdaptiveContrastEnhancement(uint16_t* src, uint16_t* dst, uint32_t width,
                                                   uint32_t height, int32_t pixelType,
                                                   int32_t radius, float alpha, float maxGain);
-VT_API int VT_CALL vt_AdaptiveContrastEnhancementQuick(uint16_t* src, uint16_t* dst,
-                                                       uint32_t width, uint32_t height,
-                                                       int32_t pixelType, int32_t radius,
-                                                       float alpha, float maxGain);
+VT_API int VT_CALL vt_AdaptiveContrastEnhancementQuick(uint16_t* src, uint16_t* dst, uint32_t width,
+                                                       uint32_t height, int32_t pixelType,
+                                                       int32_t radius, float alpha, float maxGain);
 VT_API int VT_CALL vt_Ace_Gamma(uint16_t* src, void* dst, int32_t width, uint32_t height,
                                 int32_t pixelType, vt_struAceGammaParam* param,
                                 const char* iniPath);
@@ -389,16 +384,14 @@ VT_API int VT_CALL vt_WLN(uint16_t* src, uint16_t* dst, uint32_t width, uint32_t
 
 VT_API int VT_CALL vt_filter2D_16U(uint16_t* src, uint16_t* dst, int width, int height,
                                    float* kernel, int kh, int kw);
-VT_API int VT_CALL vt_filter2D_8U(uint8_t* src, uint8_t* dst, int width, int height,
-                                  float* kernel, int kw, int kh);
+VT_API int VT_CALL vt_filter2D_8U(uint8_t* src, uint8_t* dst, int width, int height, float* kernel,
+                                  int kw, int kh);
 VT_API int VT_CALL vt_filter2D_32F(float* src, float* dst, int width, int height, float* kernel,
                                    int kw, int kh);
-VT_API int VT_CALL vt_getGaussker_32F(float* kernel, int kw, int kh, double sigmaX,
-                                      double sigmaY);
-VT_API int VT_CALL vt_getGaussker_64F(double* kernel, int kw, int kh, double sigmaX,
-                                      double sigmaY);
-VT_API int VT_CALL vt_gaussFilter_8U(uint8_t* src, uint8_t* dst, int width, int height,
-                                     int ksize1, int ksize2, double sigmaX, double sigmaY);
+VT_API int VT_CALL vt_getGaussker_32F(float* kernel, int kw, int kh, double sigmaX, double sigmaY);
+VT_API int VT_CALL vt_getGaussker_64F(double* kernel, int kw, int kh, double sigmaX, double sigmaY);
+VT_API int VT_CALL vt_gaussFilter_8U(uint8_t* src, uint8_t* dst, int width, int height, int ksize1,
+                                     int ksize2, double sigmaX, double sigmaY);
 VT_API int VT_CALL vt_gaussFilter_16U(uint16_t* src, uint16_t* dst, int width, int height,
                                       int ksize1, int ksize2, double sigmaX, double sigmaY);
 VT_API int VT_CALL vt_gaussFilter_32F(float* src, float* dst, int width, int height, int ksize1,
@@ -418,21 +411,19 @@ VT_API int VT_CALL vt_FastNLM(uint8_t* src, uint8_t* dst, int width, int height,
 
 VT_API int VT_CALL vt_ImgFix(float* src, float* dst, float* defectMap, int width, int height,
                              int radius, int pixelType, int maxPasses);
-VT_API int VT_CALL vt_FixBadPixel(float* src, float* dst, float* defectMap, int width,
-                                  int height);
+VT_API int VT_CALL vt_FixBadPixel(float* src, float* dst, float* defectMap, int width, int height);
 VT_API int VT_CALL vt_edgeClip_8U(uint8_t* src, uint8_t* dst, int rows, int cols,
                                   vt_clipParam param);
 VT_API int VT_CALL vt_edgeClip_16U(uint16_t* src, uint16_t* dst, int rows, int cols,
                                    vt_clipParam param);
-VT_API int VT_CALL vt_edgeClip_32F(float* src, float* dst, int rows, int cols,
-                                   vt_clipParam param);
+VT_API int VT_CALL vt_edgeClip_32F(float* src, float* dst, int rows, int cols, vt_clipParam param);
 
 VT_API int VT_CALL vt_CopyRoiTo(uint8_t* src, uint8_t* dst, uint8_t* block, int pixelType,
                                 int width, int height, int blockWidth, int blockHeight, int x,
                                 int y);
-VT_API int VT_CALL vt_AddWaterMask(uint8_t* src, uint8_t* dst, uint8_t* mark, int width,
-                                   int height, int markWidth, int markHeight, int x, int y,
-                                   int pixelType, float alpha);
+VT_API int VT_CALL vt_AddWaterMask(uint8_t* src, uint8_t* dst, uint8_t* mark, int width, int height,
+                                   int markWidth, int markHeight, int x, int y, int pixelType,
+                                   float alpha);
 VT_API int VT_CALL vt_Copy_LeftDown_To_RightUp(uint8_t* src, uint8_t* dst, int width, int height,
                                                int pixelType, int x, int y, int side);
 VT_API int VT_CALL vt_Copy_RightDown_To_LeftUp(uint8_t* src, uint8_t* dst, int width, int height,
@@ -440,9 +431,8 @@ VT_API int VT_CALL vt_Copy_RightDown_To_LeftUp(uint8_t* src, uint8_t* dst, int w
 /* void in C++: returns 0. */
 VT_API int VT_CALL vt_GetLine2D(float x1, float y1, float x2, float y2, float* a, float* b,
                                 float* c);
-VT_API int VT_CALL vt_MakeMaskByLine(uint16_t* src, uint16_t* dst, int width, int height,
-                                     float x1, float y1, float x2, float y2, uint8_t side,
-                                     uint16_t fill);
+VT_API int VT_CALL vt_MakeMaskByLine(uint16_t* src, uint16_t* dst, int width, int height, float x1,
+                                     float y1, float x2, float y2, uint8_t side, uint16_t fill);
 
 VT_API int VT_CALL vt_ImageConv(const float* src, float* dst, const float* kernel, int32_t width,
                                 int32_t height, int32_t kw, int32_t kh, const uint8_t* mask);

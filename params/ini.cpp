@@ -216,7 +216,8 @@ int ReadString_INI(const char* section, const char* key, char* buffer, int buffe
     if (!loc.keyFound) {
         // Bounded by bufferSize and, like the copy it always was, unterminated when the default
         // fills the buffer.
-        if (defaultValue != nullptr) std::strncpy(buffer, defaultValue, static_cast<size_t>(bufferSize));
+        if (defaultValue != nullptr)
+            std::strncpy(buffer, defaultValue, static_cast<size_t>(bufferSize));
         return 0;
     }
     const size_t size = static_cast<size_t>(bufferSize);
@@ -232,19 +233,24 @@ int ReadString_INI(const char* section, const char* key, char* buffer, int buffe
 // convert their cleared buffer and so return 0.
 int ReadInt_INI(const char* section, const char* key, const char* fileName, int defaultValue) {
     char text[kNumberBufferSize] = {};
-    if (ReadString_INI(section, key, text, kNumberBufferSize, fileName, nullptr) == 0) return defaultValue;
+    if (ReadString_INI(section, key, text, kNumberBufferSize, fileName, nullptr) == 0)
+        return defaultValue;
     return ToInt(text);
 }
 
-float ReadFloat_INI(const char* section, const char* key, const char* fileName, float defaultValue) {
+float ReadFloat_INI(const char* section, const char* key, const char* fileName,
+                    float defaultValue) {
     char text[kNumberBufferSize] = {};
-    if (ReadString_INI(section, key, text, kNumberBufferSize, fileName, nullptr) == 0) return defaultValue;
+    if (ReadString_INI(section, key, text, kNumberBufferSize, fileName, nullptr) == 0)
+        return defaultValue;
     return ToFloat(text);
 }
 
-double ReadDouble_INI(const char* section, const char* key, const char* fileName, double defaultValue) {
+double ReadDouble_INI(const char* section, const char* key, const char* fileName,
+                      double defaultValue) {
     char text[kNumberBufferSize] = {};
-    if (ReadString_INI(section, key, text, kNumberBufferSize, fileName, nullptr) == 0) return defaultValue;
+    if (ReadString_INI(section, key, text, kNumberBufferSize, fileName, nullptr) == 0)
+        return defaultValue;
     return ToDouble(text);
 }
 

@@ -44,11 +44,13 @@ void TransferValue(Direction d, const char* section, const char* key, const char
 // order (field order for the maps, order of binding for the lists). Nothing happens once the
 // record that made the bindings is gone.
 template <class IntBindings, class FloatBindings>
-void Transfer(Direction d, const ParamRegistry& r, const IntBindings& ints, const FloatBindings& floats,
-              const char* section, const char* file) {
+void Transfer(Direction d, const ParamRegistry& r, const IntBindings& ints,
+              const FloatBindings& floats, const char* section, const char* file) {
     if (r.owner == nullptr) return;
-    for (const auto& [offset, key] : ints) TransferValue(d, section, key, file, *FieldAt<int>(r, offset));
-    for (const auto& [offset, key] : floats) TransferValue(d, section, key, file, *FieldAt<float>(r, offset));
+    for (const auto& [offset, key] : ints)
+        TransferValue(d, section, key, file, *FieldAt<int>(r, offset));
+    for (const auto& [offset, key] : floats)
+        TransferValue(d, section, key, file, *FieldAt<float>(r, offset));
 }
 
 void AppendOnce(std::vector<ParamRegistry::Binding>& list, std::ptrdiff_t offset, const char* key) {
@@ -111,11 +113,13 @@ void paramBase::bindFloat(float* field, const char* key) {
 }
 
 void paramBase::appendInt(int* field, const char* key) {
-    AppendOnce(registry_->intList, reinterpret_cast<char*>(field) - reinterpret_cast<char*>(this), key);
+    AppendOnce(registry_->intList, reinterpret_cast<char*>(field) - reinterpret_cast<char*>(this),
+               key);
 }
 
 void paramBase::appendFloat(float* field, const char* key) {
-    AppendOnce(registry_->floatList, reinterpret_cast<char*>(field) - reinterpret_cast<char*>(this), key);
+    AppendOnce(registry_->floatList, reinterpret_cast<char*>(field) - reinterpret_cast<char*>(this),
+               key);
 }
 
 void paramBase::getData(const char* section, const char* file) {

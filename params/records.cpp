@@ -17,7 +17,9 @@ namespace {
 // "Post_Process_Param_<index>"; the buffer is large enough for any int.
 struct ChainSection {
     char name[48];
-    explicit ChainSection(int index) { std::snprintf(name, sizeof name, "Post_Process_Param_%d", index); }
+    explicit ChainSection(int index) {
+        std::snprintf(name, sizeof name, "Post_Process_Param_%d", index);
+    }
 };
 
 }  // namespace

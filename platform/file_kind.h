@@ -12,11 +12,11 @@
 namespace veltrano::platform {
 
 enum class FileKind {
-    Missing,       // nothing there (or a folder on the way is missing)
-    Regular,       // an ordinary file
+    Missing,  // nothing there (or a folder on the way is missing)
+    Regular,  // an ordinary file
     Directory,
-    Fifo,          // a named pipe
-    Device,        // a character or block device (/dev/null, NUL, a disk)
+    Fifo,    // a named pipe
+    Device,  // a character or block device (/dev/null, NUL, a disk)
     Socket,
     SymbolicLink,  // only from LinkKindOf
     Other,         // the path exists but cannot be examined, or is of no kind above
@@ -32,14 +32,22 @@ std::string FinalTarget(const std::string& path);
 // "a folder", "a FIFO", "a device" and so on, for messages.
 inline const char* FileKindName(FileKind kind) {
     switch (kind) {
-        case FileKind::Missing: return "nothing";
-        case FileKind::Regular: return "a regular file";
-        case FileKind::Directory: return "a folder";
-        case FileKind::Fifo: return "a FIFO";
-        case FileKind::Device: return "a device";
-        case FileKind::Socket: return "a socket";
-        case FileKind::SymbolicLink: return "a symbolic link";
-        case FileKind::Other: break;
+    case FileKind::Missing:
+        return "nothing";
+    case FileKind::Regular:
+        return "a regular file";
+    case FileKind::Directory:
+        return "a folder";
+    case FileKind::Fifo:
+        return "a FIFO";
+    case FileKind::Device:
+        return "a device";
+    case FileKind::Socket:
+        return "a socket";
+    case FileKind::SymbolicLink:
+        return "a symbolic link";
+    case FileKind::Other:
+        break;
     }
     return "not a file that can be examined";
 }

@@ -28,13 +28,20 @@ std::FILE* CreateNewFile(const std::string& path, NewFileError& error);
 // "does not exist" and so on, for messages.
 inline const char* NewFileErrorText(NewFileError error) {
     switch (error) {
-        case NewFileError::None: return "no error";
-        case NewFileError::Exists: return "already exists";
-        case NewFileError::NoFolder: return "its folder does not exist";
-        case NewFileError::Denied: return "permission denied";
-        case NewFileError::ReadOnly: return "the file system is read-only";
-        case NewFileError::NoSpace: return "no space left on the device";
-        case NewFileError::Other: break;
+    case NewFileError::None:
+        return "no error";
+    case NewFileError::Exists:
+        return "already exists";
+    case NewFileError::NoFolder:
+        return "its folder does not exist";
+    case NewFileError::Denied:
+        return "permission denied";
+    case NewFileError::ReadOnly:
+        return "the file system is read-only";
+    case NewFileError::NoSpace:
+        return "no space left on the device";
+    case NewFileError::Other:
+        break;
     }
     return "cannot be created";
 }

@@ -15,7 +15,8 @@ constexpr double kInt32Max = 2147483647.0;
 // The ranges are those the library's functions accept, narrowed where a value would only make
 // the step refuse the image or take minutes on a full frame without changing what it shows.
 const std::vector<StepKind> kTable = {
-    {"ACE", "adaptive contrast enhancement, then gamma (Ace_Gamma)",
+    {"ACE",
+     "adaptive contrast enhancement, then gamma (Ace_Gamma)",
      {{"radius", ParamType::Int, 0, 1024, 20, "half side of the local window, pixels"},
       {"alpha", ParamType::Float, 0, 100, 1, "gain factor"},
       {"maximum gain", ParamType::Float, 0, 1000, 3, "upper bound of the local gain"},
@@ -23,29 +24,36 @@ const std::vector<StepKind> kTable = {
       {"exact", ParamType::Int, 0, 1, 0, "1 exact enhancement, 0 quick"},
       {"equalise", ParamType::Int, 0, 1, 0,
        "1 = replace the result by a histogram equalisation of the step's input"}}},
-    {"CLAHE", "contrast-limited adaptive histogram equalisation (clahe_16U)",
+    {"CLAHE",
+     "contrast-limited adaptive histogram equalisation (clahe_16U)",
      {{"clip limit", ParamType::Int, 1, kInt32Max, 200, "counts per bin"},
       {"histogram bins", ParamType::Int, 2, 65536, 1024, "bins per tile histogram"},
       {"tile rows", ParamType::Int, 1, 0, 6, "tiles down the picture", Bound::ImageHeight},
       {"tile columns", ParamType::Int, 1, 0, 4, "tiles across the picture", Bound::ImageWidth}}},
-    {"WLN", "clip to a window, then stretch to the output range (WLN)",
+    {"WLN",
+     "clip to a window, then stretch to the output range (WLN)",
      {{"window low", ParamType::Int, 0, 65535, 0, ""},
       {"window high", ParamType::Int, 0, 65535, 65535, ""},
       {"output low", ParamType::Int, 0, 65535, 0, ""},
       {"output high", ParamType::Int, 0, 65535, 65535, ""}}},
-    {"USM", "unsharp mask with a (2r+1)^2 box (USM_EX)",
+    {"USM",
+     "unsharp mask with a (2r+1)^2 box (USM_EX)",
      {{"radius", ParamType::Int, 0, 1024, 2, "pixels"},
       {"amount", ParamType::Float, -10, 10, 0.04,
        "multiplies the difference from the window's sum, not its mean"},
       {"normalise", ParamType::Int, 0, 1, 0, "1 stretches the result to 0..65535"}}},
-    {"BC", "v * contrast + brightness, clamped (BrigntAndContrast)",
+    {"BC",
+     "v * contrast + brightness, clamped (BrigntAndContrast)",
      {{"brightness", ParamType::Int, -65535, 65535, 0, "added"},
       {"contrast", ParamType::Float, -100, 100, 1, "multiplied first"}}},
-    {"Smooth_Med", "median of the (2r+1)^2 window (Median_Blur)",
+    {"Smooth_Med",
+     "median of the (2r+1)^2 window (Median_Blur)",
      {{"radius", ParamType::Int, 0, 127, 1, "0 leaves the picture as it is"}}},
-    {"Smooth_Box", "mean of the (2r+1)^2 window (Box_Filter)",
+    {"Smooth_Box",
+     "mean of the (2r+1)^2 window (Box_Filter)",
      {{"radius", ParamType::Int, 1, 1024, 1, ""}}},
-    {"FastNLM", "non-local means on an 8-bit rendering, scaled back by 257 (FastNLM)",
+    {"FastNLM",
+     "non-local means on an 8-bit rendering, scaled back by 257 (FastNLM)",
      {{"patch radius", ParamType::Int, 0, 1024, 1, ""},
       {"search radius", ParamType::Int, 0, 1024, 3,
        "the cost grows with its square: 3 takes 49 sums per pixel"},
@@ -79,20 +87,28 @@ const StepKind* FindStepKind(const std::string& name) {
 
 double MaxFor(const ParamInfo& param, unsigned width, unsigned height) {
     switch (param.maxBound) {
-        case Bound::ImageWidth: return width;
-        case Bound::ImageHeight: return height;
-        case Bound::Fixed: break;
+    case Bound::ImageWidth:
+        return width;
+    case Bound::ImageHeight:
+        return height;
+    case Bound::Fixed:
+        break;
     }
     return param.max;
 }
 
 const char* OutcomeName(BlockOutcome outcome) {
     switch (outcome) {
-        case BlockOutcome::Runs: return "runs";
-        case BlockOutcome::Skipped: return "skipped";
-        case BlockOutcome::Stops: return "stops";
-        case BlockOutcome::Fails: return "fails";
-        case BlockOutcome::NotReached: return "not reached";
+    case BlockOutcome::Runs:
+        return "runs";
+    case BlockOutcome::Skipped:
+        return "skipped";
+    case BlockOutcome::Stops:
+        return "stops";
+    case BlockOutcome::Fails:
+        return "fails";
+    case BlockOutcome::NotReached:
+        return "not reached";
     }
     return "";
 }
@@ -226,8 +242,9 @@ ChainReport AnalyseChain(const std::string& text, unsigned width, unsigned heigh
     report.hasBlocks = !file.blocks.empty();
     report.note = TrailingNote(text);
     if (!report.hasBlocks) {
-        report.summary = "No complete block (no line beginning with \"end\"): the library refuses "
-                         "the file and the picture is not processed.";
+        report.summary =
+            "No complete block (no line beginning with \"end\"): the library refuses "
+            "the file and the picture is not processed.";
         return report;
     }
     size_t runs = 0;
@@ -284,10 +301,9 @@ ChainReport AnalyseChain(const std::string& text, unsigned width, unsigned heigh
                     ending = "The chain fails at " + where + ".";
                     break;
                 }
-                const std::string field =
-                    Trim(veltrano::chain::Field(block[k + 1], '=', ';'));
-                if (param.type == ParamType::Int && field != std::to_string(
-                                                                 static_cast<long long>(value))) {
+                const std::string field = Trim(veltrano::chain::Field(block[k + 1], '=', ';'));
+                if (param.type == ParamType::Int &&
+                    field != std::to_string(static_cast<long long>(value))) {
                     entry.detail += (entry.detail.empty() ? "" : "; ") + std::string("line ") +
                                     std::to_string(k + 2) + " reads \"" + field + "\" as " +
                                     std::to_string(static_cast<long long>(value));
@@ -304,14 +320,13 @@ ChainReport AnalyseChain(const std::string& text, unsigned width, unsigned heigh
                 if (shown != value) {
                     std::ostringstream note;
                     note << where << " " << Quote(kind->name) << ", " << param.label << ": "
-                         << value << " is outside the form's limits " << param.min << " to "
-                         << high << "; the form shows " << shown;
+                         << value << " is outside the form's limits " << param.min << " to " << high
+                         << "; the form shows " << shown;
                     report.notes.push_back(note.str());
                 }
                 // The shortest text of the float, so that the form shows 0.04, not 0.0399999991.
-                entry.step.values.push_back(param.type == ParamType::Float
-                                                ? std::stod(FloatText(shown))
-                                                : shown);
+                entry.step.values.push_back(
+                    param.type == ParamType::Float ? std::stod(FloatText(shown)) : shown);
             }
             if (entry.outcome == BlockOutcome::Runs) {
                 ++runs;

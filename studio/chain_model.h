@@ -80,8 +80,8 @@ struct BlockReport {
     size_t lines = 0;     // header included, closing line not
     size_t expected = 0;  // lines the step needs; 0 for an unknown name
     BlockOutcome outcome = BlockOutcome::NotReached;
-    std::string detail;   // a sentence for the reader
-    StepValues step;      // the values as the library reads them (Runs only)
+    std::string detail;  // a sentence for the reader
+    StepValues step;     // the values as the library reads them (Runs only)
 };
 
 struct ChainReport {

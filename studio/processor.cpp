@@ -23,7 +23,8 @@ bool Processor::Run(const StudioImage& source, uint64_t sourceVersion,
     }
     // The outputs of the leading steps whose blocks did not change stay valid.
     size_t keep = 0;
-    while (keep < steps.size() && keep < done_.size() && done_[keep].block == BlockText(steps[keep])) {
+    while (keep < steps.size() && keep < done_.size() &&
+           done_[keep].block == BlockText(steps[keep])) {
         ++keep;
     }
     done_.resize(keep);
@@ -52,10 +53,9 @@ bool Processor::Run(const StudioImage& source, uint64_t sourceVersion,
         const auto start = std::chrono::steady_clock::now();
         int result = 0;
         try {
-            result = Img_Post_Process_Chain(input.data(), step.pixels.data(),
-                                            static_cast<int>(source.width),
-                                            static_cast<int>(source.height), blockFile.c_str(),
-                                            text);
+            result = Img_Post_Process_Chain(
+                input.data(), step.pixels.data(), static_cast<int>(source.width),
+                static_cast<int>(source.height), blockFile.c_str(), text);
         } catch (const std::exception& e) {
             // Checked values are written in full, so this is not expected; report it as the
             // program would.

@@ -38,8 +38,9 @@ std::string MakeScratchDir() {
     std::error_code ec;
     const fs::path base = fs::temp_directory_path(ec);
     std::random_device seed;
-    std::mt19937_64 random(seed() ^ static_cast<uint64_t>(
-                                        std::chrono::steady_clock::now().time_since_epoch().count()));
+    std::mt19937_64 random(
+        seed() ^
+        static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count()));
     for (int attempt = 0; attempt < 16; ++attempt) {
         char name[40];
         std::snprintf(name, sizeof name, "veltrano-studio-%016llx",
@@ -79,8 +80,8 @@ bool ParseSteps(const json& body, std::vector<StepValues>& steps, std::string& e
     for (const json& item : *list) {
         const auto name = item.is_object() ? item.find("name") : item.end();
         const auto values = item.is_object() ? item.find("values") : item.end();
-        if (!item.is_object() || name == item.end() || !name->is_string() ||
-            values == item.end() || !values->is_array()) {
+        if (!item.is_object() || name == item.end() || !name->is_string() || values == item.end() ||
+            !values->is_array()) {
             error = "each step needs a \"name\" text and a \"values\" list";
             return false;
         }
@@ -132,9 +133,12 @@ json ReportJson(const ChainReport& report) {
                           {"outcome", OutcomeName(block.outcome)},
                           {"detail", block.detail}});
     }
-    return {{"hasBlocks", report.hasBlocks}, {"fails", report.fails},
-            {"blocks", blocks},             {"notes", report.notes},
-            {"steps", StepsJson(report.steps)}, {"summary", report.summary},
+    return {{"hasBlocks", report.hasBlocks},
+            {"fails", report.fails},
+            {"blocks", blocks},
+            {"notes", report.notes},
+            {"steps", StepsJson(report.steps)},
+            {"summary", report.summary},
             {"note", report.note}};
 }
 
@@ -299,9 +303,12 @@ void StudioServer::Route() {
     s.Get("/favicon.ico", [](const httplib::Request&, httplib::Response& r) { r.status = 204; });
     s.Get("/api/state", [this](const httplib::Request&, httplib::Response& r) { State(r); });
     s.Get("/api/image", [this](const httplib::Request& q, httplib::Response& r) { Image(q, r); });
-    s.Post("/api/process", [this](const httplib::Request& q, httplib::Response& r) { Process(q, r); });
-    s.Post("/api/chain/load", [this](const httplib::Request& q, httplib::Response& r) { LoadChain(q, r); });
-    s.Post("/api/chain/save", [this](const httplib::Request& q, httplib::Response& r) { SaveChain(q, r); });
+    s.Post("/api/process",
+           [this](const httplib::Request& q, httplib::Response& r) { Process(q, r); });
+    s.Post("/api/chain/load",
+           [this](const httplib::Request& q, httplib::Response& r) { LoadChain(q, r); });
+    s.Post("/api/chain/save",
+           [this](const httplib::Request& q, httplib::Response& r) { SaveChain(q, r); });
     s.Post("/api/acquire", [this](const httplib::Request&, httplib::Response& r) { Acquire(r); });
 }
 
@@ -312,7 +319,9 @@ void StudioServer::State(httplib::Response& response) {
     if (image_) {
         width = image_->width;
         height = image_->height;
-        state["image"] = {{"width", width}, {"height", height}, {"version", imageVersion_},
+        state["image"] = {{"width", width},
+                          {"height", height},
+                          {"version", imageVersion_},
                           {"label", options_.imageLabel}};
     } else {
         state["image"] = nullptr;
@@ -353,7 +362,8 @@ void StudioServer::Image(const httplib::Request& request, httplib::Response& res
     }
     char* end = nullptr;
     const unsigned long index = std::strtoul(which.c_str(), &end, 10);
-    const unsigned long long run = std::strtoull(request.get_param_value("run").c_str(), nullptr, 10);
+    const unsigned long long run =
+        std::strtoull(request.get_param_value("run").c_str(), nullptr, 10);
     if (end == which.c_str() || *end != '\0') {
         Refuse(response, 400, "\"step\" must be \"source\" or a step number");
         return;
@@ -403,7 +413,8 @@ void StudioServer::Process(const httplib::Request& request, httplib::Response& r
     bool cancelled = false;
     lastRun_ = 0;  // the processor's outputs are about to change
     const auto start = std::chrono::steady_clock::now();
-    if (!processor_.Run(*image, version, steps, latestRequest_, request_id, times, cancelled, error)) {
+    if (!processor_.Run(*image, version, steps, latestRequest_, request_id, times, cancelled,
+                        error)) {
         Refuse(response, 409, cancelled ? "superseded by a newer request" : error);
         return;
     }
@@ -415,8 +426,11 @@ void StudioServer::Process(const httplib::Request& request, httplib::Response& r
         timeList.push_back({{"name", t.name}, {"ms", t.milliseconds}, {"reused", t.reused}});
     }
     Reply(response, 200,
-          {{"run", request_id}, {"imageVersion", version}, {"text", ChainText(steps)},
-           {"times", timeList}, {"totalMs", total}});
+          {{"run", request_id},
+           {"imageVersion", version},
+           {"text", ChainText(steps)},
+           {"times", timeList},
+           {"totalMs", total}});
 }
 
 bool StudioServer::ChainNameAllowed(const std::string& name) const {
@@ -427,7 +441,8 @@ bool StudioServer::ChainNameAllowed(const std::string& name) const {
         return false;
     }
     for (const char c : name) {
-        if (c == '/' || c == '\\' || c == ':' || static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
+        if (c == '/' || c == '\\' || c == ':' || static_cast<unsigned char>(c) < 0x20 ||
+            c == 0x7f) {
             return false;
         }
     }
@@ -478,7 +493,10 @@ void StudioServer::LoadChain(const httplib::Request& request, httplib::Response&
         Refuse(response, 404, file + " " + error);
         return;
     }
-    Reply(response, 200, {{"name", file}, {"text", text}, {"report", ReportJson(AnalyseChain(text, width, height))}});
+    Reply(response, 200,
+          {{"name", file},
+           {"text", text},
+           {"report", ReportJson(AnalyseChain(text, width, height))}});
 }
 
 void StudioServer::SaveChain(const httplib::Request& request, httplib::Response& response) {
@@ -493,8 +511,8 @@ void StudioServer::SaveChain(const httplib::Request& request, httplib::Response&
     }
     const std::string file = name->get<std::string>();
     if (!ChainNameAllowed(file)) {
-        Refuse(response, 403, "chain files can only be saved in " + chainDir_ +
-                                  " under a name ending in .chain");
+        Refuse(response, 403,
+               "chain files can only be saved in " + chainDir_ + " under a name ending in .chain");
         return;
     }
     std::vector<StepValues> steps;

@@ -73,8 +73,10 @@ bool WriteFile(const std::filesystem::path& path, const std::vector<uint8_t>& he
     if (!file) {
         return false;
     }
-    file.write(reinterpret_cast<const char*>(header.data()), static_cast<std::streamsize>(header.size()));
-    file.write(reinterpret_cast<const char*>(body.data()), static_cast<std::streamsize>(body.size()));
+    file.write(reinterpret_cast<const char*>(header.data()),
+               static_cast<std::streamsize>(header.size()));
+    file.write(reinterpret_cast<const char*>(body.data()),
+               static_cast<std::streamsize>(body.size()));
     file.close();
     return static_cast<bool>(file);
 }
@@ -115,8 +117,8 @@ int WriteCalibration(const char* workDir, int frames) {
         }
     }
     const auto frameCount = static_cast<uint32_t>(frames);
-    if (!WriteFile(folder / "VirtualSensor.gn", Header(settings, kKindGain, frameCount, 2, doses, levels),
-                   gainBody)) {
+    if (!WriteFile(folder / "VirtualSensor.gn",
+                   Header(settings, kKindGain, frameCount, 2, doses, levels), gainBody)) {
         return kWriteFailed;
     }
     if (!WriteFile(folder / "VirtualSensor.dft", Header(settings, kKindDefects, 1, 1, {}, {}),

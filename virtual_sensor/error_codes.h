@@ -7,7 +7,7 @@ namespace virtual_sensor {
 
 enum ErrorCode : int {
     kOk = 0,
-    kPending = 1,            // Invoke: accepted, the result follows by callback
+    kPending = 1,  // Invoke: accepted, the result follows by callback
     kBadInstance = 2,
     kBadArgument = 3,
     kUnknownAttribute = 4,
@@ -16,7 +16,7 @@ enum ErrorCode : int {
     kWrongValueType = 8,
     kBadConfiguration = 10,
     kOutOfResources = 11,
-    kStopped = 12,           // the instance is being destroyed
+    kStopped = 12,  // the instance is being destroyed
     kTimedOut = 22,
 };
 

@@ -197,7 +197,8 @@ int Instance::invoke(int command, const fpdsys::Param* params, int paramCount) {
         return kPending;  // accepted, and nothing ever follows
     }
     const Clock::time_point due =
-        Clock::now() + (exposure ? std::chrono::milliseconds(settings_.exposureMs) : kCompletionDelay);
+        Clock::now() +
+        (exposure ? std::chrono::milliseconds(settings_.exposureMs) : kCompletionDelay);
     if (settings_.failCommand(command, code)) {
         schedule({due, JobKind::Fail, command, code, arming});
     } else {
@@ -209,9 +210,9 @@ int Instance::invoke(int command, const fpdsys::Param* params, int paramCount) {
 int Instance::abort() {
     std::lock_guard<std::mutex> lock(mutex_);
     armedExposure_ = 0;
-    jobs_.erase(std::remove_if(jobs_.begin(), jobs_.end(),
-                               [](const Job& j) { return j.exposure != 0; }),
-                jobs_.end());
+    jobs_.erase(
+        std::remove_if(jobs_.begin(), jobs_.end(), [](const Job& j) { return j.exposure != 0; }),
+        jobs_.end());
     return kOk;
 }
 
@@ -301,7 +302,8 @@ void Instance::deliverImage(uint64_t exposure) {
         armedExposure_ = 0;
     }
     if (!exposed) {
-        notify(fpdsys::kEvtCommandFailed, fpdsys::kCmdWaitExposure, kOutOfResources, "Out of memory", nullptr);
+        notify(fpdsys::kEvtCommandFailed, fpdsys::kCmdWaitExposure, kOutOfResources,
+               "Out of memory", nullptr);
         return;
     }
     fpdsys::ImageRecord record{};

@@ -69,7 +69,7 @@ private:
     std::vector<Job> jobs_;
     bool stopping_ = false;
     std::atomic<bool> stopped_{false};
-    uint64_t armedExposure_ = 0;   // 0: no exposure pending
+    uint64_t armedExposure_ = 0;  // 0: no exposure pending
     uint64_t lastExposure_ = 0;
     int triggerMode_ = 6;
     int delayTime_ = 0;

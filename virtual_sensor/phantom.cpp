@@ -44,10 +44,10 @@ struct Tooth {
 
 // What one tooth contributes to a pixel.
 struct ToothSample {
-    double enamel = 0.0;   // path lengths
+    double enamel = 0.0;  // path lengths
     double dentine = 0.0;
     double pulp = 0.0;
-    double root = 0.0;     // dentine path below the neck, where it displaces bone
+    double root = 0.0;          // dentine path below the neck, where it displaces bone
     double rootDistance = 1e9;  // distance outside the nearest root outline, pixels
 };
 
@@ -78,8 +78,9 @@ double CrownPath(const Tooth& t, double dx, double y, double inset) {
     // The crown is deepest where it is widest and narrows to the root's depth at the neck, so
     // that crown and root join without a step.
     const double half = CrownHalfWidth(t, y);
-    const double depth = (0.8 + 0.2 * std::clamp((half - t.neckHalf) / (t.crownHalf - t.neckHalf), 0.0, 1.0)) *
-                         (1.0 - inset / t.crownHalf);
+    const double depth =
+        (0.8 + 0.2 * std::clamp((half - t.neckHalf) / (t.crownHalf - t.neckHalf), 0.0, 1.0)) *
+        (1.0 - inset / t.crownHalf);
     return vertical * EllipsePath(dx, half - inset, depth);
 }
 
@@ -96,17 +97,18 @@ void SampleRoots(const Tooth& t, double dx, double y, ToothSample& out) {
         const double axis = side * t.neckHalf * (0.5 * spread + 0.15 * s);
         const double local = dx - axis;
         if (s <= 1.0) {
-            const double half =
-                t.neckHalf * slim * (1.0 - 0.65 * s) * std::sqrt(std::max(0.0, 1.0 - std::pow(s, 6.0)));
+            const double half = t.neckHalf * slim * (1.0 - 0.65 * s) *
+                                std::sqrt(std::max(0.0, 1.0 - std::pow(s, 6.0)));
             const double depth = 0.8 * (1.0 - 0.5 * s);
             out.root = std::max(out.root, EllipsePath(local, half, depth));
             // The pulp chamber narrows down the root trunk; in a molar it ends at the floor
             // above the fork, from which one canal runs into each root.
             const double opening = t.roots == 1 ? 1.0 : Smoothstep(0.06, 0.16, s);
-            const double canalHalf = s < 0.95 ? opening * std::max(1.5 * t.pixel, 0.25 * half) : 0.0;
-            const double chamber = 0.36 * t.neckHalf *
-                                   (t.roots == 1 ? std::max(0.0, 1.0 - s / 0.12)
-                                                 : 1.0 - Smoothstep(0.02, 0.2, s));
+            const double canalHalf =
+                s < 0.95 ? opening * std::max(1.5 * t.pixel, 0.25 * half) : 0.0;
+            const double chamber =
+                0.36 * t.neckHalf *
+                (t.roots == 1 ? std::max(0.0, 1.0 - s / 0.12) : 1.0 - Smoothstep(0.02, 0.2, s));
             out.pulp = std::max({out.pulp, EllipsePath(local, canalHalf, 0.45 * depth),
                                  EllipsePath(dx, chamber, 0.35)});
             out.rootDistance = std::min(out.rootDistance, (std::fabs(local) - half) / t.pixel);
@@ -114,7 +116,8 @@ void SampleRoots(const Tooth& t, double dx, double y, ToothSample& out) {
             const double tipAxis = side * t.neckHalf * (0.5 + 0.15);
             const double ddx = dx - (t.roots == 2 ? tipAxis : 0.0);
             const double ddy = y - t.apex;
-            out.rootDistance = std::min(out.rootDistance, std::sqrt(ddx * ddx + ddy * ddy) / t.pixel);
+            out.rootDistance =
+                std::min(out.rootDistance, std::sqrt(ddx * ddx + ddy * ddy) / t.pixel);
         }
     }
     out.dentine += out.root;
@@ -135,7 +138,8 @@ ToothSample SampleTooth(const Tooth& t, double x, double y) {
         out.enamel = std::max(0.0, outer - inner);
         out.dentine = inner;
         // The pulp chamber fills the lower crown.
-        const double chamber = 0.36 * t.neckHalf * std::sqrt(std::clamp((s - 0.42) / 0.15, 0.0, 1.0));
+        const double chamber =
+            0.36 * t.neckHalf * std::sqrt(std::clamp((s - 0.42) / 0.15, 0.0, 1.0));
         out.pulp = EllipsePath(dx, chamber, 0.35);
     }
     SampleRoots(t, dx, y, out);
@@ -181,19 +185,23 @@ std::vector<float> RenderPhantom(int columns, int rows, uint32_t seed) {
             const double u = x / w;
 
             // Soft tissue: thin above the crowns, gum and cheek below, thicker on one side.
-            double attenuation = 0.12 + 0.33 * Smoothstep(0.05, 0.45, v) + 0.10 * (1.0 - u) +
-                                 0.10 * (ValueNoise(tissueSeed, x / (w / 3.0), y / (h / 3.0)) - 0.5);
+            double attenuation =
+                0.12 + 0.33 * Smoothstep(0.05, 0.45, v) + 0.10 * (1.0 - u) +
+                0.10 * (ValueNoise(tissueSeed, x / (w / 3.0), y / (h / 3.0)) - 0.5);
 
             // Alveolar bone below the crest, which rises between the teeth.
-            const double crest = neckRow + 0.05 * h + 0.025 * h * std::cos(6.283185307 * (u - 0.5) / 0.34) +
+            const double crest = neckRow + 0.05 * h +
+                                 0.025 * h * std::cos(6.283185307 * (u - 0.5) / 0.34) +
                                  0.02 * h * (ValueNoise(tissueSeed + 1, x / (w / 10.0), 0.5) - 0.5);
             double bone = Smoothstep(crest, crest + 0.03 * h, y);
             if (bone > 0.0) {
                 const double n1 = ValueNoise(boneSeed, x / trabecula, y / (1.3 * trabecula));
-                const double n2 = ValueNoise(boneSeed + 1, x / (0.5 * trabecula), y / (0.6 * trabecula));
+                const double n2 =
+                    ValueNoise(boneSeed + 1, x / (0.5 * trabecula), y / (0.6 * trabecula));
                 const double r1 = std::pow(1.0 - std::fabs(2.0 * n1 - 1.0), 4.0);
                 const double r2 = std::pow(1.0 - std::fabs(2.0 * n2 - 1.0), 4.0);
-                const double density = 0.70 + 0.30 * ValueNoise(boneSeed + 2, x / (w / 5.0), y / (h / 5.0));
+                const double density =
+                    0.70 + 0.30 * ValueNoise(boneSeed + 2, x / (w / 5.0), y / (h / 5.0));
                 bone *= density * (0.35 + 0.30 * r1 + 0.15 * r2);
             }
 

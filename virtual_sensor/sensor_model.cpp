@@ -275,8 +275,8 @@ int SensorModel::gainLevel(double dose) const {
             if (settings_.inCutCorner(x, y)) {
                 continue;
             }
-            exposure[i] = stuck_[i] >= 0 ? static_cast<uint16_t>(stuck_[i])
-                                         : ToRaw(expected(i, dose));
+            exposure[i] =
+                stuck_[i] >= 0 ? static_cast<uint16_t>(stuck_[i]) : ToRaw(expected(i, dose));
         }
     }
     const double level = BrightMean(exposure);

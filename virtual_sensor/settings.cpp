@@ -269,9 +269,8 @@ bool ParseSettings(const std::string& text, Settings& settings, std::string& pro
         }
         if (trimmed[0] == '[') {
             const size_t close = trimmed.find(']');
-            const std::string name = Trim(trimmed.substr(1, close == std::string::npos
-                                                                 ? std::string::npos
-                                                                 : close - 1));
+            const std::string name =
+                Trim(trimmed.substr(1, close == std::string::npos ? std::string::npos : close - 1));
             inSection = Lower(name) == "virtualsensor";
             continue;
         }

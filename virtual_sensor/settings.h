@@ -20,9 +20,9 @@ struct Fault {
 };
 
 struct Settings {
-    int sensorSize = 1500;   // 1000, 1500 or 2000
-    int width = 0;           // 0: the width of the sensor size
-    int height = 0;          // 0: the height of the sensor size
+    int sensorSize = 1500;  // 1000, 1500 or 2000
+    int width = 0;          // 0: the width of the sensor size
+    int height = 0;         // 0: the height of the sensor size
     int exposureMs = 300;
     Scene scene = Scene::Phantom;
     int dose = 20000;

@@ -27,17 +27,17 @@ void Add(void* ptr) {
     if (ptr == nullptr) {
         return;
     }
-    const long long now =
-        g_current.fetch_add(static_cast<long long>(malloc_usable_size(ptr)), std::memory_order_relaxed) +
-        static_cast<long long>(malloc_usable_size(ptr));
+    const long long now = g_current.fetch_add(static_cast<long long>(malloc_usable_size(ptr)),
+                                              std::memory_order_relaxed) +
+                          static_cast<long long>(malloc_usable_size(ptr));
     long long peak = g_peak.load(std::memory_order_relaxed);
-    while (now > peak && !g_peak.compare_exchange_weak(peak, now, std::memory_order_relaxed)) {
-    }
+    while (now > peak && !g_peak.compare_exchange_weak(peak, now, std::memory_order_relaxed)) {}
 }
 
 void Remove(void* ptr) {
     if (ptr != nullptr) {
-        g_current.fetch_sub(static_cast<long long>(malloc_usable_size(ptr)), std::memory_order_relaxed);
+        g_current.fetch_sub(static_cast<long long>(malloc_usable_size(ptr)),
+                            std::memory_order_relaxed);
     }
 }
 

@@ -5,7 +5,8 @@
 
 namespace compare {
 
-static_assert(kWidth == bench::kWidth && kHeight == bench::kHeight, "one frame size for all benchmarks");
+static_assert(kWidth == bench::kWidth && kHeight == bench::kHeight,
+              "one frame size for all benchmarks");
 
 std::vector<Entry>& Registry() {
     static std::vector<Entry> entries;

@@ -15,7 +15,8 @@ namespace compare {
 namespace {
 
 bool ParsePositive(const std::string& text, int& value) {
-    if (text.empty() || text.size() > 6 || text.find_first_not_of("0123456789") != std::string::npos) {
+    if (text.empty() || text.size() > 6 ||
+        text.find_first_not_of("0123456789") != std::string::npos) {
         return false;
     }
     value = std::stoi(text);
@@ -40,12 +41,14 @@ bool TimedCall(const Call& call, double& ms, double& cpuMs, long long& extra) {
 }  // namespace
 
 const char* Usage() {
-    return "usage: veltrano_compare [--filter REGEX] [--reps N] [--threads N] [--list] [--agreement]\n"
+    return "usage: veltrano_compare [--filter REGEX] [--reps N] [--threads N] [--list] "
+           "[--agreement]\n"
            "  --filter REGEX  only entries whose name contains a match (ECMAScript syntax)\n"
            "  --reps N        timed runs of each side, interleaved, after a warm-up (default 7)\n"
            "  --threads N     threads on both sides: OpenMP and OpenCV (default 1)\n"
            "  --list          print the names of the entries (those the filter selects) and stop\n"
-           "  --agreement     run each pair once and compare the two outputs instead of timing them\n";
+           "  --agreement     run each pair once and compare the two outputs instead of timing "
+           "them\n";
 }
 
 bool ParseOptions(const std::vector<std::string>& args, Options& options, std::string& error) {
@@ -108,9 +111,12 @@ Verdict Worse(Verdict a, Verdict b) { return static_cast<int>(a) > static_cast<i
 
 const char* VerdictText(Verdict v) {
     switch (v) {
-        case Verdict::Met: return "ok";
-        case Verdict::WithinMargin: return "ok (margin)";
-        case Verdict::Missed: return "MISS";
+    case Verdict::Met:
+        return "ok";
+    case Verdict::WithinMargin:
+        return "ok (margin)";
+    case Verdict::Missed:
+        return "MISS";
     }
     return "?";
 }
@@ -120,7 +126,8 @@ Measured Measure(const Sides& sides, int repetitions) {
     std::vector<double> vTimes, pTimes;
     double wall[2] = {0.0, 0.0}, cpu[2] = {0.0, 0.0};
     const bool hasPeer = static_cast<bool>(sides.peer);
-    auto run = [&](const Call& call, std::vector<double>* times, SideResult& side, const char* who) {
+    auto run = [&](const Call& call, std::vector<double>* times, SideResult& side,
+                   const char* who) {
         if (sides.before) {
             sides.before();
         }

@@ -10,10 +10,10 @@
 namespace compare {
 
 struct Options {
-    std::string filter;    // ECMAScript regular expression searched in entry names; empty: all
-    int repetitions = 7;   // timed runs of each side, after one warm-up run
-    int threads = 1;       // OpenMP and OpenCV threads, the same on both sides
-    bool list = false;     // print the entry names and stop
+    std::string filter;      // ECMAScript regular expression searched in entry names; empty: all
+    int repetitions = 7;     // timed runs of each side, after one warm-up run
+    int threads = 1;         // OpenMP and OpenCV threads, the same on both sides
+    bool list = false;       // print the entry names and stop
     bool agreement = false;  // compare the outputs of each pair instead of timing it
     bool help = false;
 };

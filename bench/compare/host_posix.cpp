@@ -65,7 +65,8 @@ std::string MachineSummary() {
     }
     std::string caches;
     for (int i = 0; i < 8; ++i) {
-        const std::string dir = "/sys/devices/system/cpu/cpu0/cache/index" + std::to_string(i) + "/";
+        const std::string dir =
+            "/sys/devices/system/cpu/cpu0/cache/index" + std::to_string(i) + "/";
         std::ifstream level(dir + "level"), type(dir + "type"), size(dir + "size");
         std::string l, t, s;
         if (!(level >> l) || !(type >> t) || !(size >> s)) {

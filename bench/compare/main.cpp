@@ -34,7 +34,8 @@ std::string Memory(long long bytes, double frameBytes) {
     char text[48];
     const double mib = static_cast<double>(bytes) / (1024.0 * 1024.0);
     if (frameBytes > 0.0) {
-        std::snprintf(text, sizeof text, "%.1f MiB = %.2f fr", mib, static_cast<double>(bytes) / frameBytes);
+        std::snprintf(text, sizeof text, "%.1f MiB = %.2f fr", mib,
+                      static_cast<double>(bytes) / frameBytes);
     } else {
         std::snprintf(text, sizeof text, "%.1f MiB", mib);
     }
@@ -43,9 +44,12 @@ std::string Memory(long long bytes, double frameBytes) {
 
 const char* LevelName(int level) {
     switch (level) {
-        case 0: return "reference";
-        case 1: return "scalar";
-        case 2: return "avx2";
+    case 0:
+        return "reference";
+    case 1:
+        return "scalar";
+    case 2:
+        return "avx2";
     }
     return "unknown";
 }
@@ -96,7 +100,8 @@ double FrameCopyMs() {
 // thing must agree within its stated bound; the others are shown for information. Non-zero
 // when a pair disagrees or fails: its settings no longer make the two sides comparable.
 int RunAgreement(const std::vector<const Entry*>& pairList) {
-    std::printf("%-34s %-38s %12s %9s %s\n", "Veltrano", "OpenCV", "difference", "allowed", "verdict");
+    std::printf("%-34s %-38s %12s %9s %s\n", "Veltrano", "OpenCV", "difference", "allowed",
+                "verdict");
     int bad = 0;
     for (const Entry* e : pairList) {
         double difference = 0.0;
@@ -125,8 +130,11 @@ int RunAgreement(const std::vector<const Entry*>& pairList) {
         if (checked) {
             std::snprintf(allowed, sizeof allowed, "%g", e->agreeWithin);
         }
-        std::printf("%-34s %-38s %12.6g %9s %s\n", e->name.c_str(), e->peer.c_str(), difference, allowed,
-                    !checked ? "not the same computation" : agrees ? "agree" : "DIFFER");
+        std::printf("%-34s %-38s %12.6g %9s %s\n", e->name.c_str(), e->peer.c_str(), difference,
+                    allowed,
+                    !checked ? "not the same computation"
+                    : agrees ? "agree"
+                             : "DIFFER");
         std::fflush(stdout);
     }
     std::printf("%d of %zu pairs disagree or failed\n", bad, pairList.size());
@@ -149,7 +157,8 @@ int main(int argc, char** argv) {
         return 0;
     }
     std::vector<Entry>& registry = Registry();
-    std::stable_sort(registry.begin(), registry.end(), [](const Entry& a, const Entry& b) { return a.order < b.order; });
+    std::stable_sort(registry.begin(), registry.end(),
+                     [](const Entry& a, const Entry& b) { return a.order < b.order; });
     const std::string problem = CheckRegistry(registry);
     if (!problem.empty()) {
         std::fprintf(stderr, "veltrano_compare: %s\n", problem.c_str());
@@ -158,7 +167,8 @@ int main(int argc, char** argv) {
     if (options.list) {
         for (const Entry& e : registry) {
             if (Selected(e, options.filter)) {
-                std::printf("%-44s %s\n", e.name.c_str(), e.peer.empty() ? "(no peer)" : e.peer.c_str());
+                std::printf("%-44s %s\n", e.name.c_str(),
+                            e.peer.empty() ? "(no peer)" : e.peer.c_str());
             }
         }
         return 0;
@@ -187,18 +197,22 @@ int main(int argc, char** argv) {
         return RunAgreement(pairList);
     }
 
-    std::printf("Veltrano against OpenCV %s on a %d x %d frame (noise sigma %.0f)\n", CV_VERSION, kWidth, kHeight,
-                kNoiseSigma);
-    std::printf("%d thread%s on each side, median of %d interleaved runs after a warm-up, Veltrano level %s\n",
-                options.threads, options.threads == 1 ? "" : "s", options.repetitions,
-                LevelName(veltrano::ActiveImplForTesting()));
+    std::printf("Veltrano against OpenCV %s on a %d x %d frame (noise sigma %.0f)\n", CV_VERSION,
+                kWidth, kHeight, kNoiseSigma);
+    std::printf(
+        "%d thread%s on each side, median of %d interleaved runs after a warm-up, Veltrano level "
+        "%s\n",
+        options.threads, options.threads == 1 ? "" : "s", options.repetitions,
+        LevelName(veltrano::ActiveImplForTesting()));
     std::printf("machine: %s\n", MachineSummary().c_str());
     const double copyMs = FrameCopyMs();
     std::printf("one copy of the 16-bit frame: %.3f ms\n", copyMs);
-    std::printf("memory: the peak a call allocates above what was allocated before it (fr = frames of the "
-                "function's own pixel type)\n");
-    std::printf("verdict: ok within the target, ok (margin) within %.0f %% above it, MISS beyond\n\n",
-                kMargin * 100.0);
+    std::printf(
+        "memory: the peak a call allocates above what was allocated before it (fr = frames of the "
+        "function's own pixel type)\n");
+    std::printf(
+        "verdict: ok within the target, ok (margin) within %.0f %% above it, MISS beyond\n\n",
+        kMargin * 100.0);
     std::fflush(stdout);
 
     int failed = 0;
@@ -210,7 +224,8 @@ int main(int argc, char** argv) {
     // was not are marked, as other work on the machine took their processor for a while.
     int disturbed = 0;
     auto mark = [&](const Measured& m) {
-        const bool suspect = options.threads == 1 && std::min(m.veltrano.cpuShare, m.peer.cpuShare) < 0.9;
+        const bool suspect =
+            options.threads == 1 && std::min(m.veltrano.cpuShare, m.peer.cpuShare) < 0.9;
         disturbed += suspect ? 1 : 0;
         return suspect ? " *" : "";
     };
@@ -229,8 +244,8 @@ int main(int argc, char** argv) {
     };
 
     if (!pairList.empty()) {
-        std::printf("%-34s %-38s %8s %8s %6s %-12s %-20s %-9s %s\n", "Veltrano", "OpenCV", "V ms", "CV ms",
-                    "ratio", "target", "V memory", "CV memory", "verdict");
+        std::printf("%-34s %-38s %8s %8s %6s %-12s %-20s %-9s %s\n", "Veltrano", "OpenCV", "V ms",
+                    "CV ms", "ratio", "target", "V memory", "CV memory", "verdict");
     }
     for (const Entry* e : pairList) {
         if (!measure(*e, 34)) {
@@ -246,15 +261,17 @@ int main(int argc, char** argv) {
         } else {
             std::snprintf(target, sizeof target, "%.2f", e->targetRatio);
         }
-        std::printf("%-34s %-38s %8s %8s %6.2f %-12s %-20s %-9s %s%s\n", e->name.c_str(), e->peer.c_str(),
-                    Ms(m.veltrano.medianMs).c_str(), Ms(m.peer.medianMs).c_str(), m.veltrano.medianMs / m.peer.medianMs,
-                    target, Memory(m.veltrano.peakExtraBytes, e->frameBytes).c_str(),
+        std::printf("%-34s %-38s %8s %8s %6.2f %-12s %-20s %-9s %s%s\n", e->name.c_str(),
+                    e->peer.c_str(), Ms(m.veltrano.medianMs).c_str(), Ms(m.peer.medianMs).c_str(),
+                    m.veltrano.medianMs / m.peer.medianMs, target,
+                    Memory(m.veltrano.peakExtraBytes, e->frameBytes).c_str(),
                     Memory(m.peer.peakExtraBytes, 0.0).c_str(), VerdictText(v), mark(m));
         std::fflush(stdout);
     }
 
     if (!soloList.empty()) {
-        std::printf("%s%-44s %8s %8s %s\n", pairList.empty() ? "" : "\n", "no peer", "ms", "copies", "memory");
+        std::printf("%s%-44s %8s %8s %s\n", pairList.empty() ? "" : "\n", "no peer", "ms", "copies",
+                    "memory");
     }
     for (const Entry* e : soloList) {
         if (!measure(*e, 44)) {
@@ -262,27 +279,32 @@ int main(int argc, char** argv) {
         }
         const Measured& m = measured.back().result;
         std::printf("%-44s %8s %8.1f %s%s\n", e->name.c_str(), Ms(m.veltrano.medianMs).c_str(),
-                    m.veltrano.medianMs / copyMs, Memory(m.veltrano.peakExtraBytes, e->frameBytes).c_str(), mark(m));
+                    m.veltrano.medianMs / copyMs,
+                    Memory(m.veltrano.peakExtraBytes, e->frameBytes).c_str(), mark(m));
         std::fflush(stdout);
     }
     double sumMs = 0.0;
     if (CorrectionsSum(registry, measured, sumMs)) {
-        std::printf("%-44s %8s %8.1f\n", "corrections: slower gain + repair + outliers", Ms(sumMs).c_str(),
-                    sumMs / copyMs);
+        std::printf("%-44s %8s %8.1f\n", "corrections: slower gain + repair + outliers",
+                    Ms(sumMs).c_str(), sumMs / copyMs);
         limits.push_back({"acquisition corrections, sum", sumMs, 10.0, "ms"});
     }
 
     if (disturbed > 0) {
-        std::printf("\n* the program had the processor for less than 90 %% of this entry's time: other work "
-                    "ran on the machine (%d entr%s)\n",
-                    disturbed, disturbed == 1 ? "y" : "ies");
+        std::printf(
+            "\n* the program had the processor for less than 90 %% of this entry's time: other "
+            "work "
+            "ran on the machine (%d entr%s)\n",
+            disturbed, disturbed == 1 ? "y" : "ies");
     }
     // The unit again at the end: a machine whose speed drifted during the run shows here.
     const double copyAtEndMs = FrameCopyMs();
     if (std::abs(copyAtEndMs - copyMs) > kMargin * copyMs) {
-        std::printf("\nwarning: one copy of the frame took %.3f ms at the start and %.3f ms at the end: the "
-                    "machine was not steady\n",
-                    copyMs, copyAtEndMs);
+        std::printf(
+            "\nwarning: one copy of the frame took %.3f ms at the start and %.3f ms at the end: "
+            "the "
+            "machine was not steady\n",
+            copyMs, copyAtEndMs);
     }
 
     int missedLimits = 0;
@@ -302,7 +324,8 @@ int main(int argc, char** argv) {
         std::printf("%d of %d pairs miss their target\n", missedPairs, pairs);
     }
     if (failed > 0) {
-        std::printf("%d entr%s could not be measured (see the errors above)\n", failed, failed == 1 ? "y" : "ies");
+        std::printf("%d entr%s could not be measured (see the errors above)\n", failed,
+                    failed == 1 ? "y" : "ies");
     }
     return failed > 0 ? 1 : 0;
 }

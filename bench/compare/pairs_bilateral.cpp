@@ -28,13 +28,15 @@ const AddEntry kBilateral{[] {
         param->sigSpace_x = static_cast<float>(kValueSigma * kValueSigma / kSpatialSigma);
         param->sigSpace_y = param->sigSpace_x;
         return Sides{[b, param] {
-                         return bilateralFilter_32F(b->src.data(), b->outV.data(), kWidth, kHeight, param.get()) == 1;
+                         return bilateralFilter_32F(b->src.data(), b->outV.data(), kWidth, kHeight,
+                                                    param.get()) == 1;
                      },
                      [b] {
                          cv::bilateralFilter(b->srcMat, b->outMat, 5, kValueSigma, kSpatialSigma);
                          return true;
                      },
-                     {}, Difference(b, kBorder)};
+                     {},
+                     Difference(b, kBorder)};
     };
     return e;
 }()};

@@ -11,17 +11,22 @@ namespace {
 
 Entry BoxPair(int order, int radius) {
     const int side = 2 * radius + 1;
-    Entry e = Pair(order, "Box_Filter 16U r" + std::to_string(radius),
-                   "blur " + std::to_string(side) + "x" + std::to_string(side), FrameBytes<uint16_t>());
+    Entry e =
+        Pair(order, "Box_Filter 16U r" + std::to_string(radius),
+             "blur " + std::to_string(side) + "x" + std::to_string(side), FrameBytes<uint16_t>());
     e.agreeWithin = 1.0;  // exact integer means, truncated here, rounded by blur
     e.setup = [radius, side] {
         auto b = MakeBuffers(Frame16());
-        return Sides{[b, radius] { return Box_Filter(b->src.data(), b->outV.data(), kWidth, kHeight, 4, radius) == 1; },
+        return Sides{[b, radius] {
+                         return Box_Filter(b->src.data(), b->outV.data(), kWidth, kHeight, 4,
+                                           radius) == 1;
+                     },
                      [b, side] {
                          cv::blur(b->srcMat, b->outMat, cv::Size(side, side));
                          return true;
                      },
-                     {}, Difference(b, kBorder)};
+                     {},
+                     Difference(b, kBorder)};
     };
     return e;
 }
@@ -30,7 +35,8 @@ const AddEntry kBox2{BoxPair(200, 2)};
 const AddEntry kBox10{BoxPair(201, 10)};
 
 template <class T>
-Entry MedianPair(int order, const char* type, int code, const std::vector<T>& (*frame)(), int radius) {
+Entry MedianPair(int order, const char* type, int code, const std::vector<T>& (*frame)(),
+                 int radius) {
     const int side = 2 * radius + 1;
     Entry e = Pair(order, std::string("Median_Blur ") + type + " r" + std::to_string(radius),
                    "medianBlur " + std::to_string(side), FrameBytes<T>());
@@ -38,13 +44,15 @@ Entry MedianPair(int order, const char* type, int code, const std::vector<T>& (*
     e.setup = [frame, code, radius, side] {
         auto b = MakeBuffers(frame());
         return Sides{[b, code, radius] {
-                         return Median_Blur(b->src.data(), b->outV.data(), kWidth, kHeight, radius, code) == 1;
+                         return Median_Blur(b->src.data(), b->outV.data(), kWidth, kHeight, radius,
+                                            code) == 1;
                      },
                      [b, side] {
                          cv::medianBlur(b->srcMat, b->outMat, side);
                          return true;
                      },
-                     {}, Difference(b, kBorder)};
+                     {},
+                     Difference(b, kBorder)};
     };
     return e;
 }

@@ -16,7 +16,8 @@ namespace compare {
 namespace {
 
 const AddEntry kChain{[] {
-    Entry e = Pair(1000, "default chain", "median, normalize, CLAHE, NLM 8U, USM", FrameBytes<uint16_t>());
+    Entry e = Pair(1000, "default chain", "median, normalize, CLAHE, NLM 8U, USM",
+                   FrameBytes<uint16_t>());
     e.targetRatio = 0.5;
     e.limitMs = 150.0;
     e.setup = [] {
@@ -37,8 +38,8 @@ const AddEntry kChain{[] {
         s->clahe = cv::createCLAHE(200.0 * 1024.0 / ((kWidth / 4) * (kHeight / 6)), cv::Size(4, 6));
         return Sides{[b] {
                          std::string text;
-                         return Img_Post_Process_Chain(b->src.data(), b->outV.data(), kWidth, kHeight,
-                                                       VELTRANO_DEFAULT_CHAIN, text) == 0;
+                         return Img_Post_Process_Chain(b->src.data(), b->outV.data(), kWidth,
+                                                       kHeight, VELTRANO_DEFAULT_CHAIN, text) == 0;
                      },
                      [b, s] {
                          cv::medianBlur(b->srcMat, s->median, 3);
@@ -51,7 +52,8 @@ const AddEntry kChain{[] {
                          cv::addWeighted(s->wide, 2.0, s->blurred, -1.0, 0.0, b->outMat);
                          return true;
                      },
-                     {}, Difference(b, kBorder)};
+                     {},
+                     Difference(b, kBorder)};
     };
     return e;
 }()};

@@ -23,25 +23,28 @@ double EquivalentClipLimit() {
 
 template <class T>
 Entry ClahePair(int order, const char* name, const std::vector<T>& (*frame)(),
-                int (*clahe)(T*, T*, int32_t, int32_t, int32_t, int32_t, int32_t, int32_t, const char*)) {
+                int (*clahe)(T*, T*, int32_t, int32_t, int32_t, int32_t, int32_t, int32_t,
+                             const char*)) {
     Entry e = Pair(order, name, "CLAHE 8x8 tiles", FrameBytes<T>());
     e.setup = [frame, clahe] {
         auto b = MakeBuffers(frame());
         cv::Ptr<cv::CLAHE> peer = cv::createCLAHE(EquivalentClipLimit(), cv::Size(kTiles, kTiles));
         return Sides{[b, clahe] {
-                         return clahe(b->src.data(), b->outV.data(), kWidth, kHeight, kTiles, kTiles, kBins, kPeak,
-                                      nullptr) == 1;
+                         return clahe(b->src.data(), b->outV.data(), kWidth, kHeight, kTiles,
+                                      kTiles, kBins, kPeak, nullptr) == 1;
                      },
                      [b, peer] {
                          peer->apply(b->srcMat, b->outMat);
                          return true;
                      },
-                     {}, Difference(b, kBorder)};
+                     {},
+                     Difference(b, kBorder)};
     };
     return e;
 }
 
-const AddEntry kClahe16{ClahePair<uint16_t>(600, "clahe_16U_Manual 8x8", Frame16, clahe_16U_Manual)};
+const AddEntry kClahe16{
+    ClahePair<uint16_t>(600, "clahe_16U_Manual 8x8", Frame16, clahe_16U_Manual)};
 const AddEntry kClahe8{ClahePair<uint8_t>(601, "clahe_8U_Manual 8x8", Frame8, clahe_8U_Manual)};
 
 }  // namespace

@@ -18,12 +18,16 @@ const AddEntry kFastNLM{[] {
     e.agreeWithin = 2.0;
     e.setup = [] {
         auto b = MakeBuffers(Frame8());
-        return Sides{[b] { return FastNLM(b->src.data(), b->outV.data(), kWidth, kHeight, kStrength, 1, 3) == 1; },
+        return Sides{[b] {
+                         return FastNLM(b->src.data(), b->outV.data(), kWidth, kHeight, kStrength,
+                                        1, 3) == 1;
+                     },
                      [b] {
                          cv::fastNlMeansDenoising(b->srcMat, b->outMat, kStrength, 3, 7);
                          return true;
                      },
-                     {}, Difference(b, kBorder)};
+                     {},
+                     Difference(b, kBorder)};
     };
     return e;
 }()};

@@ -38,14 +38,15 @@ const AddEntry kFilter2D{[] {
         auto kernel = std::make_shared<std::vector<float>>(GaussianKernel());
         auto kernelMat = std::make_shared<cv::Mat>(5, 5, CV_32F, kernel->data());
         return Sides{[b, kernel] {
-                         return filter2D_32F(b->src.data(), b->outV.data(), kWidth, kHeight, kernel->data(), 5,
-                                             5) == 1;
+                         return filter2D_32F(b->src.data(), b->outV.data(), kWidth, kHeight,
+                                             kernel->data(), 5, 5) == 1;
                      },
                      [b, kernel, kernelMat] {
                          cv::filter2D(b->srcMat, b->outMat, CV_32F, *kernelMat);
                          return true;
                      },
-                     {}, Difference(b, kBorder)};
+                     {},
+                     Difference(b, kBorder)};
     };
     return e;
 }()};
@@ -58,14 +59,15 @@ const AddEntry kImageConv{[] {
         auto kernel = std::make_shared<std::vector<float>>(GeneralKernel());
         auto kernelMat = std::make_shared<cv::Mat>(5, 5, CV_32F, kernel->data());
         return Sides{[b, kernel] {
-                         return ImageConv(b->src.data(), b->outV.data(), kernel->data(), kWidth, kHeight, 5, 5,
-                                          nullptr) == 1;
+                         return ImageConv(b->src.data(), b->outV.data(), kernel->data(), kWidth,
+                                          kHeight, 5, 5, nullptr) == 1;
                      },
                      [b, kernel, kernelMat] {
                          cv::filter2D(b->srcMat, b->outMat, CV_32F, *kernelMat);
                          return true;
                      },
-                     {}, Difference(b, kBorder)};
+                     {},
+                     Difference(b, kBorder)};
     };
     return e;
 }()};
@@ -78,20 +80,24 @@ Entry GaussPair(int order, const char* name, const std::vector<T>& (*frame)(),
     e.setup = [frame, filter] {
         auto b = MakeBuffers(frame());
         return Sides{[b, filter] {
-                         return filter(b->src.data(), b->outV.data(), kWidth, kHeight, 5, 5, kSigma, kSigma) == 1;
+                         return filter(b->src.data(), b->outV.data(), kWidth, kHeight, 5, 5, kSigma,
+                                       kSigma) == 1;
                      },
                      [b] {
                          cv::GaussianBlur(b->srcMat, b->outMat, cv::Size(5, 5), kSigma, kSigma);
                          return true;
                      },
-                     {}, Difference(b, kBorder)};
+                     {},
+                     Difference(b, kBorder)};
     };
     return e;
 }
 
-const AddEntry kGauss32{GaussPair<float>(402, "gaussFilter_32F 5x5", FrameF, gaussFilter_32F, kFloatAgreement)};
+const AddEntry kGauss32{
+    GaussPair<float>(402, "gaussFilter_32F 5x5", FrameF, gaussFilter_32F, kFloatAgreement)};
 // Truncated here, rounded by GaussianBlur, and one more near a rounding boundary.
-const AddEntry kGauss16{GaussPair<uint16_t>(403, "gaussFilter_16U 5x5", Frame16, gaussFilter_16U, 2.0)};
+const AddEntry kGauss16{
+    GaussPair<uint16_t>(403, "gaussFilter_16U 5x5", Frame16, gaussFilter_16U, 2.0)};
 
 }  // namespace
 }  // namespace compare

@@ -26,20 +26,23 @@ void RequireStretch(const std::vector<T>& frame, T low, T high) {
 // rounding boundary (2). Float results: a few units in the last place of the values compared.
 template <class T>
 Entry NormalizePair(int order, const char* name, const std::vector<T>& (*frame)(),
-                    int (*normalize)(const T*, T*, uint32_t, uint32_t, T, T), T low, T high, double agree) {
+                    int (*normalize)(const T*, T*, uint32_t, uint32_t, T, T), T low, T high,
+                    double agree) {
     Entry e = Pair(order, name, "normalize NORM_MINMAX", FrameBytes<T>());
     e.agreeWithin = agree;
     e.setup = [frame, normalize, low, high] {
         auto b = MakeBuffers(frame());
         RequireStretch<T>(b->src, low, high);
         return Sides{[b, normalize, low, high] {
-                         return normalize(b->src.data(), b->outV.data(), kWidth, kHeight, low, high) == 1;
+                         return normalize(b->src.data(), b->outV.data(), kWidth, kHeight, low,
+                                          high) == 1;
                      },
                      [b, low, high] {
                          cv::normalize(b->srcMat, b->outMat, low, high, cv::NORM_MINMAX);
                          return true;
                      },
-                     {}, Difference(b, kBorder)};
+                     {},
+                     Difference(b, kBorder)};
     };
     return e;
 }
@@ -49,24 +52,28 @@ const AddEntry kNormalize16{[] {
     e.limitCopies = 5.0;
     return e;
 }()};
-const AddEntry kNormalize8{NormalizePair<uint8_t>(101, "normalize_8U", Frame8, normalize_8U, 0, 255, 2.0)};
-const AddEntry kNormalize32{NormalizePair<float>(102, "normalize_32F", FrameF, normalize_32F, 0.0f, 1.0f, 1e-6)};
+const AddEntry kNormalize8{
+    NormalizePair<uint8_t>(101, "normalize_8U", Frame8, normalize_8U, 0, 255, 2.0)};
+const AddEntry kNormalize32{
+    NormalizePair<float>(102, "normalize_32F", FrameF, normalize_32F, 0.0f, 1.0f, 1e-6)};
 
 const AddEntry kBrightContrast{[] {
-    Entry e = Pair(110, "BrigntAndContrast 16U", "convertTo with scale and shift", FrameBytes<uint16_t>());
+    Entry e = Pair(110, "BrigntAndContrast 16U", "convertTo with scale and shift",
+                   FrameBytes<uint16_t>());
     e.limitCopies = 3.0;
     e.agreeWithin = 2.0;  // Veltrano truncates, convertTo rounds
     e.setup = [] {
         auto b = MakeBuffers(Frame16());
         return Sides{[b] {
-                         return BrigntAndContrast(b->src.data(), b->outV.data(), kWidth, kHeight, 4, 500.0f,
-                                                  1.2f) == 1;
+                         return BrigntAndContrast(b->src.data(), b->outV.data(), kWidth, kHeight, 4,
+                                                  500.0f, 1.2f) == 1;
                      },
                      [b] {
                          b->srcMat.convertTo(b->outMat, CV_16U, 1.2, 500.0);
                          return true;
                      },
-                     {}, Difference(b, kBorder)};
+                     {},
+                     Difference(b, kBorder)};
     };
     return e;
 }()};
@@ -77,13 +84,16 @@ const AddEntry kThreshold{[] {
     e.agreeWithin = 0.0;
     e.setup = [] {
         auto b = MakeBuffers(Frame16());
-        return Sides{
-            [b] { return ThresholdBinary(b->src.data(), b->outV.data(), 4, kWidth, kHeight, 20000.0, 0) == 1; },
-            [b] {
-                cv::threshold(b->srcMat, b->outMat, 20000.0, 65535.0, cv::THRESH_BINARY);
-                return true;
-            },
-            {}, Difference(b, kBorder)};
+        return Sides{[b] {
+                         return ThresholdBinary(b->src.data(), b->outV.data(), 4, kWidth, kHeight,
+                                                20000.0, 0) == 1;
+                     },
+                     [b] {
+                         cv::threshold(b->srcMat, b->outMat, 20000.0, 65535.0, cv::THRESH_BINARY);
+                         return true;
+                     },
+                     {},
+                     Difference(b, kBorder)};
     };
     return e;
 }()};
@@ -102,7 +112,8 @@ const AddEntry kEquHist{[] {
                          cv::equalizeHist(b->srcMat, b->outMat);
                          return true;
                      },
-                     {}, Difference(b, kBorder)};
+                     {},
+                     Difference(b, kBorder)};
     };
     return e;
 }()};
@@ -114,12 +125,14 @@ const AddEntry kLog{[] {
     e.agreeWithin = 4e-6;
     e.setup = [] {
         auto b = MakeBuffers(FrameF());
-        return Sides{[b] { return Image_Log(b->src.data(), b->outV.data(), kWidth, kHeight, 0) == 1; },
-                     [b] {
-                         cv::log(b->srcMat, b->outMat);
-                         return true;
-                     },
-                     {}, Difference(b, kBorder)};
+        return Sides{
+            [b] { return Image_Log(b->src.data(), b->outV.data(), kWidth, kHeight, 0) == 1; },
+            [b] {
+                cv::log(b->srcMat, b->outMat);
+                return true;
+            },
+            {},
+            Difference(b, kBorder)};
     };
     return e;
 }()};
@@ -127,20 +140,25 @@ const AddEntry kLog{[] {
 // OpenCV's pow takes only float data: the peer scales to 0..1, raises and scales back, the
 // arithmetic of the 16-bit gamma curve.
 const AddEntry kGamma{[] {
-    Entry e = Pair(114, "GammaCorrect 16U", "convertTo 32F, pow, convertTo 16U", FrameBytes<uint16_t>());
+    Entry e =
+        Pair(114, "GammaCorrect 16U", "convertTo 32F, pow, convertTo 16U", FrameBytes<uint16_t>());
     e.limitCopies = 8.0;
     e.agreeWithin = 2.0;
     e.setup = [] {
         auto b = MakeBuffers(Frame16());
         auto scratch = std::make_shared<cv::Mat>(kHeight, kWidth, CV_32F);
-        return Sides{[b] { return GammaCorrect(b->src.data(), b->outV.data(), kWidth, kHeight, 0.8f, 4) == 1; },
+        return Sides{[b] {
+                         return GammaCorrect(b->src.data(), b->outV.data(), kWidth, kHeight, 0.8f,
+                                             4) == 1;
+                     },
                      [b, scratch] {
                          b->srcMat.convertTo(*scratch, CV_32F, 1.0 / 65535.0);
                          cv::pow(*scratch, 0.8, *scratch);
                          scratch->convertTo(b->outMat, CV_16U, 65535.0);
                          return true;
                      },
-                     {}, Difference(b, kBorder)};
+                     {},
+                     Difference(b, kBorder)};
     };
     return e;
 }()};

@@ -16,13 +16,15 @@ const AddEntry kImgFix{[] {
         auto mask = std::make_shared<cv::Mat>(kHeight, kWidth, CV_8U);
         for (size_t i = 0; i < kPixels; ++i) mask->data[i] = (*map)[i] >= 1.0f ? 255 : 0;
         return Sides{[b, map] {
-                         return ImgFix(b->src.data(), b->outV.data(), map->data(), kWidth, kHeight, 1, 6, 200) == 1;
+                         return ImgFix(b->src.data(), b->outV.data(), map->data(), kWidth, kHeight,
+                                       1, 6, 200) == 1;
                      },
                      [b, mask] {
                          cv::inpaint(b->srcMat, *mask, b->outMat, 1.0, cv::INPAINT_TELEA);
                          return true;
                      },
-                     {}, Difference(b, kBorder)};
+                     {},
+                     Difference(b, kBorder)};
     };
     return e;
 }()};

@@ -16,11 +16,17 @@ namespace compare {
 template <class T>
 int CvType();
 template <>
-inline int CvType<uint8_t>() { return CV_8U; }
+inline int CvType<uint8_t>() {
+    return CV_8U;
+}
 template <>
-inline int CvType<uint16_t>() { return CV_16U; }
+inline int CvType<uint16_t>() {
+    return CV_16U;
+}
 template <>
-inline int CvType<float>() { return CV_32F; }
+inline int CvType<float>() {
+    return CV_32F;
+}
 
 // A frame-sized matrix over the vector's pixels (no copy; the vector must outlive it).
 template <class T>
@@ -38,7 +44,11 @@ struct Buffers {
     cv::Mat srcMat, outMat;
 
     explicit Buffers(const std::vector<T>& frame)
-        : src(frame), outV(frame.size()), outP(frame.size()), srcMat(View(src)), outMat(View(outP)) {}
+        : src(frame),
+          outV(frame.size()),
+          outP(frame.size()),
+          srcMat(View(src)),
+          outMat(View(outP)) {}
 };
 
 // Pixels this close to an edge are left out of the comparison of outputs: the widest window
@@ -54,7 +64,8 @@ std::function<double()> Difference(std::shared_ptr<Buffers<T>> b, int border) {
         for (int y = border; y < kHeight - border; ++y) {
             for (int x = border; x < kWidth - border; ++x) {
                 const size_t i = static_cast<size_t>(y) * kWidth + x;
-                const double d = std::fabs(static_cast<double>(b->outV[i]) - static_cast<double>(b->outP[i]));
+                const double d =
+                    std::fabs(static_cast<double>(b->outV[i]) - static_cast<double>(b->outP[i]));
                 if (std::isnan(d)) {
                     return d;
                 }

@@ -21,8 +21,8 @@ const AddEntry kAce{[] {
     e.setup = [] {
         auto b = std::make_shared<Frame16Buffers>();
         return Sides{[b] {
-                         return AdaptiveContrastEnhancement(b->src.data(), b->dst.data(), kWidth, kHeight, 4, 20,
-                                                            1.0f, 3.0f) == 1;
+                         return AdaptiveContrastEnhancement(b->src.data(), b->dst.data(), kWidth,
+                                                            kHeight, 4, 20, 1.0f, 3.0f) == 1;
                      },
                      {},
                      {}};
@@ -35,8 +35,9 @@ const AddEntry kAceQuick{[] {
     e.setup = [] {
         auto b = std::make_shared<Frame16Buffers>();
         return Sides{[b] {
-                         return AdaptiveContrastEnhancementQuick(b->src.data(), b->dst.data(), kWidth, kHeight, 4,
-                                                                 20, 1.0f, 3.0f) == 1;
+                         return AdaptiveContrastEnhancementQuick(b->src.data(), b->dst.data(),
+                                                                 kWidth, kHeight, 4, 20, 1.0f,
+                                                                 3.0f) == 1;
                      },
                      {},
                      {}};
@@ -51,7 +52,8 @@ const AddEntry kAceGamma{[] {
         auto b = std::make_shared<Frame16Buffers>();
         auto param = std::make_shared<struAceGammaParam>();
         return Sides{[b, param] {
-                         return Ace_Gamma(b->src.data(), b->dst.data(), kWidth, kHeight, 4, param.get(), nullptr) == 1;
+                         return Ace_Gamma(b->src.data(), b->dst.data(), kWidth, kHeight, 4,
+                                          param.get(), nullptr) == 1;
                      },
                      {},
                      {}};
@@ -69,7 +71,10 @@ const AddEntry kWln{[] {
         param->wr = 50000;
         param->specifymin = 0;
         param->specifymax = 65535;
-        return Sides{[b, param] { return WLN(b->src.data(), b->dst.data(), kWidth, kHeight, param.get()) == 1; },
+        return Sides{[b, param] {
+                         return WLN(b->src.data(), b->dst.data(), kWidth, kHeight, param.get()) ==
+                                1;
+                     },
                      {},
                      {}};
     };
@@ -86,7 +91,8 @@ const AddEntry kUsmEx{[] {
         param->lam = 0.04f;
         param->isNeedNorm = 0;
         return Sides{[b, param] {
-                         return USM_EX(b->src.data(), b->dst.data(), kWidth, kHeight, 4, param.get(), nullptr) == 1;
+                         return USM_EX(b->src.data(), b->dst.data(), kWidth, kHeight, 4,
+                                       param.get(), nullptr) == 1;
                      },
                      {},
                      {}};
@@ -100,7 +106,10 @@ const AddEntry kGainMap{[] {
     e.setup = [] {
         auto src = std::make_shared<std::vector<float>>(FrameF());
         auto dst = std::make_shared<std::vector<float>>(kPixels);
-        return Sides{[src, dst] { return ImgGainCorrect(src->data(), dst->data(), kWidth, kHeight) == 1; }, {}, {}};
+        return Sides{
+            [src, dst] { return ImgGainCorrect(src->data(), dst->data(), kWidth, kHeight) == 1; },
+            {},
+            {}};
     };
     return e;
 }()};

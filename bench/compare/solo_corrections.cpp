@@ -36,8 +36,8 @@ std::vector<uint16_t> FlatFrame(double level) {
     for (int y = 0; y < kHeight; ++y) {
         for (int x = 0; x < kWidth; ++x) {
             const double dx = (x - kWidth / 2.0) / kWidth, dy = (y - kHeight / 2.0) / kHeight;
-            f[static_cast<size_t>(y) * kWidth + x] =
-                static_cast<uint16_t>(level * (1.0 - 0.3 * (dx * dx + dy * dy)) + ((x * 7 + y * 13) % 17));
+            f[static_cast<size_t>(y) * kWidth + x] = static_cast<uint16_t>(
+                level * (1.0 - 0.3 * (dx * dx + dy * dy)) + ((x * 7 + y * 13) % 17));
         }
     }
     f[0] = static_cast<uint16_t>(level);
@@ -100,15 +100,16 @@ Entry GainEntry(int order, const char* name, std::vector<double> levels) {
     e.setup = [levels] {
         auto detector = CalibratedDetector(levels, false);
         auto raw = std::make_shared<RawImage>();
-        return Sides{[detector, raw] { return detector->DoGainCorrection(raw->image) == 1; }, {},
+        return Sides{[detector, raw] { return detector->DoGainCorrection(raw->image) == 1; },
+                     {},
                      [raw] { raw->Restore(); }};
     };
     return e;
 }
 
 const AddEntry kGainOne{GainEntry(1300, "CVeltrano::DoGainCorrection 1 gain frame", {30000.0})};
-const AddEntry kGainFour{
-    GainEntry(1301, "CVeltrano::DoGainCorrection 4 gain frames", {6000.0, 14000.0, 26000.0, 40000.0})};
+const AddEntry kGainFour{GainEntry(1301, "CVeltrano::DoGainCorrection 4 gain frames",
+                                   {6000.0, 14000.0, 26000.0, 40000.0})};
 
 const AddEntry kFixBadPixel{[] {
     Entry e = Solo(1302, "CVeltrano::DoFixBadPixel realistic map", FrameBytes<float>());
@@ -120,8 +121,10 @@ const AddEntry kFixBadPixel{[] {
         auto defects = std::make_shared<imgmat>(kWidth, kHeight, 1);
         const std::vector<float> map = RealisticDefects();
         std::copy(map.begin(), map.end(), defects->data);
-        return Sides{[detector, raw, defects] { return detector->DoFixBadPixel(raw->image, *defects) == 1; }, {},
-                     [raw] { raw->Restore(); }};
+        return Sides{
+            [detector, raw, defects] { return detector->DoFixBadPixel(raw->image, *defects) == 1; },
+            {},
+            [raw] { raw->Restore(); }};
     };
     return e;
 }()};

@@ -21,8 +21,8 @@ const AddEntry kCopyRoi{[] {
         };
         auto b = std::make_shared<B>();
         return Sides{[b] {
-                         return CopyRoiTo(Bytes(b->src), Bytes(b->dst), Bytes(b->block), 4, kWidth, kHeight, 400,
-                                          300, 850, 100) == 1;
+                         return CopyRoiTo(Bytes(b->src), Bytes(b->dst), Bytes(b->block), 4, kWidth,
+                                          kHeight, 400, 300, 850, 100) == 1;
                      },
                      {},
                      {}};
@@ -40,8 +40,8 @@ const AddEntry kWaterMark{[] {
         auto b = std::make_shared<B>();
         for (size_t i = 0; i < b->mark.size(); ++i) b->mark[i] = (i / 7) % 3 == 0 ? 60000 : 0;
         return Sides{[b] {
-                         return AddWaterMask(Bytes(b->src), Bytes(b->dst), Bytes(b->mark), kWidth, kHeight, 400,
-                                             120, 850, 1650, 4, 0.3f) == 1;
+                         return AddWaterMask(Bytes(b->src), Bytes(b->dst), Bytes(b->mark), kWidth,
+                                             kHeight, 400, 120, 850, 1650, 4, 0.3f) == 1;
                      },
                      {},
                      {}};
@@ -63,8 +63,8 @@ const AddEntry kRightDown{[] {
     e.setup = [] {
         auto b = std::make_shared<FloatFrames>();
         return Sides{[b] {
-                         return Copy_RightDown_To_LeftUp(Bytes(b->src), Bytes(b->dst), kWidth, kHeight, 8, 0, 0,
-                                                         kCornerCut) == 1;
+                         return Copy_RightDown_To_LeftUp(Bytes(b->src), Bytes(b->dst), kWidth,
+                                                         kHeight, 8, 0, 0, kCornerCut) == 1;
                      },
                      {},
                      {}};
@@ -77,8 +77,9 @@ const AddEntry kLeftDown{[] {
     e.setup = [] {
         auto b = std::make_shared<FloatFrames>();
         return Sides{[b] {
-                         return Copy_LeftDown_To_RightUp(Bytes(b->src), Bytes(b->dst), kWidth, kHeight, 8,
-                                                         kWidth - kCornerCut, 0, kCornerCut) == 1;
+                         return Copy_LeftDown_To_RightUp(Bytes(b->src), Bytes(b->dst), kWidth,
+                                                         kHeight, 8, kWidth - kCornerCut, 0,
+                                                         kCornerCut) == 1;
                      },
                      {},
                      {}};
@@ -94,8 +95,8 @@ const AddEntry kMaskByLine{[] {
         };
         auto b = std::make_shared<B>();
         return Sides{[b] {
-                         return MakeMaskByLine(b->src.data(), b->dst.data(), kWidth, kHeight, 0.0f, 1500.0f, 1300.0f,
-                                               1700.0f, 1, 0) == 1;
+                         return MakeMaskByLine(b->src.data(), b->dst.data(), kWidth, kHeight, 0.0f,
+                                               1500.0f, 1300.0f, 1700.0f, 1, 0) == 1;
                      },
                      {},
                      {}};

@@ -20,8 +20,8 @@ using Call = std::function<bool()>;
 // The calls of one entry, made by its setup function with the buffers they work on.
 struct Sides {
     Call veltrano;
-    Call peer;                      // empty for a function with no peer
-    std::function<void()> before;   // untimed, before every call of either side; may be empty
+    Call peer;                     // empty for a function with no peer
+    std::function<void()> before;  // untimed, before every call of either side; may be empty
     // After one call of each side: the largest difference between their outputs away from the
     // borders (where the two treat the edge differently), in the output's own units. Empty
     // when the outputs are not comparable pixel by pixel.
@@ -36,18 +36,18 @@ enum class Correction {
 };
 
 struct Entry {
-    int order = 0;              // place in the report (ascending; ties keep registration order)
-    std::string name;           // the Veltrano function and its settings
-    std::string peer;           // the OpenCV operation; empty for a function with no peer
-    double targetRatio = 1.0;   // Veltrano / OpenCV, pairs only
-    double limitMs = 0.0;       // upper bound on Veltrano's time in ms; 0: none
-    double limitCopies = 0.0;   // upper bound in copies of the 16-bit frame; 0: none
-    double frameBytes = 0.0;    // bytes of one frame of the function's own pixel type
+    int order = 0;             // place in the report (ascending; ties keep registration order)
+    std::string name;          // the Veltrano function and its settings
+    std::string peer;          // the OpenCV operation; empty for a function with no peer
+    double targetRatio = 1.0;  // Veltrano / OpenCV, pairs only
+    double limitMs = 0.0;      // upper bound on Veltrano's time in ms; 0: none
+    double limitCopies = 0.0;  // upper bound in copies of the 16-bit frame; 0: none
+    double frameBytes = 0.0;   // bytes of one frame of the function's own pixel type
     // A pair whose two sides compute the same thing up to rounding: the largest difference
     // their outputs may show (Sides::difference). Negative: the peer computes something
     // similar but not the same, and nothing is checked.
     double agreeWithin = -1.0;
-    bool quiet = false;         // the calls log to standard output: silence it while they run
+    bool quiet = false;  // the calls log to standard output: silence it while they run
     Correction correction = Correction::None;
     std::function<Sides()> setup;
 };

@@ -23,13 +23,13 @@
 //
 // Cost: one exponential per weight, and every weight serves two pixels, so about
 // width * height * k_w * k_h / 2 exponentials a call: 36 to 46 ms measured for a 5 x 5 kernel on a
-// 1300 x 1800 frame with AVX2, growing with the kernel's area. Scratch memory is a few rows per kernel row and offset, at most 16 MiB; kernels
-// needing more (beyond about 27 x 27 on such a frame) take the plain per-pixel path, with twice
-// the exponentials and one extended copy of the image. Weights whose exponent is 104 or more
-// are exactly 0 and cost no exponential. On processors with AVX2 the exponential is a vector
-// form within 1 unit in the last place of the C library's, so outputs may differ from those of
-// other processors in the last bits (the tests allow 2^-20 of the largest magnitude in the
-// window).
+// 1300 x 1800 frame with AVX2, growing with the kernel's area. Scratch memory is a few rows per
+// kernel row and offset, at most 16 MiB; kernels needing more (beyond about 27 x 27 on such a
+// frame) take the plain per-pixel path, with twice the exponentials and one extended copy of the
+// image. Weights whose exponent is 104 or more are exactly 0 and cost no exponential. On processors
+// with AVX2 the exponential is a vector form within 1 unit in the last place of the C library's, so
+// outputs may differ from those of other processors in the last bits (the tests allow 2^-20 of the
+// largest magnitude in the window).
 VELTRANO_API int bilateralFilter_32F(float* src, float* dst, int width, int height,
                                      struBilatralParam* param);
 

@@ -239,7 +239,7 @@ struct CalibrationOptions {
 
 // Where a calibration run stands, for a progress display.
 struct CalibrationProgress {
-    int level = 0;      // 0-based level being taken; levels for the check exposure and after
+    int level = 0;  // 0-based level being taken; levels for the check exposure and after
     int levels = 0;
     int exposure = 0;   // exposures of this level accepted so far
     int exposures = 0;  // per level
@@ -263,13 +263,13 @@ struct CalibrationCallbacks {
 // Results of RunCalibration.
 enum CalibrationResultCode {
     kCalibrationDone = 0,
-    kCalibrationBadArguments = -1,   // null or empty work directory, options out of range
-    kCalibrationNoSensor = -2,       // the driver could not be loaded, or the sensor connected
+    kCalibrationBadArguments = -1,    // null or empty work directory, options out of range
+    kCalibrationNoSensor = -2,        // the driver could not be loaded, or the sensor connected
     kCalibrationExposureFailed = -3,  // AcqImageEx delivered no image
-    kCalibrationRefused = -4,        // an exposure failed a check, or the result is not flat
+    kCalibrationRefused = -4,         // an exposure failed a check, or the result is not flat
     kCalibrationCancelled = -5,
     kCalibrationAnalysisFailed = -6,
-    kCalibrationWriteFailed = -7,    // the files could not be written or put in place
+    kCalibrationWriteFailed = -7,  // the files could not be written or put in place
 };
 
 struct CalibrationResult {

@@ -46,8 +46,8 @@ VELTRANO_API int clahe_8U(uint8_t* src, uint8_t* dst, int32_t width, int32_t hei
                           claheParam* param, const char* iniPath);
 VELTRANO_API int clahe_16U(uint16_t* src, uint16_t* dst, int32_t width, int32_t height,
                            claheParam* param, const char* iniPath);
-VELTRANO_API int clahe_32F(float* src, float* dst, int32_t width, int32_t height,
-                           claheParam* param, const char* iniPath);
+VELTRANO_API int clahe_32F(float* src, float* dst, int32_t width, int32_t height, claheParam* param,
+                           const char* iniPath);
 VELTRANO_API int clahe_64F(double* src, double* dst, int32_t width, int32_t height,
                            claheParam* param, const char* iniPath);
 

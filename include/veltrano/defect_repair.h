@@ -17,8 +17,8 @@
 // (32-bit float), all checked before anything is written; -5 the image is too large for the
 // pass bookkeeping (more than 2^31 - 1 pixels or not allocatable). An image with a width or
 // height of zero or below is empty: 1.
-VELTRANO_API int ImgFix(float* src, float* dst, float* defectMap, int width, int height,
-                        int radius, int pixelType, int maxPasses);
+VELTRANO_API int ImgFix(float* src, float* dst, float* defectMap, int width, int height, int radius,
+                        int pixelType, int maxPasses);
 
 // One-pass repair over the 3 x 3 neighbourhood: a pixel whose map value is 0.01 or more becomes
 // the mean of its neighbours whose map value is below 0.01, or 0.0 when it has none. All reads

@@ -5,11 +5,11 @@
 #pragma once
 
 #if defined(_WIN32)
-#  if defined(VELTRANO_BUILDING)
-#    define VELTRANO_API __declspec(dllexport)
-#  else
-#    define VELTRANO_API __declspec(dllimport)
-#  endif
+#if defined(VELTRANO_BUILDING)
+#define VELTRANO_API __declspec(dllexport)
 #else
-#  define VELTRANO_API __attribute__((visibility("default")))
+#define VELTRANO_API __declspec(dllimport)
+#endif
+#else
+#define VELTRANO_API __attribute__((visibility("default")))
 #endif

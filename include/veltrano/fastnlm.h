@@ -27,7 +27,7 @@
 //
 // Results: 1 done (a width or height below 1 leaves nothing to do); -1 null source; -2 null
 // destination; -3 h is 0, not finite, or so small that 1 / (h^2 x patch area) overflows (the
-// weights would be undefined); -4 p or s negative or above 1024; -5 the image has more than 2^28 pixels,
-// or the working buffers cannot be allocated (nothing is written). The radius check comes
+// weights would be undefined); -4 p or s negative or above 1024; -5 the image has more than 2^28
+// pixels, or the working buffers cannot be allocated (nothing is written). The radius check comes
 // first, then h, then the size.
 VELTRANO_API int FastNLM(uint8_t* src, uint8_t* dst, int width, int height, float h, int p, int s);

@@ -47,8 +47,8 @@ VELTRANO_API int filter2D_16U(uint16_t* src, uint16_t* dst, int width, int heigh
                               int kh, int kw);
 VELTRANO_API int filter2D_8U(uint8_t* src, uint8_t* dst, int width, int height, float* kernel,
                              int kw, int kh);
-VELTRANO_API int filter2D_32F(float* src, float* dst, int width, int height, float* kernel,
-                              int kw, int kh);
+VELTRANO_API int filter2D_32F(float* src, float* dst, int width, int height, float* kernel, int kw,
+                              int kh);
 
 // Normalised Gaussian kernel of kh rows by kw columns, exp(-(dx^2 + dy^2) / (2 sigmaX sigmaY))
 // with the centre at (kw/2, kh/2); a sigma of 0 or below counts as 1. Results: 1 done; -1 null
@@ -86,8 +86,7 @@ VELTRANO_API int gaussFilter_32F(float* src, float* dst, int width, int height, 
 // destination; -3 code not served; -4 too large (more than 2^28 pixels, or no scratch). Safe in
 // place. The cost does not depend on the radius: integer images sum exactly in 32-bit integers
 // up to radius 90 (16-bit) or 1447 (8-bit), with the same results as the described sums.
-VELTRANO_API int Box_Filter(void* src, void* dst, int width, int height, int pixelType,
-                            int radius);
+VELTRANO_API int Box_Filter(void* src, void* dst, int width, int height, int pixelType, int radius);
 
 // Median of the (2r+1) x (2r+1) window for codes 3, 4, 5 and 6 (radius before the code, unlike
 // Box_Filter): the element of rank n/2 of the n = (2r+1)^2 window values, the window read from

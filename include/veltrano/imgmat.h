@@ -72,6 +72,5 @@ private:
     void defaultData();
     // Allocates for the given extents: width x height x depth samples, but never fewer than
     // width x height, which the value operators and readRawFile always cover.
-    void allocateFor(unsigned long long width, unsigned long long height,
-                     unsigned long long depth);
+    void allocateFor(unsigned long long width, unsigned long long height, unsigned long long depth);
 };

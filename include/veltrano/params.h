@@ -203,9 +203,9 @@ struct VELTRANO_API struBilatralParam : public paramBase {
 
 // Non-local-means settings; section "struFastNLMParam".
 struct VELTRANO_API struFastNLMParam : public paramBase {
-    int rd = 1;     // patch radius
-    int rD = 3;     // search radius
-    float h = 3.0f; // filtering strength
+    int rd = 1;      // patch radius
+    int rD = 3;      // search radius
+    float h = 3.0f;  // filtering strength
     char* filePath = nullptr;
 
     struFastNLMParam();

@@ -10,12 +10,12 @@
 namespace veltrano {
 
 enum PixelTypeCode : int32_t {
-    kPix8U = 3,   // unsigned 8-bit
-    kPix16U = 4,  // unsigned 16-bit
-    kPix16S = 5,  // signed 16-bit
-    kPix32F = 6,  // 32-bit float
-    kPix32S = 8,  // signed 32-bit
-    kPix64F = 11, // 64-bit float
+    kPix8U = 3,    // unsigned 8-bit
+    kPix16U = 4,   // unsigned 16-bit
+    kPix16S = 5,   // signed 16-bit
+    kPix32F = 6,   // 32-bit float
+    kPix32S = 8,   // signed 32-bit
+    kPix64F = 11,  // 64-bit float
 
     // Colour codes that only the watermark blend serves: three or four channels of 8-bit
     // elements, or three of unsigned 16-bit ones. 2 and 7 are read alike.
@@ -30,12 +30,24 @@ enum PixelTypeCode : int32_t {
 // is kept exactly, numbers and all.
 inline int PixelTypeSize(int32_t code) {
     switch (code) {
-    case 3: case 12: return 1;
-    case 4: case 5: return 2;
-    case 1: return 3;
-    case 2: case 6: case 7: case 8: case 13: return 4;
-    case 9: return 6;
-    default: return 8;
+    case 3:
+    case 12:
+        return 1;
+    case 4:
+    case 5:
+        return 2;
+    case 1:
+        return 3;
+    case 2:
+    case 6:
+    case 7:
+    case 8:
+    case 13:
+        return 4;
+    case 9:
+        return 6;
+    default:
+        return 8;
     }
 }
 

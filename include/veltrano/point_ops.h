@@ -34,8 +34,7 @@ VELTRANO_API int GammaCorrect(void* src, void* dst, uint32_t width, uint32_t hei
 // in double by the library's own vector code (whole numbers 0..65535 through a table of 65536
 // floats): the single-precision result equals the C library's except within about 2^-50 of a
 // rounding boundary, where it may differ by one unit in the last place.
-VELTRANO_API int Image_Log(float* src, float* dst, uint32_t width, uint32_t height,
-                           int32_t negate);
+VELTRANO_API int Image_Log(float* src, float* dst, uint32_t width, uint32_t height, int32_t negate);
 
 // src squared into 64-bit floats without clamping, for codes 3, 4, 5, 6 and 8. The destination
 // holds width * height doubles.

@@ -49,14 +49,14 @@ VELTRANO_API int USM_EX(uint16_t* src, void* dst, uint32_t width, uint32_t heigh
 // Gaussian unsharp mask: K[i][j] = exp(((j-r)^2 + (i-r)^2) * -1 / (2 sigma^2)), not normalised;
 // result src * (S amount + 1) - (amount K correlated with src), clamped to 0..65535 (a NaN gives
 // 0) and truncated. Sigma enters squared, so a negative sigma acts as its magnitude; 0 (or NaN)
-// acts as 1.0, as in the Gaussian kernel generator. When `mask` is given it first receives 1 where |src - K correlated with src| is at
-// least `threshold` and 0 elsewhere (the correlation with the unnormalised kernel, not a local
-// mean); the Gaussian kernel is separable, so the mask does not restrict the sharpening pass. Source and destination may be the same buffer.
-// Results: 1 done; -1 null source; -2 null destination; -4 width or height below 1, radius not in
-// 1..1024, or more than 2^28 elements in the image or in the image extended by the radius.
-// Cost: 2 (2r + 1) products per pixel through ImageConv's separable split; when a small sigma
-// makes the float weights underflow unevenly the kernel is not separable, and the direct sum
-// visits only its nonzero weights.
+// acts as 1.0, as in the Gaussian kernel generator. When `mask` is given it first receives 1 where
+// |src - K correlated with src| is at least `threshold` and 0 elsewhere (the correlation with the
+// unnormalised kernel, not a local mean); the Gaussian kernel is separable, so the mask does not
+// restrict the sharpening pass. Source and destination may be the same buffer. Results: 1 done; -1
+// null source; -2 null destination; -4 width or height below 1, radius not in 1..1024, or more than
+// 2^28 elements in the image or in the image extended by the radius. Cost: 2 (2r + 1) products per
+// pixel through ImageConv's separable split; when a small sigma makes the float weights underflow
+// unevenly the kernel is not separable, and the direct sum visits only its nonzero weights.
 VELTRANO_API int USM_Gaussian(uint16_t* src, uint16_t* dst, int32_t width, int32_t height,
                               int32_t radius, float amount, int32_t threshold, float sigma,
                               uint8_t* mask);

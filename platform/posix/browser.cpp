@@ -10,8 +10,8 @@ bool OpenInBrowser(const std::string& url) {
     }
     for (const char c : url) {
         const bool plain = (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') ||
-                           (c >= 'A' && c <= 'Z') || c == ':' || c == '/' || c == '.' ||
-                           c == '-' || c == '_';
+                           (c >= 'A' && c <= 'Z') || c == ':' || c == '/' || c == '.' || c == '-' ||
+                           c == '_';
         if (!plain) {
             return false;
         }

@@ -22,7 +22,9 @@ InterruptHandler SetHandler(int signal, InterruptHandler handler) {
 
 }  // namespace
 
-InterruptHandler SetInterruptHandler(InterruptHandler handler) { return SetHandler(SIGINT, handler); }
+InterruptHandler SetInterruptHandler(InterruptHandler handler) {
+    return SetHandler(SIGINT, handler);
+}
 
 InterruptHandler SetTerminationHandler(InterruptHandler handler) {
     return SetHandler(SIGTERM, handler);

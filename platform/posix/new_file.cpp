@@ -11,15 +11,21 @@ namespace {
 
 NewFileError ErrorOf(int code) {
     switch (code) {
-        case EEXIST: return NewFileError::Exists;
-        case ENOENT:
-        case ENOTDIR: return NewFileError::NoFolder;
-        case EACCES:
-        case EPERM: return NewFileError::Denied;
-        case EROFS: return NewFileError::ReadOnly;
-        case ENOSPC:
-        case EDQUOT: return NewFileError::NoSpace;
-        default: return NewFileError::Other;
+    case EEXIST:
+        return NewFileError::Exists;
+    case ENOENT:
+    case ENOTDIR:
+        return NewFileError::NoFolder;
+    case EACCES:
+    case EPERM:
+        return NewFileError::Denied;
+    case EROFS:
+        return NewFileError::ReadOnly;
+    case ENOSPC:
+    case EDQUOT:
+        return NewFileError::NoSpace;
+    default:
+        return NewFileError::Other;
     }
 }
 

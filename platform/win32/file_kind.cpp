@@ -9,32 +9,39 @@ namespace {
 // Opens the entry without reading or writing it (so a pipe or device is not disturbed) and asks
 // what it is. FILE_FLAG_BACKUP_SEMANTICS lets a folder be opened too.
 FileKind Query(const std::string& path, bool followLinks) {
-    const DWORD flags = FILE_FLAG_BACKUP_SEMANTICS | (followLinks ? 0 : FILE_FLAG_OPEN_REPARSE_POINT);
-    HANDLE handle = ::CreateFileA(path.c_str(), 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                  nullptr, OPEN_EXISTING, flags, nullptr);
+    const DWORD flags =
+        FILE_FLAG_BACKUP_SEMANTICS | (followLinks ? 0 : FILE_FLAG_OPEN_REPARSE_POINT);
+    HANDLE handle =
+        ::CreateFileA(path.c_str(), 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                      nullptr, OPEN_EXISTING, flags, nullptr);
     if (handle == INVALID_HANDLE_VALUE) {
         const DWORD error = ::GetLastError();
         return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND ? FileKind::Missing
-                                                                               : FileKind::Other;
+                                                                              : FileKind::Other;
     }
     FileKind kind = FileKind::Other;
     switch (::GetFileType(handle)) {
-        case FILE_TYPE_CHAR: kind = FileKind::Device; break;
-        case FILE_TYPE_PIPE: kind = FileKind::Fifo; break;
-        case FILE_TYPE_DISK: {
-            BY_HANDLE_FILE_INFORMATION info;
-            if (::GetFileInformationByHandle(handle, &info)) {
-                if (!followLinks && (info.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
-                    kind = FileKind::SymbolicLink;
-                } else if ((info.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
-                    kind = FileKind::Directory;
-                } else {
-                    kind = FileKind::Regular;
-                }
+    case FILE_TYPE_CHAR:
+        kind = FileKind::Device;
+        break;
+    case FILE_TYPE_PIPE:
+        kind = FileKind::Fifo;
+        break;
+    case FILE_TYPE_DISK: {
+        BY_HANDLE_FILE_INFORMATION info;
+        if (::GetFileInformationByHandle(handle, &info)) {
+            if (!followLinks && (info.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
+                kind = FileKind::SymbolicLink;
+            } else if ((info.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
+                kind = FileKind::Directory;
+            } else {
+                kind = FileKind::Regular;
             }
-            break;
         }
-        default: break;
+        break;
+    }
+    default:
+        break;
     }
     ::CloseHandle(handle);
     return kind;
@@ -47,11 +54,13 @@ FileKind FileKindOf(const std::string& path) { return Query(path, true); }
 FileKind LinkKindOf(const std::string& path) { return Query(path, false); }
 
 std::string FinalTarget(const std::string& path) {
-    HANDLE handle = ::CreateFileA(path.c_str(), 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                  nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
+    HANDLE handle =
+        ::CreateFileA(path.c_str(), 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                      nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr);
     if (handle == INVALID_HANDLE_VALUE) return std::string();
     char buffer[MAX_PATH * 4];
-    const DWORD n = ::GetFinalPathNameByHandleA(handle, buffer, sizeof buffer, FILE_NAME_NORMALIZED);
+    const DWORD n =
+        ::GetFinalPathNameByHandleA(handle, buffer, sizeof buffer, FILE_NAME_NORMALIZED);
     ::CloseHandle(handle);
     if (n == 0 || n >= sizeof buffer) return std::string();
     std::string text(buffer, n);

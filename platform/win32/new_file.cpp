@@ -12,11 +12,16 @@ namespace {
 
 NewFileError ErrorOf(int code) {
     switch (code) {
-        case EEXIST: return NewFileError::Exists;
-        case ENOENT: return NewFileError::NoFolder;
-        case EACCES: return NewFileError::Denied;
-        case ENOSPC: return NewFileError::NoSpace;
-        default: return NewFileError::Other;
+    case EEXIST:
+        return NewFileError::Exists;
+    case ENOENT:
+        return NewFileError::NoFolder;
+    case EACCES:
+        return NewFileError::Denied;
+    case ENOSPC:
+        return NewFileError::NoSpace;
+    default:
+        return NewFileError::Other;
     }
 }
 

@@ -19,7 +19,8 @@ using caltest::TempFolder;
 // The first exposure of a fresh detector object on calibrationDir whose driver uses sensorDir.
 // A fresh driver instance starts its noise sequence anew, so two such exposures of the same
 // configuration differ only by their corrections.
-bool Acquire(const std::string& calibrationDir, const std::string& sensorDir, int count, imgmat* images) {
+bool Acquire(const std::string& calibrationDir, const std::string& sensorDir, int count,
+             imgmat* images) {
     CVeltrano detector(calibrationDir.c_str());
     if (detector.InitializeByPath(sensorDir.c_str()) != 0 || detector.Connect() != 0 ||
         detector.GetAndCaliFile_Gain() != 0 || detector.GetBadPixelInfo() != 0) {
@@ -42,7 +43,8 @@ TEST(CalibrationAcceptance, DISABLED_EverySizeAndTwoSeeds) {
             SCOPED_TRACE("size " + std::to_string(size.code) + " seed " + std::to_string(seed));
             TempFolder work, own;
             const std::string ini = "[VirtualSensor]\nSensorSize=" + std::to_string(size.code) +
-                                    "\nSeed=" + std::to_string(seed) + "\nExposureMs=0\nScene=phantom\n";
+                                    "\nSeed=" + std::to_string(seed) +
+                                    "\nExposureMs=0\nScene=phantom\n";
             caltest::WriteText(work.path() / "VirtualSensor.ini", ini);
             caltest::WriteText(own.path() / "VirtualSensor.ini", ini);
             ASSERT_EQ(Driver().writeCalibration(own.str().c_str(), 4), 0);
@@ -63,7 +65,8 @@ TEST(CalibrationAcceptance, DISABLED_EverySizeAndTwoSeeds) {
             const size_t pixels = static_cast<size_t>(size.width) * size.height;
             std::vector<uint8_t> truth(pixels);
             ASSERT_EQ(Driver().getFixedPattern(work.str().c_str(), nullptr, nullptr, truth.data(),
-                                               static_cast<long long>(pixels)), 0);
+                                               static_cast<long long>(pixels)),
+                      0);
             const std::vector<uint8_t> dft = caltest::ReadBytes(result.defectPath);
             ASSERT_EQ(dft.size(), 1040 + pixels);
             double bad = 0, found = 0, good = 0, falselyMarked = 0;
@@ -97,14 +100,15 @@ TEST(CalibrationAcceptance, DISABLED_EverySizeAndTwoSeeds) {
             }
             const double ratio = std::sqrt(difference / noise);
 
-            std::fprintf(stderr,
-                         "acceptance: size %d seed %d: defects marked %.0f of %.0f (%.3f %%), good "
-                         "marked %.0f of %.0f (%.4f %%); flat CV %.3f %% (raw check %.2f %%); phantom "
-                         "RMS difference %.3f of its noise, mean offset %+.3f %%; levels %u %u %u %u\n",
-                         size.code, seed, found, bad, 100.0 * found / bad, falselyMarked, good,
-                         100.0 * falselyMarked / good, 100.0 * cv, 100.0 * result.header.cvBefore, ratio,
-                         100.0 * offset / n, result.header.levels[0], result.header.levels[1],
-                         result.header.levels[2], result.header.levels[3]);
+            std::fprintf(
+                stderr,
+                "acceptance: size %d seed %d: defects marked %.0f of %.0f (%.3f %%), good "
+                "marked %.0f of %.0f (%.4f %%); flat CV %.3f %% (raw check %.2f %%); phantom "
+                "RMS difference %.3f of its noise, mean offset %+.3f %%; levels %u %u %u %u\n",
+                size.code, seed, found, bad, 100.0 * found / bad, falselyMarked, good,
+                100.0 * falselyMarked / good, 100.0 * cv, 100.0 * result.header.cvBefore, ratio,
+                100.0 * offset / n, result.header.levels[0], result.header.levels[1],
+                result.header.levels[2], result.header.levels[3]);
             EXPECT_GE(found, 0.99 * bad);
             EXPECT_LE(falselyMarked, 0.0005 * good);
             EXPECT_LT(cv, 0.015);

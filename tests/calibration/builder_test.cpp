@@ -44,8 +44,9 @@ TEST(CalibrationBuilder, FindsEachKindOfDefectAndNothingElse) {
     plant(85, 25, veltrano::kDefectDead, caltest::Scaled(0.3));
     plant(95, 75, veltrano::kDefectHot, caltest::Scaled(1.7));
     // Within half and one and a half of its neighbours at every dose, but rising by 0.4 of theirs.
-    plant(90, 60, veltrano::kDefectUnresponsive,
-          [](double g, double dose, double dark, double) { return g * (0.4 * dose + 2700) + dark; });
+    plant(90, 60, veltrano::kDefectUnresponsive, [](double g, double dose, double dark, double) {
+        return g * (0.4 * dose + 2700) + dark;
+    });
     // Follows the dose without any noise: it does not see the radiation.
     plant(30, 75, veltrano::kDefectUnresponsive,
           [](double g, double dose, double dark, double) { return g * dose + dark; });
@@ -60,7 +61,8 @@ TEST(CalibrationBuilder, FindsEachKindOfDefectAndNothingElse) {
         if (!sensor.isCut(60, y)) plant(60, y, veltrano::kDefectColumn, caltest::Stuck(30));
     }
     for (int x = 0; x < sensor.width; ++x) {
-        if (!sensor.isCut(x, 70) && x != 60) plant(x, 70, veltrano::kDefectRow, caltest::Scaled(0.8));
+        if (!sensor.isCut(x, 70) && x != 60)
+            plant(x, 70, veltrano::kDefectRow, caltest::Scaled(0.8));
     }
     // A 3 x 3 cluster with a weak pixel on its rim (70 %: too good to be condemned alone), and
     // an equally weak pixel far from any defect, which stays good.
@@ -80,9 +82,11 @@ TEST(CalibrationBuilder, FindsEachKindOfDefectAndNothingElse) {
     for (int y = 0; y < sensor.height; ++y) {
         for (int x = 0; x < sensor.width; ++x) {
             const auto it = planted.find({x, y});
-            const uint8_t want = it == planted.end() ? 0 : it->second, got = map[sensor.index(x, y)];
+            const uint8_t want = it == planted.end() ? 0 : it->second,
+                          got = map[sensor.index(x, y)];
             if (got != want && wrong++ < 10) {
-                ADD_FAILURE() << "pixel (" << x << ", " << y << "): kind " << int(got) << ", planted " << int(want);
+                ADD_FAILURE() << "pixel (" << x << ", " << y << "): kind " << int(got)
+                              << ", planted " << int(want);
             }
         }
     }
@@ -110,13 +114,15 @@ TEST(CalibrationBuilder, JudgesTheSpreadOnlyWithEnoughExposures) {
         sensor.plant(50, 50, [](double g, double dose, double dark, double unit) {
             return SyntheticSensor::Good(g, dose, dark, 10.0 * unit);
         });
-        sensor.plant(60, 60, [](double g, double dose, double dark, double) { return g * dose + dark; });
+        sensor.plant(60, 60,
+                     [](double g, double dose, double dark, double) { return g * dose + dark; });
         CalibrationBuilder builder(sensor.width, sensor.height, sensor.cut, 1);
         Feed(builder, sensor, exposures);
         ASSERT_EQ(builder.Analyse(DefectThresholds()), 1);
         const bool judged = exposures == 7;
         EXPECT_EQ(builder.DefectMap()[sensor.index(50, 50)], judged ? veltrano::kDefectNoisy : 0);
-        EXPECT_EQ(builder.DefectMap()[sensor.index(60, 60)], judged ? veltrano::kDefectUnresponsive : 0);
+        EXPECT_EQ(builder.DefectMap()[sensor.index(60, 60)],
+                  judged ? veltrano::kDefectUnresponsive : 0);
         EXPECT_EQ(builder.Counts().total, judged ? 2u : 0u) << exposures;
     }
 }
@@ -143,7 +149,8 @@ TEST(CalibrationBuilder, GainFramesAreTheAveragesWithTheirLevelInTheFirstPixel) 
         EXPECT_EQ(builder.FrameLevel(l), static_cast<uint32_t>(std::lround(bright)));
         double sum = 0.0, active = 0.0;
         for (size_t i = 1; i < n; ++i) {
-            const double average = (frames[3 * l][i] + frames[3 * l + 1][i] + frames[3 * l + 2][i]) / 3.0;
+            const double average =
+                (frames[3 * l][i] + frames[3 * l + 1][i] + frames[3 * l + 2][i]) / 3.0;
             if (i != sensor.index(40, 30)) off += std::fabs(frame[i] - average) > 0.5 + 1e-3;
             if (!sensor.isCut(static_cast<int>(i % 120), static_cast<int>(i / 120))) {
                 sum += average;
@@ -162,11 +169,17 @@ TEST(CalibrationBuilder, GainFramesAreTheAveragesWithTheirLevelInTheFirstPixel) 
 }
 
 TEST(CalibrationBuilder, RefusesWhatItCannotBuild) {
-    for (auto a : {std::vector<int>{0, 90, 12, 1}, {70000, 10, 2, 1}, {120, 90, -1, 1}, {120, 90, 120, 1}, {120, 90, 12, 2},
+    for (auto a : {std::vector<int>{0, 90, 12, 1},
+                   {70000, 10, 2, 1},
+                   {120, 90, -1, 1},
+                   {120, 90, 120, 1},
+                   {120, 90, 12, 2},
                    {1 << 15, 1 << 14, 9, 4}}) {
         CalibrationBuilder bad(a[0], a[1], a[2], a[3]);
         const std::vector<float> frame(16, 1.0f);
-        EXPECT_TRUE(!bad.IsValid() && bad.AddExposure(0, frame.data()) == -3 && bad.Analyse({}) == -1) << a[0];
+        EXPECT_TRUE(!bad.IsValid() && bad.AddExposure(0, frame.data()) == -3 &&
+                    bad.Analyse({}) == -1)
+            << a[0];
     }
     // Levels in order from the first, without going back; each with an exposure before Analyse.
     SyntheticSensor sensor(2);
@@ -209,7 +222,8 @@ TEST(CalibrationBuilder, BrightMeanTakesWholeBinsFromTheTop) {
     std::fill(pixels.begin() + 3000, pixels.begin() + 9000, 100.0f);
     pixels[9000] = 70000.0f;  // out of range: not counted
     pixels[9001] = -5.0f;
-    EXPECT_DOUBLE_EQ(veltrano::BrightMean(pixels.data(), pixels.size()), (3000 * 200.0 + 6000 * 100.0) / 9000);
+    EXPECT_DOUBLE_EQ(veltrano::BrightMean(pixels.data(), pixels.size()),
+                     (3000 * 200.0 + 6000 * 100.0) / 9000);
     std::fill(pixels.begin(), pixels.end(), 70000.0f);
     EXPECT_EQ(veltrano::BrightMean(pixels.data(), pixels.size()), 0.0);
     pixels.assign(100, 42.9f);  // fewer than 5000 pixels: all of them

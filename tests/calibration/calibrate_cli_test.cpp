@@ -18,22 +18,26 @@ TEST(CalibrateCli, CalibratesTheVirtualSensorReportsAndRefusesBadUse) {
     const fs::path program = fs::absolute("veltrano");
     if (!fs::exists(program)) GTEST_SKIP() << "the veltrano program is not part of this build";
     caltest::TempFolder dir;
-    caltest::WriteText(dir.path() / "VirtualSensor.ini", "[VirtualSensor]\nSensorSize=1000\nSeed=8\nExposureMs=0\n");
+    caltest::WriteText(dir.path() / "VirtualSensor.ini",
+                       "[VirtualSensor]\nSensorSize=1000\nSeed=8\nExposureMs=0\n");
     // Exit code, standard output and standard error of one run.
     auto run = [&](const std::string& args) {
-        const std::string command = "'" + program.string() + "' calibrate --workdir '" + dir.str() + "' " + args +
-                                    " </dev/null >'" + (dir / "out") + "' 2>'" + (dir / "err") + "'";
+        const std::string command = "'" + program.string() + "' calibrate --workdir '" + dir.str() +
+                                    "' " + args + " </dev/null >'" + (dir / "out") + "' 2>'" +
+                                    (dir / "err") + "'";
         const int status = std::system(command.c_str());
         const auto out = caltest::ReadBytes(dir / "out"), err = caltest::ReadBytes(dir / "err");
-        return std::make_tuple(WIFEXITED(status) ? WEXITSTATUS(status) : -1, std::string(out.begin(), out.end()),
+        return std::make_tuple(WIFEXITED(status) ? WEXITSTATUS(status) : -1,
+                               std::string(out.begin(), out.end()),
                                std::string(err.begin(), err.end()));
     };
 
     auto [code, out, err] = run("--levels 1 --exposures 2");
     ASSERT_EQ(code, 0) << err;
-    for (const char* part : {"calibration of sensor VS1000-00000008 (size 1000: 1000 x 1500 pixels)",
-                             "previous:     none", "in defective columns     1500 (1 column)",
-                             "flat-field variation of the check exposure: ", "report image: "}) {
+    for (const char* part :
+         {"calibration of sensor VS1000-00000008 (size 1000: 1000 x 1500 pixels)",
+          "previous:     none", "in defective columns     1500 (1 column)",
+          "flat-field variation of the check exposure: ", "report image: "}) {
         EXPECT_NE(out.find(part), std::string::npos) << part << "\n" << out;
     }
     EXPECT_NE(err.find("virtual source at 1.00 of its dose"), std::string::npos) << err;
@@ -50,10 +54,12 @@ TEST(CalibrateCli, CalibratesTheVirtualSensorReportsAndRefusesBadUse) {
     EXPECT_EQ(caltest::ReadBytes(dir.calibration() / "Calibration.gn.previous"), first);
     // The virtual sensor's own files, as before.
     ASSERT_EQ(std::get<0>(run("--virtual --frames 4")), 0);
-    EXPECT_EQ(caltest::ReadBytes(dir.calibration() / "VirtualSensor.gn").size(), 1040u + 4 * 2 * 1000 * 1500);
+    EXPECT_EQ(caltest::ReadBytes(dir.calibration() / "VirtualSensor.gn").size(),
+              1040u + 4 * 2 * 1000 * 1500);
 
     const auto before = caltest::Snapshot(dir.calibration());
-    for (const char* args : {"--levels 2", "--exposures 1", "--frames 4", "--virtual --levels 4", "--bogus"}) {
+    for (const char* args :
+         {"--levels 2", "--exposures 1", "--frames 4", "--virtual --levels 4", "--bogus"}) {
         std::tie(code, out, err) = run(args);
         EXPECT_EQ(code, 2) << args;
         EXPECT_EQ(err.rfind("veltrano calibrate: ", 0), 0u) << args << err;

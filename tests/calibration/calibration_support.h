@@ -27,8 +27,9 @@ public:
     TempFolder() {
         static std::atomic<int> counter{0};
         path_ = fs::temp_directory_path() /
-                ("veltrano-cal-" + std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()) +
-                 "-" + std::to_string(counter++));
+                ("veltrano-cal-" +
+                 std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()) + "-" +
+                 std::to_string(counter++));
         fs::create_directories(path_);
     }
     ~TempFolder() {
@@ -69,7 +70,8 @@ inline std::vector<std::pair<std::string, std::vector<uint8_t>>> Snapshot(const 
     std::error_code ec;
     for (fs::recursive_directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
         if (it->is_regular_file()) {
-            files.emplace_back(fs::relative(it->path(), folder).generic_string(), ReadBytes(it->path()));
+            files.emplace_back(fs::relative(it->path(), folder).generic_string(),
+                               ReadBytes(it->path()));
         }
     }
     std::sort(files.begin(), files.end());
@@ -80,9 +82,10 @@ inline std::vector<std::pair<std::string, std::vector<uint8_t>>> Snapshot(const 
 struct VirtualSensor {
     veltrano::platform::DynamicLibrary library;
     bool opened = library.open("FpdSys");
-    int (*writeCalibration)(const char*, int) =
-        reinterpret_cast<int (*)(const char*, int)>(library.symbol("VirtualSensor_WriteCalibration"));
-    int (*setFlatDose)(double) = reinterpret_cast<int (*)(double)>(library.symbol("VirtualSensor_SetFlatDose"));
+    int (*writeCalibration)(const char*, int) = reinterpret_cast<int (*)(const char*, int)>(
+        library.symbol("VirtualSensor_WriteCalibration"));
+    int (*setFlatDose)(double) =
+        reinterpret_cast<int (*)(double)>(library.symbol("VirtualSensor_SetFlatDose"));
     int (*getFixedPattern)(const char*, float*, float*, unsigned char*, long long) =
         reinterpret_cast<int (*)(const char*, float*, float*, unsigned char*, long long)>(
             library.symbol("VirtualSensor_GetFixedPattern"));
@@ -106,7 +109,8 @@ public:
 struct SensorSize {
     int code, width, height, cut;
 };
-constexpr SensorSize kSizes[] = {{1000, 1000, 1500, 211}, {1500, 1200, 1650, 251}, {2000, 1300, 1800, 281}};
+constexpr SensorSize kSizes[] = {
+    {1000, 1000, 1500, 211}, {1500, 1200, 1650, 251}, {2000, 1300, 1800, 281}};
 
 inline bool InCut(size_t index, int width, int cut) {
     const long long x = static_cast<long long>(index % static_cast<size_t>(width));

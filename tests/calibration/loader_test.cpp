@@ -58,7 +58,8 @@ TEST(CalibrationFiles, OneAndFourLevelFilesRoundTripThroughTheDetectorsLoader) {
         ASSERT_EQ(builder.Analyse(veltrano::DefectThresholds()), 1);
         ASSERT_EQ(builder.DefectMap()[sensor.index(500, 700)], veltrano::kDefectDead);
         TempFolder work, sensorDir;
-        caltest::WriteText(sensorDir.path() / "VirtualSensor.ini", "[VirtualSensor]\nSensorSize=1000\n");
+        caltest::WriteText(sensorDir.path() / "VirtualSensor.ini",
+                           "[VirtualSensor]\nSensorSize=1000\n");
         std::filesystem::create_directories(work.calibration());
         veltrano::CalibrationHeader header;
         builder.DescribeIn(header);

@@ -22,11 +22,18 @@ struct SyntheticSensor {
     std::mt19937 noise;
 
     explicit SyntheticSensor(uint32_t seed = 1, int w = 120, int h = 90, int c = 12)
-        : width(w), height(h), cut(c), gain(size_t(w) * h), dark(gain.size()), planted(gain.size()), noise(seed) {
+        : width(w),
+          height(h),
+          cut(c),
+          gain(size_t(w) * h),
+          dark(gain.size()),
+          planted(gain.size()),
+          noise(seed) {
         std::normal_distribution<double> unit(0.0, 1.0);
         for (size_t i = 0; i < gain.size(); ++i) {
             const double x = double(i % size_t(w)), y = double(i / size_t(w));
-            gain[i] = float((1.0 + 0.08 * std::sin(x / 23.0) * std::cos(y / 31.0)) * (1.0 + 0.03 * unit(noise)));
+            gain[i] = float((1.0 + 0.08 * std::sin(x / 23.0) * std::cos(y / 31.0)) *
+                            (1.0 + 0.03 * unit(noise)));
             dark[i] = float(50.0 + 5.0 * unit(noise));
         }
     }
@@ -47,7 +54,8 @@ struct SyntheticSensor {
             for (int x = 0; x < width; ++x) {
                 if (isCut(x, y)) continue;  // no pixel there
                 const size_t i = index(x, y);
-                const double v = (planted[i] ? planted[i] : Good)(gain[i], dose, dark[i], unit(noise));
+                const double v =
+                    (planted[i] ? planted[i] : Good)(gain[i], dose, dark[i], unit(noise));
                 frame[i] = float(std::round(std::clamp(v, 0.0, 65535.0)));
             }
         }

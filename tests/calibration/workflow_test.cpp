@@ -67,7 +67,8 @@ TEST_F(Calibration, BuildsFilesFromTheSensorsOwnExposuresAndKeepsTheOldOnes) {
     caltest::WriteText(work.calibration() / "old" / "stray.gn", "an older gain file");
     caltest::WriteText(work.calibration() / "VirtualSensor.gn.veltrano-new", "half");
     caltest::WriteText(work.calibration() / "VirtualSensor.gn.previous", "an older backup");
-    caltest::WriteText(work.path() / "calibration-scratch" / "Correct" / "Default" / "x.gn", "junk");
+    caltest::WriteText(work.path() / "calibration-scratch" / "Correct" / "Default" / "x.gn",
+                       "junk");
 
     veltrano::CalibrationCallbacks callbacks = VirtualCallbacks(4);
     int accepted = 0, lastPercent = -1;
@@ -94,7 +95,8 @@ TEST_F(Calibration, BuildsFilesFromTheSensorsOwnExposuresAndKeepsTheOldOnes) {
         EXPECT_FALSE(ExtensionIs(path, "veltrano-new") || ExtensionIs(path, "journal")) << path;
     }
     ASSERT_TRUE(gains.size() == 1 && defects.size() == 1);
-    EXPECT_TRUE(fs::equivalent(gains[0], result.gainPath) && fs::equivalent(defects[0], result.defectPath));
+    EXPECT_TRUE(fs::equivalent(gains[0], result.gainPath) &&
+                fs::equivalent(defects[0], result.defectPath));
     EXPECT_EQ(caltest::ReadBytes(work.calibration() / "VirtualSensor.gn.previous"), oldGain);
     EXPECT_EQ(caltest::ReadBytes(result.defectBackup), oldDefects);
     const auto stray = caltest::ReadBytes(work.calibration() / "old" / "stray.gn.previous");
@@ -114,14 +116,16 @@ TEST_F(Calibration, BuildsFilesFromTheSensorsOwnExposuresAndKeepsTheOldOnes) {
     EXPECT_TRUE(h.created >= before && h.created <= std::time(nullptr) + 1);
     for (int l = 1; l < 4; ++l) {
         EXPECT_GT(h.levels[l], h.levels[l - 1]);
-        EXPECT_NEAR(h.doses[l] / h.doses[0], kFourDoses[l] / kFourDoses[0], 0.05 * kFourDoses[l] / kFourDoses[0]);
+        EXPECT_NEAR(h.doses[l] / h.doses[0], kFourDoses[l] / kFourDoses[0],
+                    0.05 * kFourDoses[l] / kFourDoses[0]);
     }
     EXPECT_TRUE(h.cvBefore > 0.05f && h.cvAfter < 0.02f) << h.cvBefore << " " << h.cvAfter;
 
     // The defects marked are the sensor's.
     const size_t pixels = 1000 * 1500;
     std::vector<uint8_t> truth(pixels);
-    ASSERT_EQ(Driver().getFixedPattern(work.str().c_str(), nullptr, nullptr, truth.data(), pixels), 0);
+    ASSERT_EQ(Driver().getFixedPattern(work.str().c_str(), nullptr, nullptr, truth.data(), pixels),
+              0);
     const std::vector<uint8_t> dft = caltest::ReadBytes(result.defectPath);
     ASSERT_EQ(dft.size(), 1040 + pixels);
     size_t bad = 0, found = 0, good = 0, falselyMarked = 0;
@@ -185,7 +189,8 @@ TEST_F(Calibration, RefusesABadExposureAndLeavesThePreviousCalibrationAsItWas) {
         {"dark", 1, 0.0, veltrano::kCalibrationRefused, "is too dark"},
         {"changed dose", 1, 1.3, veltrano::kCalibrationRefused, "the dose changed"},
         {"object in the beam", 1, -1.0, veltrano::kCalibrationRefused, "not a uniform flat field"},
-        {"level too dim", 4, 0.25, veltrano::kCalibrationRefused, "not bright enough for a new level"},
+        {"level too dim", 4, 0.25, veltrano::kCalibrationRefused,
+         "not bright enough for a new level"},
         {"cancelled", 1, 1.0, veltrano::kCalibrationCancelled, "cancelled"},
     };
     for (const auto& c : cases) {
@@ -197,7 +202,8 @@ TEST_F(Calibration, RefusesABadExposureAndLeavesThePreviousCalibrationAsItWas) {
         // levels: the second level starts at the first one's dose.
         const bool cancelling = c.code == veltrano::kCalibrationCancelled;
         callbacks.progress = [&](const veltrano::CalibrationProgress& p) {
-            const bool second = p.level == 0 && p.exposure == 1 && p.text.find("waiting") != std::string::npos;
+            const bool second =
+                p.level == 0 && p.exposure == 1 && p.text.find("waiting") != std::string::npos;
             if (c.levels == 1 && second) {
                 if (cancelling) {
                     cancel = true;
@@ -213,9 +219,10 @@ TEST_F(Calibration, RefusesABadExposureAndLeavesThePreviousCalibrationAsItWas) {
             };
         }
         veltrano::CalibrationResult result;
-        EXPECT_EQ(veltrano::RunCalibration(work.str().c_str(), Options(c.levels, c.levels == 1 ? 3 : 2),
-                                           callbacks, result),
-                  c.code)
+        EXPECT_EQ(
+            veltrano::RunCalibration(work.str().c_str(), Options(c.levels, c.levels == 1 ? 3 : 2),
+                                     callbacks, result),
+            c.code)
             << result.message;
         EXPECT_NE(result.message.find(c.message), std::string::npos) << result.message;
         EXPECT_NE(result.message.find("nothing was changed"), std::string::npos) << result.message;
@@ -260,8 +267,10 @@ TEST_F(Calibration, RefusesABadExposureAndLeavesThePreviousCalibrationAsItWas) {
 TEST_F(Calibration, RefusesArgumentsAndSensorsItCannotWorkWith) {
     veltrano::CalibrationResult result;
     const veltrano::CalibrationCallbacks none;
-    EXPECT_EQ(veltrano::RunCalibration(nullptr, Options(1, 2), none, result), veltrano::kCalibrationBadArguments);
-    EXPECT_EQ(veltrano::RunCalibration("", Options(1, 2), none, result), veltrano::kCalibrationBadArguments);
+    EXPECT_EQ(veltrano::RunCalibration(nullptr, Options(1, 2), none, result),
+              veltrano::kCalibrationBadArguments);
+    EXPECT_EQ(veltrano::RunCalibration("", Options(1, 2), none, result),
+              veltrano::kCalibrationBadArguments);
     const std::string dir = work.str();
     EXPECT_EQ(veltrano::RunCalibration((dir + "/missing").c_str(), Options(1, 2), none, result),
               veltrano::kCalibrationBadArguments);
@@ -274,14 +283,17 @@ TEST_F(Calibration, RefusesArgumentsAndSensorsItCannotWorkWith) {
     }
     veltrano::CalibrationOptions options = Options(1, 2);
     options.thresholds.localRadius = 0;
-    EXPECT_EQ(veltrano::RunCalibration(dir.c_str(), options, none, result), veltrano::kCalibrationBadArguments);
+    EXPECT_EQ(veltrano::RunCalibration(dir.c_str(), options, none, result),
+              veltrano::kCalibrationBadArguments);
     options = Options(1, 2);
     options.checks.maxCorrectedCv = 0.0f;
-    EXPECT_EQ(veltrano::RunCalibration(dir.c_str(), options, none, result), veltrano::kCalibrationBadArguments);
+    EXPECT_EQ(veltrano::RunCalibration(dir.c_str(), options, none, result),
+              veltrano::kCalibrationBadArguments);
 
     // A configuration the driver refuses: the sensor cannot be opened.
     caltest::WriteText(work.path() / "VirtualSensor.ini", "[VirtualSensor]\nSensorSize=1234\n");
-    EXPECT_EQ(veltrano::RunCalibration(dir.c_str(), Options(1, 2), none, result), veltrano::kCalibrationNoSensor);
+    EXPECT_EQ(veltrano::RunCalibration(dir.c_str(), Options(1, 2), none, result),
+              veltrano::kCalibrationNoSensor);
     EXPECT_NE(result.message.find("code 10"), std::string::npos) << result.message;
     EXPECT_FALSE(fs::exists(work.path() / "calibration-scratch"));
     EXPECT_FALSE(fs::exists(work.calibration()));
@@ -300,11 +312,13 @@ TEST(CalibrationRecovery, UndoesAnInterruptedReplacementFromItsJournal) {
     caltest::WriteText(folder / "A.dft.veltrano-new", "new defects");
     caltest::WriteText(folder / "sub" / "B.gn.previous", "renamed aside");
     caltest::WriteText(folder / "C.gn", "a file that did not exist before");
-    caltest::WriteText(work.path() / "calibration-scratch" / "Correct" / "Default" / "neutral.gn", "x");
+    caltest::WriteText(work.path() / "calibration-scratch" / "Correct" / "Default" / "neutral.gn",
+                       "x");
     caltest::WriteText(folder / "calibration-commit.journal",
-                       "veltrano calibration journal 1\nreplace\t" + f + "/A.gn\t" + f + "/A.gn.previous\n" +
-                           "replace\t" + f + "/A.dft\t" + f + "/A.dft.previous\n" + "replace\t" + f + "/C.gn\t\n" +
-                           "aside\t" + f + "/sub/B.gn\t" + f + "/sub/B.gn.previous\nend\n");
+                       "veltrano calibration journal 1\nreplace\t" + f + "/A.gn\t" + f +
+                           "/A.gn.previous\n" + "replace\t" + f + "/A.dft\t" + f +
+                           "/A.dft.previous\n" + "replace\t" + f + "/C.gn\t\n" + "aside\t" + f +
+                           "/sub/B.gn\t" + f + "/sub/B.gn.previous\nend\n");
     std::string message;
     EXPECT_EQ(veltrano::RecoverCalibrationFolder(work.str().c_str(), message), 1);
     EXPECT_NE(message.find("undone"), std::string::npos) << message;
@@ -323,8 +337,9 @@ TEST(CalibrationRecovery, UndoesAnInterruptedReplacementFromItsJournal) {
 
     // A journal without its last line: nothing had changed yet.
     caltest::WriteText(folder / "A.gn", "kept");
-    caltest::WriteText(folder / "calibration-commit.journal",
-                       "veltrano calibration journal 1\nreplace\t" + f + "/A.gn\t" + f + "/A.gn.previous\n");
+    caltest::WriteText(
+        folder / "calibration-commit.journal",
+        "veltrano calibration journal 1\nreplace\t" + f + "/A.gn\t" + f + "/A.gn.previous\n");
     EXPECT_EQ(veltrano::RecoverCalibrationFolder(work.str().c_str(), message), 0);
     EXPECT_EQ(text(folder / "A.gn"), "kept");
     EXPECT_FALSE(fs::exists(folder / "calibration-commit.journal"));
@@ -332,8 +347,9 @@ TEST(CalibrationRecovery, UndoesAnInterruptedReplacementFromItsJournal) {
     EXPECT_EQ(veltrano::RecoverCalibrationFolder(nullptr, message), -1);
 
     // A backup that has gone missing cannot be restored: the journal stays for another try.
-    caltest::WriteText(folder / "calibration-commit.journal",
-                       "veltrano calibration journal 1\nreplace\t" + f + "/A.gn\t" + f + "/gone.previous\nend\n");
+    caltest::WriteText(
+        folder / "calibration-commit.journal",
+        "veltrano calibration journal 1\nreplace\t" + f + "/A.gn\t" + f + "/gone.previous\nend\n");
     EXPECT_EQ(veltrano::RecoverCalibrationFolder(work.str().c_str(), message), -1);
     EXPECT_NE(message.find("could not be restored"), std::string::npos) << message;
     EXPECT_TRUE(fs::exists(folder / "calibration-commit.journal"));

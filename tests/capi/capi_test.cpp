@@ -93,50 +93,129 @@ TEST(CInterface, ProcessingFunctionsGiveTheCppResults) {
     const auto defects = Random<float>(-0.5, 1.4, 8);  // about a third at 1.0 or more
     std::vector<uint8_t> mask = Random<uint8_t>(0, 2, 9);
 
-    Same("normalize_8U", u8, N, [](auto s, auto d, bool viaC) { return BOTH(normalize_8U, s, d, W, H, 10, 200); });
-    Same("normalize_16U", u16, N, [](auto s, auto d, bool viaC) { return BOTH(normalize_16U, s, d, W, H, 100, 60000); });
-    Same("normalize_32F", f32, N, [](auto s, auto d, bool viaC) { return BOTH(normalize_32F, s, d, W, H, 0.f, 1.f); });
-    Same("normalize_64F", f64, N, [](auto s, auto d, bool viaC) { return BOTH(normalize_64F, s, d, W, H, -1.0, 1.0); });
-    Same("Normalize_TruncMinMax", u8, N, [](auto s, auto d, bool viaC) { return BOTH(Normalize_TruncMinMax, s, d, W, H, 0, 3); }, 1, false);
-    Same("Inverse code 3", u16, N, [](auto s, auto d, bool viaC) { return BOTH(Inverse, s, d, W, H, 3); });
-    Same("Inverse code 4", u16, N, [](auto s, auto d, bool viaC) { return BOTH(Inverse, s, d, W, H, 4); }, -3, false);
-    Same("BrigntAndContrast", u16, N, [](auto s, auto d, bool viaC) { return BOTH(BrigntAndContrast, s, d, W, H, 4, 100.f, 1.5f); });
-    Same("GammaCorrect 16S", s16, N, [](auto s, auto d, bool viaC) { return BOTH(GammaCorrect, s, d, W, H, 0.7f, 5); });
-    Same("GammaCorrect 32F", f32, N, [](auto s, auto d, bool viaC) { return BOTH(GammaCorrect, s, d, W, H, 1.6f, 6); });
-    Same("Image_Log", f32, N, [](auto s, auto d, bool viaC) { return BOTH(Image_Log, s, d, W, H, 1); });
-    Same<int32_t, double>("Image_Square_NoTrunc", s32, N, [](auto s, auto d, bool viaC) { return BOTH(Image_Square_NoTrunc, s, d, W, H, 8); });
-    Same("ThresholdBinary", u16, N, [](auto s, auto d, bool viaC) { return BOTH(ThresholdBinary, s, d, 4, W, H, 30000.0, 2); });
-    Same("ImgGainCorrect", f32, N, [](auto s, auto d, bool viaC) { return BOTH(ImgGainCorrect, s, d, W, H); });
+    Same("normalize_8U", u8, N,
+         [](auto s, auto d, bool viaC) { return BOTH(normalize_8U, s, d, W, H, 10, 200); });
+    Same("normalize_16U", u16, N,
+         [](auto s, auto d, bool viaC) { return BOTH(normalize_16U, s, d, W, H, 100, 60000); });
+    Same("normalize_32F", f32, N,
+         [](auto s, auto d, bool viaC) { return BOTH(normalize_32F, s, d, W, H, 0.f, 1.f); });
+    Same("normalize_64F", f64, N,
+         [](auto s, auto d, bool viaC) { return BOTH(normalize_64F, s, d, W, H, -1.0, 1.0); });
+    Same(
+        "Normalize_TruncMinMax", u8, N,
+        [](auto s, auto d, bool viaC) { return BOTH(Normalize_TruncMinMax, s, d, W, H, 0, 3); }, 1,
+        false);
+    Same("Inverse code 3", u16, N,
+         [](auto s, auto d, bool viaC) { return BOTH(Inverse, s, d, W, H, 3); });
+    Same(
+        "Inverse code 4", u16, N,
+        [](auto s, auto d, bool viaC) { return BOTH(Inverse, s, d, W, H, 4); }, -3, false);
+    Same("BrigntAndContrast", u16, N, [](auto s, auto d, bool viaC) {
+        return BOTH(BrigntAndContrast, s, d, W, H, 4, 100.f, 1.5f);
+    });
+    Same("GammaCorrect 16S", s16, N,
+         [](auto s, auto d, bool viaC) { return BOTH(GammaCorrect, s, d, W, H, 0.7f, 5); });
+    Same("GammaCorrect 32F", f32, N,
+         [](auto s, auto d, bool viaC) { return BOTH(GammaCorrect, s, d, W, H, 1.6f, 6); });
+    Same("Image_Log", f32, N,
+         [](auto s, auto d, bool viaC) { return BOTH(Image_Log, s, d, W, H, 1); });
+    Same<int32_t, double>("Image_Square_NoTrunc", s32, N, [](auto s, auto d, bool viaC) {
+        return BOTH(Image_Square_NoTrunc, s, d, W, H, 8);
+    });
+    Same("ThresholdBinary", u16, N, [](auto s, auto d, bool viaC) {
+        return BOTH(ThresholdBinary, s, d, 4, W, H, 30000.0, 2);
+    });
+    Same("ImgGainCorrect", f32, N,
+         [](auto s, auto d, bool viaC) { return BOTH(ImgGainCorrect, s, d, W, H); });
     Same("EquHist", u16, N, [](auto s, auto d, bool viaC) { return BOTH(EquHist, s, d, N, 4); });
-    Same("clahe_8U_Manual", u8, N, [](auto s, auto d, bool viaC) { return BOTH(clahe_8U_Manual, s, d, W, H, 4, 3, 64, 20, ""); });
-    Same("clahe_16U_Manual", u16, N, [](auto s, auto d, bool viaC) { return BOTH(clahe_16U_Manual, s, d, W, H, 3, 4, 1000, 30, ""); });
-    Same("clahe_32F_Manual", f32, N, [](auto s, auto d, bool viaC) { return BOTH(clahe_32F_Manual, s, d, W, H, 2, 5, 256, 10, ""); });
-    Same("clahe_64F_Manual tile check", f64, N, [](auto s, auto d, bool viaC) { return BOTH(clahe_64F_Manual, s, d, W, H, W + 1, 1, 256, 10, ""); }, -1, false);
-    Same("AdaptiveContrastEnhancement", u16, N, [](auto s, auto d, bool viaC) { return BOTH(AdaptiveContrastEnhancement, s, d, W, H, 4, 3, 1.5f, 3.f); });
-    Same("AdaptiveContrastEnhancementQuick", u16, N, [](auto s, auto d, bool viaC) { return BOTH(AdaptiveContrastEnhancementQuick, s, d, W, H, 4, 2, 0.8f, 2.f); });
-    Same("filter2D_16U", u16, N, [&](auto s, auto d, bool viaC) { return BOTH(filter2D_16U, s, d, W, H, kernel.data(), 3, 5); });
-    Same("filter2D_8U", u8, N, [&](auto s, auto d, bool viaC) { return BOTH(filter2D_8U, s, d, W, H, kernel.data(), 5, 3); }, 1, false);
-    Same("filter2D_32F", f32, N, [&](auto s, auto d, bool viaC) { return BOTH(filter2D_32F, s, d, W, H, kernel.data(), 5, 3); });
-    Same("gaussFilter_16U", u16, N, [](auto s, auto d, bool viaC) { return BOTH(gaussFilter_16U, s, d, W, H, 5, 5, 1.5, 0.9); });
-    Same("gaussFilter_32F", f32, N, [](auto s, auto d, bool viaC) { return BOTH(gaussFilter_32F, s, d, W, H, 3, 3, 0.7, 0.7); });
-    Same("Box_Filter 64F", f64, N, [](auto s, auto d, bool viaC) { return BOTH(Box_Filter, s, d, W, H, 11, 2); });
-    Same("Box_Filter code 7", u8, N, [](auto s, auto d, bool viaC) { return BOTH(Box_Filter, s, d, W, H, 7, 2); }, -3, false);
-    Same("Median_Blur 16S", s16, N, [](auto s, auto d, bool viaC) { return BOTH(Median_Blur, s, d, W, H, 2, 5); });
-    Same("FastNLM", u8, N, [](auto s, auto d, bool viaC) { return BOTH(FastNLM, s, d, W, H, 12.f, 1, 2); });
-    Same("ImgFix", f32, N, [&](auto s, auto d, bool viaC) { return BOTH(ImgFix, s, d, const_cast<float*>(defects.data()), W, H, 1, 6, 20); });
-    Same("FixBadPixel", f32, N, [&](auto s, auto d, bool viaC) { return BOTH(FixBadPixel, s, d, const_cast<float*>(defects.data()), W, H); });
-    Same("Copy_LeftDown_To_RightUp", f32, N, [](auto s, auto d, bool viaC) { return BOTH(Copy_LeftDown_To_RightUp, reinterpret_cast<uint8_t*>(s), reinterpret_cast<uint8_t*>(d), W, H, 6, 3, 2, 12); });
-    Same("Copy_RightDown_To_LeftUp", u16, N, [](auto s, auto d, bool viaC) { return BOTH(Copy_RightDown_To_LeftUp, reinterpret_cast<uint8_t*>(s), reinterpret_cast<uint8_t*>(d), W, H, 4, 20, 1, 9); });
-    Same("MakeMaskByLine", u16, N, [](auto s, auto d, bool viaC) { return BOTH(MakeMaskByLine, s, d, W, H, 0.f, 3.f, 30.f, 20.f, uint8_t{1}, uint16_t{777}); });
-    Same("ImageConv with a mask", f32, N, [&](auto s, auto d, bool viaC) { return BOTH(ImageConv, s, d, kernel.data(), W, H, 5, 3, mask.data()); });
-    Same("USM_BOX", u16, N, [](auto s, auto d, bool viaC) { return BOTH(USM_BOX, s, d, W, H, 2, 0.3f, 1); });
-    Same("USM_Gaussian", u16, N, [&](auto s, auto d, bool viaC) { return BOTH(USM_Gaussian, s, d, W, H, 2, 0.05f, 100, 1.2f, mask.data()); });
+    Same("clahe_8U_Manual", u8, N, [](auto s, auto d, bool viaC) {
+        return BOTH(clahe_8U_Manual, s, d, W, H, 4, 3, 64, 20, "");
+    });
+    Same("clahe_16U_Manual", u16, N, [](auto s, auto d, bool viaC) {
+        return BOTH(clahe_16U_Manual, s, d, W, H, 3, 4, 1000, 30, "");
+    });
+    Same("clahe_32F_Manual", f32, N, [](auto s, auto d, bool viaC) {
+        return BOTH(clahe_32F_Manual, s, d, W, H, 2, 5, 256, 10, "");
+    });
+    Same(
+        "clahe_64F_Manual tile check", f64, N,
+        [](auto s, auto d, bool viaC) {
+            return BOTH(clahe_64F_Manual, s, d, W, H, W + 1, 1, 256, 10, "");
+        },
+        -1, false);
+    Same("AdaptiveContrastEnhancement", u16, N, [](auto s, auto d, bool viaC) {
+        return BOTH(AdaptiveContrastEnhancement, s, d, W, H, 4, 3, 1.5f, 3.f);
+    });
+    Same("AdaptiveContrastEnhancementQuick", u16, N, [](auto s, auto d, bool viaC) {
+        return BOTH(AdaptiveContrastEnhancementQuick, s, d, W, H, 4, 2, 0.8f, 2.f);
+    });
+    Same("filter2D_16U", u16, N, [&](auto s, auto d, bool viaC) {
+        return BOTH(filter2D_16U, s, d, W, H, kernel.data(), 3, 5);
+    });
+    Same(
+        "filter2D_8U", u8, N,
+        [&](auto s, auto d, bool viaC) {
+            return BOTH(filter2D_8U, s, d, W, H, kernel.data(), 5, 3);
+        },
+        1, false);
+    Same("filter2D_32F", f32, N, [&](auto s, auto d, bool viaC) {
+        return BOTH(filter2D_32F, s, d, W, H, kernel.data(), 5, 3);
+    });
+    Same("gaussFilter_16U", u16, N, [](auto s, auto d, bool viaC) {
+        return BOTH(gaussFilter_16U, s, d, W, H, 5, 5, 1.5, 0.9);
+    });
+    Same("gaussFilter_32F", f32, N, [](auto s, auto d, bool viaC) {
+        return BOTH(gaussFilter_32F, s, d, W, H, 3, 3, 0.7, 0.7);
+    });
+    Same("Box_Filter 64F", f64, N,
+         [](auto s, auto d, bool viaC) { return BOTH(Box_Filter, s, d, W, H, 11, 2); });
+    Same(
+        "Box_Filter code 7", u8, N,
+        [](auto s, auto d, bool viaC) { return BOTH(Box_Filter, s, d, W, H, 7, 2); }, -3, false);
+    Same("Median_Blur 16S", s16, N,
+         [](auto s, auto d, bool viaC) { return BOTH(Median_Blur, s, d, W, H, 2, 5); });
+    Same("FastNLM", u8, N,
+         [](auto s, auto d, bool viaC) { return BOTH(FastNLM, s, d, W, H, 12.f, 1, 2); });
+    Same("ImgFix", f32, N, [&](auto s, auto d, bool viaC) {
+        return BOTH(ImgFix, s, d, const_cast<float*>(defects.data()), W, H, 1, 6, 20);
+    });
+    Same("FixBadPixel", f32, N, [&](auto s, auto d, bool viaC) {
+        return BOTH(FixBadPixel, s, d, const_cast<float*>(defects.data()), W, H);
+    });
+    Same("Copy_LeftDown_To_RightUp", f32, N, [](auto s, auto d, bool viaC) {
+        return BOTH(Copy_LeftDown_To_RightUp, reinterpret_cast<uint8_t*>(s),
+                    reinterpret_cast<uint8_t*>(d), W, H, 6, 3, 2, 12);
+    });
+    Same("Copy_RightDown_To_LeftUp", u16, N, [](auto s, auto d, bool viaC) {
+        return BOTH(Copy_RightDown_To_LeftUp, reinterpret_cast<uint8_t*>(s),
+                    reinterpret_cast<uint8_t*>(d), W, H, 4, 20, 1, 9);
+    });
+    Same("MakeMaskByLine", u16, N, [](auto s, auto d, bool viaC) {
+        return BOTH(MakeMaskByLine, s, d, W, H, 0.f, 3.f, 30.f, 20.f, uint8_t{1}, uint16_t{777});
+    });
+    Same("ImageConv with a mask", f32, N, [&](auto s, auto d, bool viaC) {
+        return BOTH(ImageConv, s, d, kernel.data(), W, H, 5, 3, mask.data());
+    });
+    Same("USM_BOX", u16, N,
+         [](auto s, auto d, bool viaC) { return BOTH(USM_BOX, s, d, W, H, 2, 0.3f, 1); });
+    Same("USM_Gaussian", u16, N, [&](auto s, auto d, bool viaC) {
+        return BOTH(USM_Gaussian, s, d, W, H, 2, 0.05f, 100, 1.2f, mask.data());
+    });
 
     // Functions with a third buffer, or none.
     const auto block = Random<uint16_t>(1, 65536, 10, 6 * 4);
-    Same("CopyRoiTo", u16, N, [&](auto s, auto d, bool viaC) { return BOTH(CopyRoiTo, reinterpret_cast<uint8_t*>(s), reinterpret_cast<uint8_t*>(d), reinterpret_cast<uint8_t*>(const_cast<uint16_t*>(block.data())), 4, W, H, 6, 4, 33, 5); });
-    Same("AddWaterMask", u16, N, [&](auto s, auto d, bool viaC) { return BOTH(AddWaterMask, reinterpret_cast<uint8_t*>(s), reinterpret_cast<uint8_t*>(d), reinterpret_cast<uint8_t*>(const_cast<uint16_t*>(block.data())), W, H, 6, 4, 3, 7, 4, 0.25f); });
-    Same<double>("getGaussker_64F", std::vector<double>(), 15, [](auto, auto d, bool viaC) { return BOTH(getGaussker_64F, d, 5, 3, 1.2, 0.8); });
+    Same("CopyRoiTo", u16, N, [&](auto s, auto d, bool viaC) {
+        return BOTH(CopyRoiTo, reinterpret_cast<uint8_t*>(s), reinterpret_cast<uint8_t*>(d),
+                    reinterpret_cast<uint8_t*>(const_cast<uint16_t*>(block.data())), 4, W, H, 6, 4,
+                    33, 5);
+    });
+    Same("AddWaterMask", u16, N, [&](auto s, auto d, bool viaC) {
+        return BOTH(AddWaterMask, reinterpret_cast<uint8_t*>(s), reinterpret_cast<uint8_t*>(d),
+                    reinterpret_cast<uint8_t*>(const_cast<uint16_t*>(block.data())), W, H, 6, 4, 3,
+                    7, 4, 0.25f);
+    });
+    Same<double>("getGaussker_64F", std::vector<double>(), 15,
+                 [](auto, auto d, bool viaC) { return BOTH(getGaussker_64F, d, 5, 3, 1.2, 0.8); });
     float line[2][3];
     GetLine2D(1.f, 2.f, 7.f, -3.f, &line[0][0], &line[0][1], &line[0][2]);
     EXPECT_EQ(vt_GetLine2D(1.f, 2.f, 7.f, -3.f, &line[1][0], &line[1][1], &line[1][2]), 0);
@@ -201,7 +280,8 @@ TEST(CInterface, RecordFunctionsGiveTheCppResultsAndUpdateTheRecord) {
     clip.up = 2, clip.down = 3, clip.left = 4, clip.right = 5;
     const vt_clipParam cClip = {2, 3, 4, 5};
     both([&](auto s, auto d) { return edgeClip_16U(s, d, H, W, clip); },
-         [&](auto s, auto d) { return vt_edgeClip_16U(s, d, H, W, cClip); }, (H - 5) * (W - 9), u16);
+         [&](auto s, auto d) { return vt_edgeClip_16U(s, d, H, W, cClip); }, (H - 5) * (W - 9),
+         u16);
 
     // A null record reaches the C++ function as a null pointer.
     std::vector<uint16_t> src = u16, dst(N);
@@ -294,7 +374,11 @@ TEST(CInterface, FailuresBecomeCodesWithAThreadLocalText) {
     WorkDir dir;
     const fs::path chain = fs::path(dir.str()) / "bad.chain";
     const std::vector<uint16_t> src = Random<uint16_t>(0, 60000, 13);
-    struct Case { const char* block; int code; const char* text; };
+    struct Case {
+        const char* block;
+        int code;
+        const char* text;
+    };
     const Case cases[] = {
         {"[BC]\nb=abc;\nc=1.0;\nend\n", VT_ERR_INVALID_NUMBER, "stoi"},
         {"[BC]\nb=1;\nc=x;\nend\n", VT_ERR_INVALID_NUMBER, "stof"},
@@ -338,7 +422,9 @@ TEST(CInterface, AC99HostAcquiresOnTheVirtualSensorAndRunsAChain) {
     c_host_result result;
     std::string log;
     int code = 1;
-    log = Capture([&] { code = c_host_acquire_and_process(dir.str().c_str(), chain.string().c_str(), &result); });
+    log = Capture([&] {
+        code = c_host_acquire_and_process(dir.str().c_str(), chain.string().c_str(), &result);
+    });
     ASSERT_EQ(code, 0) << log;
     EXPECT_EQ(result.acquisition_code, 0);
     EXPECT_EQ(result.end_sign, 1);
@@ -381,8 +467,9 @@ TEST(CInterface, DetectorHandleRefusesNullAndSmallBuffersAndCopiesItsTexts) {
     // A buffer one float short is refused before the exposure: no progress, no end sign.
     std::vector<float> small(1200 * 1650 - 1);
     width = height = 0;
-    EXPECT_EQ(vt_CVeltrano_AcqImageEx(detector, small.data(), small.size(), &width, &height, 0, 6, 100),
-              VT_ERR_BUFFER_TOO_SMALL);
+    EXPECT_EQ(
+        vt_CVeltrano_AcqImageEx(detector, small.data(), small.size(), &width, &height, 0, 6, 100),
+        VT_ERR_BUFFER_TOO_SMALL);
     EXPECT_EQ(width * 10000 + height, 1200u * 10000 + 1650u);
     EXPECT_EQ(vt_CVeltrano_GetProgressBar(detector), 0);
     EXPECT_EQ(vt_CVeltrano_GetEndSign(detector), 0);

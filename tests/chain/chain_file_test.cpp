@@ -38,8 +38,10 @@ TEST(ChainFile, ReadingStopsAtItsLimitAsIfTheFileEndedThere) {
 
 TEST(ChainFile, FieldsLieBetweenTheFirstOpenerAndTheNextCloser) {
     const char* cases[][2] = {
-        {"[CLAHE]", "CLAHE"}, {"  [Clahe] x]", "Clahe"}, {"CLAHE]", "CLAHE"}, {"[CLAHE", ""},
-        {"[]", ""}, {"] [x", ""}, {"CLAHE", ""}, {"", ""},
+        {"[CLAHE]", "CLAHE"}, {"  [Clahe] x]", "Clahe"},
+        {"CLAHE]", "CLAHE"},  {"[CLAHE", ""},
+        {"[]", ""},           {"] [x", ""},
+        {"CLAHE", ""},        {"", ""},
     };
     for (const auto& c : cases) {
         EXPECT_EQ(veltrano::chain::Field(c[0], '[', ']'), c[1]) << c[0];

@@ -53,8 +53,8 @@ ChainRun RunChain(const std::string& chain, const std::vector<uint16_t>& src = T
     run.dst.assign(src.size(), 7);
     testing::internal::CaptureStdout();
     try {
-        run.result = Img_Post_Process_Chain(src.data(), run.dst.data(), width, height,
-                                            path.c_str(), run.text);
+        run.result = Img_Post_Process_Chain(src.data(), run.dst.data(), width, height, path.c_str(),
+                                            run.text);
     } catch (const std::invalid_argument&) {
         run.thrown = "invalid_argument";
     } catch (const std::out_of_range&) {
@@ -94,7 +94,8 @@ TEST_F(PostProcessChain, FailuresPrintTheirLineAndLeaveTheDestination) {
     EXPECT_EQ(Img_Post_Process_Chain(in.data(), dst.data(), kW, -1, ChainPath().c_str(), text), -3);
     // So is a size beyond the library's limit of 2^28 pixels, before anything is read or copied.
     EXPECT_EQ(Img_Post_Process_Chain(in.data(), dst.data(), 1 << 14, (1 << 14) + 1,
-                                     ChainPath().c_str(), text), -3);
+                                     ChainPath().c_str(), text),
+              -3);
     EXPECT_EQ(dst, untouched);
 }
 
@@ -116,12 +117,12 @@ TEST_F(PostProcessChain, StepsRunInFileOrderOnACopyOfTheSource) {
 TEST_F(PostProcessChain, KnownStepsSkipBlocksOfTheWrongSizeAndRefuseAnEmptyImage) {
     const std::vector<uint16_t> bc = Bc(TestImage(), 300, 1.5f), untouched(kW * kH, 7);
     const std::pair<const char*, int> steps[] = {
-        {"ACE", 7}, {"CLAHE", 5}, {"WLN", 5}, {"USM", 4}, {"BC", 3},
+        {"ACE", 7},        {"CLAHE", 5},      {"WLN", 5},     {"USM", 4},    {"BC", 3},
         {"Smooth_Med", 2}, {"Smooth_Box", 2}, {"FastNLM", 4}, {"Inverse", 1}};
     for (const auto& step : steps) {
         for (int lines = std::max(1, step.second - 1); lines <= step.second + 1; ++lines) {
-            const std::string chain = std::string("[") + step.first + "]\n" +
-                                      kOnes.substr(0, 5 * (lines - 1));
+            const std::string chain =
+                std::string("[") + step.first + "]\n" + kOnes.substr(0, 5 * (lines - 1));
             // A block of the wrong size is skipped and the chain goes on. One of the right size
             // runs on an empty image: nothing is copied, every step refuses it, the result is 0.
             const bool right = lines == step.second;
@@ -157,23 +158,31 @@ TEST_F(PostProcessChain, UnknownNamesStopTheChainAndMalformedNumbersLeave) {
 TEST_F(PostProcessChain, EachStepMatchesADirectCall) {
     using Image = std::vector<uint16_t>;
     const std::pair<const char*, std::function<int(Image&)>> cases[] = {
-        {"[ACE]\nr=2;\na=1.5;\ng=3;\ngamma=0.8;\nexact=1;\nequ=0;\nend\n", [](Image& im) {
+        {"[ACE]\nr=2;\na=1.5;\ng=3;\ngamma=0.8;\nexact=1;\nequ=0;\nend\n",
+         [](Image& im) {
              struAceGammaParam p;
              p.param1 = 2, p.param2 = 1.5f, p.param3 = 3, p.param4 = 0.8f, p.param5 = 1;
-             return Ace_Gamma(im.data(), im.data(), kW, kH, 4, &p, ""); }},
+             return Ace_Gamma(im.data(), im.data(), kW, kH, 4, &p, "");
+         }},
         // Peak, bins, tile rows, tile columns: the reverse of the record's own order.
-        {"[CLAHE]\npeak=40;\nbins=128;\nrows=2;\ncols=3;\nend\n", [](Image& im) {
+        {"[CLAHE]\npeak=40;\nbins=128;\nrows=2;\ncols=3;\nend\n",
+         [](Image& im) {
              claheParam p;
              p.peak = 40, p.histBin = 128, p.heightBlockNum = 2, p.widthBlockNum = 3;
-             return clahe_16U(im.data(), im.data(), kW, kH, &p, ""); }},
-        {"[WLN]\nwl=8000;\nwr=30000;\nmin=1000;\nmax=60000;\nend\n", [](Image& im) {
+             return clahe_16U(im.data(), im.data(), kW, kH, &p, "");
+         }},
+        {"[WLN]\nwl=8000;\nwr=30000;\nmin=1000;\nmax=60000;\nend\n",
+         [](Image& im) {
              struWLNParam p;
              p.wl = 8000, p.wr = 30000, p.specifymin = 1000, p.specifymax = 60000;
-             return WLN(im.data(), im.data(), kW, kH, &p); }},
-        {"[USM]\nr=2;\nlam=0.7;\nnorm=1;\nend\n", [](Image& im) {
+             return WLN(im.data(), im.data(), kW, kH, &p);
+         }},
+        {"[USM]\nr=2;\nlam=0.7;\nnorm=1;\nend\n",
+         [](Image& im) {
              struUSMParam p;
              p.r = 2, p.lam = 0.7f, p.isNeedNorm = 1;
-             return USM_EX(im.data(), im.data(), kW, kH, 4, &p, ""); }},
+             return USM_EX(im.data(), im.data(), kW, kH, 4, &p, "");
+         }},
         // The brightness is read as an integer: 300.7 counts as 300.
         {"[BC]\nb=300.7;\nc=1.5;\nend\n",
          [](Image& im) { return BrigntAndContrast(im.data(), im.data(), kW, kH, 4, 300, 1.5f); }},
@@ -182,12 +191,14 @@ TEST_F(PostProcessChain, EachStepMatchesADirectCall) {
         {"[Smooth_Box]\nk=2;\nend\n",
          [](Image& im) { return Box_Filter(im.data(), im.data(), kW, kH, 4, 2); }},
         // Patch radius, search radius, strength; on an 8-bit rendering scaled back by 257.
-        {"[FastNLM]\nrd=1;\nrD=2;\nh=12;\nend\n", [](Image& im) {
+        {"[FastNLM]\nrd=1;\nrD=2;\nh=12;\nend\n",
+         [](Image& im) {
              std::vector<uint8_t> b(im.size());
              std::transform(im.begin(), im.end(), b.begin(), [](int v) { return v / 257.f + .5f; });
              const int result = FastNLM(b.data(), b.data(), kW, kH, 12.0f, 1, 2);
              std::transform(b.begin(), b.end(), im.begin(), [](int v) { return v * 257; });
-             return result; }},
+             return result;
+         }},
     };
     for (const auto& c : cases) {
         Image expected = TestImage();

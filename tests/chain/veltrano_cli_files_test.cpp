@@ -87,8 +87,8 @@ TEST_F(VeltranoCli, InterlacedAndPlainPngsReadToTheSamePixels) {
             const std::vector<float> read = ReadFloats(dir_ / "out.raw");
             ASSERT_EQ(read.size(), spec.samples.size()) << label;
             for (size_t i = 0; i < read.size(); ++i) {
-                ASSERT_EQ(read[i], spec.samples[i]) << label << (interlaced ? " Adam7" : "")
-                                                    << " pixel " << i;
+                ASSERT_EQ(read[i], spec.samples[i])
+                    << label << (interlaced ? " Adam7" : "") << " pixel " << i;
             }
         }
     }
@@ -199,13 +199,15 @@ TEST_F(VeltranoCli, OutputsThatAreNotRegularFilesAreLeftAlone) {
         {"folder.png", 'd', "folder.png: is a folder, not a regular file"},
         {"to_fifo.png", 'l', "to_fifo.png: is a symbolic link to a FIFO, not to a regular file"},
         {"dangling.png", 'l', "dangling.png: is a symbolic link to nothing, not to a regular file"},
-        {"missing/out.png", '-', "missing/out.png: cannot be written: the folder missing does not exist"},
+        {"missing/out.png", '-',
+         "missing/out.png: cannot be written: the folder missing does not exist"},
         {"device.png", 'c', "device.png: is a device, not a regular file"},
     };
     for (const Case& c : cases) {
         if (c.kind == 'c' && !root) continue;
         ASSERT_EQ(EntryKind(dir_ / c.out), c.kind) << c.out;
-        const auto run = Veltrano(std::string("process --chain keep.chain --in in.png --out ") + c.out);
+        const auto run =
+            Veltrano(std::string("process --chain keep.chain --in in.png --out ") + c.out);
         EXPECT_EQ(run.first, 1) << c.out;
         EXPECT_EQ(Lines(run.second), 1u) << run.second;
         EXPECT_NE(run.second.find(c.message), std::string::npos) << run.second;
@@ -252,9 +254,9 @@ TEST_F(VeltranoCli, FullAndReadOnlyFileSystemsLeaveTheOutputAsItWas) {
     for (const Case& c : cases) {
         const std::string out = std::string("small/") + c.out;
         const std::string script =
-            "mount -t tmpfs -o size=64k tmpfs small && printf 'previous output' > " + out +
-            " && " + c.remount + " " + veltrano + " process --chain keep.chain --in in.png --out " +
-            out + "; code=\\$?; cat " + out + " > after.txt; ls small > listing.txt; exit \\$code";
+            "mount -t tmpfs -o size=64k tmpfs small && printf 'previous output' > " + out + " && " +
+            c.remount + " " + veltrano + " process --chain keep.chain --in in.png --out " + out +
+            "; code=\\$?; cat " + out + " > after.txt; ls small > listing.txt; exit \\$code";
         const auto run = Shell("unshare -rm sh -c \"" + script + "\"");
         EXPECT_EQ(run.first, 1) << c.out << c.remount;
         EXPECT_EQ(Lines(run.second), 1u) << run.second;

@@ -67,8 +67,7 @@ const Refusal kRefusals[] = {
     {"NegativeThreshold", "acquire --workdir w --out o.png --threshold -1", "veltrano acquire",
      "--threshold"},
     {"LevelsNotOneOrFour", "calibrate --workdir w --levels 2", "veltrano calibrate", "--levels"},
-    {"TooFewExposures", "calibrate --workdir w --exposures 1", "veltrano calibrate",
-     "--exposures"},
+    {"TooFewExposures", "calibrate --workdir w --exposures 1", "veltrano calibrate", "--exposures"},
     {"FramesWithoutVirtual", "calibrate --workdir w --frames 4", "veltrano calibrate",
      "--frames requires --virtual"},
     {"FramesNotOneOrFour", "calibrate --workdir w --virtual --frames 2", "veltrano calibrate",
@@ -148,9 +147,9 @@ TEST_F(VeltranoCli, HelpComesFromTheParser) {
         EXPECT_EQ(run.out.compare(0, std::string(c[1]).size(), c[1]), 0) << c[0] << "\n" << run.out;
     }
     // The defaults shown are the ones the subcommands use.
-    EXPECT_NE(VeltranoOutput("calibrate --help")
-                  .out.find("exposures per level, 2 to 64 (default 8)"),
-              std::string::npos);
+    EXPECT_NE(
+        VeltranoOutput("calibrate --help").out.find("exposures per level, 2 to 64 (default 8)"),
+        std::string::npos);
     EXPECT_NE(VeltranoOutput("acquire --help").out.find("trigger threshold (default 100)"),
               std::string::npos);
 }

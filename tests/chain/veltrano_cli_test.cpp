@@ -11,7 +11,9 @@ TEST_F(VeltranoCli, BadInputFailsWithOneLineAndLeavesTheOutputAlone) {
     Write("in.raw", std::string(32 * 24 * 2, '\x10'));
     Write("bc.chain", "[BC]\nb=100;\nc=0.5;\nend\n");
     ASSERT_EQ(Veltrano("process --chain bc.chain --in in.raw --width 32 --height 24 --type 3 "
-                       "--out in.png").first, 0);
+                       "--out in.png")
+                  .first,
+              0);
     Write("malformed.chain", "[BC]\nb=100;\nc=half;\nend\n");
     Write("noend.chain", "[BC]\nb=100;\nc=0.5;\n");
     Write("short.raw", std::string(100, '\0'));

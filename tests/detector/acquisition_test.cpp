@@ -8,7 +8,11 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-struct Outcome { int code = 0, endSign = 0, progress = 0; imgmat image; std::string log; };
+struct Outcome {
+    int code = 0, endSign = 0, progress = 0;
+    imgmat image;
+    std::string log;
+};
 
 // Settings that differ from the virtual sensor's defaults, so that all three are written.
 Outcome Acquire(CVeltrano& detector) {
@@ -57,7 +61,8 @@ TEST(Acquisition, FlatExposuresOfTwoDetectorsSideBySideComeBackCorrected) {
             finished = done;  // one more look after the acquisition has returned
             if (const int progress = detector.GetProgressBar(); progress != last) {
                 last = progress;
-                seen += " " + std::to_string(progress) + ":" + std::to_string(detector.GetEndSign());
+                seen +=
+                    " " + std::to_string(progress) + ":" + std::to_string(detector.GetEndSign());
             }
             std::this_thread::sleep_for(std::chrono::microseconds(200));
         }
@@ -78,9 +83,12 @@ TEST(Acquisition, FlatExposuresOfTwoDetectorsSideBySideComeBackCorrected) {
     EXPECT_LT(Variation(outcome.image, 211), 0.02);
 
     // In order, one line at a time: the other detector's lines may come in between.
-    const char* steps[] = {"SensorSize:1000\n", "Success to load defectFile\n",
-                           "New TriggerThreshold is:555\n", "Waiting for acquiring an image!\r\n",
-                           "Get an image!\n", "Success to do PixelCorrection!\n",
+    const char* steps[] = {"SensorSize:1000\n",
+                           "Success to load defectFile\n",
+                           "New TriggerThreshold is:555\n",
+                           "Waiting for acquiring an image!\r\n",
+                           "Get an image!\n",
+                           "Success to do PixelCorrection!\n",
                            "//////////////////end//////////////////////\n"};
     for (size_t i = 0, at = 0; i < 7; ++i) {
         at = outcome.log.find(steps[i], at);
@@ -177,8 +185,8 @@ TEST(Acquisition, StopAcqEndsAPendingWaitAtOnceAndStaysUntilReset) {
     Prepare(*detector, dir);
     Outcome outcome;
     std::thread host([&] { outcome = Acquire(*detector); });
-    for (const auto start = Clock::now(); detector->GetProgressBar() != 6 &&
-                                          Clock::now() - start < std::chrono::seconds(20);) {
+    for (const auto start = Clock::now();
+         detector->GetProgressBar() != 6 && Clock::now() - start < std::chrono::seconds(20);) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     EXPECT_EQ(detector->GetProgressBar(), 6);
@@ -193,8 +201,9 @@ TEST(Acquisition, StopAcqEndsAPendingWaitAtOnceAndStaysUntilReset) {
     EXPECT_EQ(outcome.code, -9);
     EXPECT_EQ(outcome.endSign, 2);
     EXPECT_EQ(outcome.progress, 6);
-    EXPECT_TRUE(Contains(outcome.log, "Stop waitting!\nStop operation! \r\n"
-                                      "//////////////////end//////////////////////\n"));
+    EXPECT_TRUE(Contains(outcome.log,
+                         "Stop waitting!\nStop operation! \r\n"
+                         "//////////////////end//////////////////////\n"));
 
     // The stop stays until it is reset: the next exposure leaves at once, with code 0.
     detector->SetProgressBar(0);
@@ -202,15 +211,19 @@ TEST(Acquisition, StopAcqEndsAPendingWaitAtOnceAndStaysUntilReset) {
     const Outcome stopped = Acquire(*detector);
     EXPECT_EQ(stopped.code, 0);
     EXPECT_EQ(stopped.endSign, 2);
-    EXPECT_EQ(stopped.log, "//////////////////start//////////////////////\nSensorSize:1000\n"
-                           "Stop operation! \r\n//////////////////end//////////////////////\n");
+    EXPECT_EQ(stopped.log,
+              "//////////////////start//////////////////////\nSensorSize:1000\n"
+              "Stop operation! \r\n//////////////////end//////////////////////\n");
     detector.reset();
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
 }
 
 TEST(OutlierStatistics, LevelsFollowTheBrightestAndDarkestThousandPixels) {
     // (value, pixel count) pairs in one row; the corner cut; the levels expected.
-    struct Case { std::vector<std::pair<float, int>> values; int cut, low, high; };
+    struct Case {
+        std::vector<std::pair<float, int>> values;
+        int cut, low, high;
+    };
     const Case cases[] = {
         {{{40000.0f, 500}, {25000.0f, 3500}}, -1, 200, 25000},
         {{{40000.0f, 1001}, {25000.0f, 2500}}, -1, 200, 40000},
@@ -251,10 +264,10 @@ TEST(OutlierStatistics, MarksOutliersOutsideTheCutCornersWithinTheDefectMap) {
     ASSERT_EQ(detector.GetBadPixelInfo(), 0);
     imgmat image(1301, 1801, 1);
     image = 5000.0f;
-    image.data[282] = 0.0f;                // just outside the cut upper-left corner
-    image.data[281] = 60000.0f;            // in it
-    image.data[5 * 1301 + 1025] = 0.0f;    // in the cut upper-right corner
-    image.data[1801 * 1301 - 1] = 0.0f;    // outside the map
+    image.data[282] = 0.0f;              // just outside the cut upper-left corner
+    image.data[281] = 60000.0f;          // in it
+    image.data[5 * 1301 + 1025] = 0.0f;  // in the cut upper-right corner
+    image.data[1801 * 1301 - 1] = 0.0f;  // outside the map
     int low = 0, high = 0;
     imgmat marks;
     detector.CalcOutlierMarks(image, 281, low, high, marks);
@@ -270,7 +283,8 @@ TEST(OutlierStatistics, EveryPixelAlongBothCornerEdgesIsJudgedByTheCornerRule) {
     constexpr long long kColumns = 1300, kRows = 1800, kCut = 281;
     WorkDir dir;
     fs::create_directories(dir.calibrationFolder());
-    std::ofstream(dir.calibrationFolder() / "map.dft") << std::string(1040 + kColumns * kRows, '\0');
+    std::ofstream(dir.calibrationFolder() / "map.dft")
+        << std::string(1040 + kColumns * kRows, '\0');
     TestDetector detector(dir.str().c_str());
     ASSERT_EQ(detector.GetBadPixelInfo(), 0);
     imgmat image(kColumns, kRows, 1);

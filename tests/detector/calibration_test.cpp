@@ -37,7 +37,12 @@ imgmat Image(float value, unsigned long long width = kWidth, unsigned long long 
 }  // namespace
 
 TEST(Calibration, TheGainFileIsFoundByExtensionAndItsSizeGivesOneOrFourFrames) {
-    struct Case { const char* file; unsigned long long bytes; bool loads; float corrected; };
+    struct Case {
+        const char* file;
+        unsigned long long bytes;
+        bool loads;
+        float corrected;
+    };
     // Frame 0 is flat (gain 1). A four-frame reading finds the other frames zero, with level 0
     // nearest to the image's 100 and a gain of 0.
     const Case cases[] = {
@@ -78,12 +83,18 @@ TEST(Calibration, FourFramesPickTheGainNearestToTheBrightMean) {
     CVeltrano detector(dir.str().c_str());
     ASSERT_EQ(detector.GetAndCaliFile_Gain(), 0);
 
-    struct Case { float brightest; int count, frame; };  // count pixels brighter than 100
+    struct Case {
+        float brightest;
+        int count, frame;
+    };  // count pixels brighter than 100
     // 18000 lies midway between 12000 and 24000, 4000 between 2000 and 6000 (a tie: the first
     // level wins). The walk adds whole bins: one bright pixel short of 5000 takes in the whole
     // bin 100 as well, and the mean falls to about 138.
-    const Case cases[] = {{17999.0f, 5000, 2}, {18001.0f, 5000, 3}, {30000.0f, 5000, 3},
-                          {18001.0f, 4999, 0}, {4000.0f, 5000, 0}};
+    const Case cases[] = {{17999.0f, 5000, 2},
+                          {18001.0f, 5000, 3},
+                          {30000.0f, 5000, 3},
+                          {18001.0f, 4999, 0},
+                          {4000.0f, 5000, 0}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.brightest);
         imgmat image = Image(100.0f);
@@ -120,10 +131,11 @@ TEST(Calibration, HelpersOnDetectorImagesRepairTakeLogarithmsAndFillCorners) {
         EXPECT_EQ(detector.FillCutCorners(blocks, filled, 3), 1);
         EXPECT_EQ(detector.FillCutCorners(none, filled, 3), -1);
     });
-    EXPECT_EQ(text,
-              "Fail to do PixelCorrection!\nFail to do PixelCorrection!\n"
-              "Success to do PixelCorrection!\nDo log is sucessful\nDo log,but no image!\n"
-              "Do Copy_RightDown_To_LeftUp is Sucessful\nDo Copy_LeftDown_To_RightUp is Sucessful\n");
+    EXPECT_EQ(
+        text,
+        "Fail to do PixelCorrection!\nFail to do PixelCorrection!\n"
+        "Success to do PixelCorrection!\nDo log is sucessful\nDo log,but no image!\n"
+        "Do Copy_RightDown_To_LeftUp is Sucessful\nDo Copy_LeftDown_To_RightUp is Sucessful\n");
     EXPECT_FLOAT_EQ(image.data[4], 10.0f);
     EXPECT_NEAR(logs.data[4], -std::log(20.0f), 1e-5);  // 10 is floored at 20, then negated
     const float expected[] = {9, 6, 3, 1, 4, 7, 8, 5, 6, 4, 5, 8, 7, 8, 9, 7, 8, 9};

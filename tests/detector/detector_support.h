@@ -44,8 +44,8 @@ public:
 
     // A short exposure keeps the tests quick.
     void configure(const std::string& iniLines) const {
-        std::ofstream(path_ / "VirtualSensor.ini")
-            << "[VirtualSensor]\nExposureMs = 50\n" << iniLines << "\n";
+        std::ofstream(path_ / "VirtualSensor.ini") << "[VirtualSensor]\nExposureMs = 50\n"
+                                                   << iniLines << "\n";
     }
     std::string str() const { return path_.string(); }
     fs::path calibrationFolder() const { return path_ / "Correct" / "Default"; }
@@ -69,17 +69,17 @@ struct ShortTimes {
 inline int WriteCalibration(const std::string& workDir, int frames) {
     veltrano::platform::DynamicLibrary driver;
     using WriteFn = int (*)(const char*, int);
-    auto write = driver.open("FpdSys") ? reinterpret_cast<WriteFn>(
-                                             driver.symbol("VirtualSensor_WriteCalibration"))
-                                       : nullptr;
+    auto write = driver.open("FpdSys")
+                     ? reinterpret_cast<WriteFn>(driver.symbol("VirtualSensor_WriteCalibration"))
+                     : nullptr;
     return write != nullptr ? write(workDir.c_str(), frames) : -1;
 }
 
 // Opens the protected steps of the detector to the tests.
 class TestDetector : public CVeltrano {
 public:
-    using CVeltrano::CVeltrano;
     using CVeltrano::CalcOutlierMarks;
+    using CVeltrano::CVeltrano;
     using CVeltrano::SetDelayTime;
     using CVeltrano::SetTriggerMode;
     using CVeltrano::SetTriggerThreshold;

@@ -44,7 +44,8 @@ TEST_P(DriverBindingConnect, PassesTheDriversAnswerOnAndLearnsTheSensorSize) {
 INSTANTIATE_TEST_SUITE_P(
     Cases, DriverBindingConnect,
     testing::Values(
-        ConnectCase{"Size1000Offline", "SensorSize = 1000\nOnline = 0", 0, 1000, Enm_Online_Offline, 0},
+        ConnectCase{"Size1000Offline", "SensorSize = 1000\nOnline = 0", 0, 1000, Enm_Online_Offline,
+                    0},
         ConnectCase{"Size2000", "SensorSize = 2000", 0, 2000, Enm_Online_Online, 0},
         ConnectCase{"Size1500FromDimensionsStandby", "Width = 1200\nHeight = 1650\nOnline = 2", 0,
                     1500, Enm_Online_Standby, 0},
@@ -53,8 +54,8 @@ INSTANTIATE_TEST_SUITE_P(
                     Enm_Online_Unknown, 0},
         ConnectCase{"UnknownDimensions", "Width = 1300\nHeight = 1500\nOnline = -4", -101, -1,
                     Enm_Online_Unknown, 0},
-        ConnectCase{"CompletionWithAnError", "FailCommand = 2:13, 3:14", 13, -1,
-                    Enm_Online_Online, 0},
+        ConnectCase{"CompletionWithAnError", "FailCommand = 2:13, 3:14", 13, -1, Enm_Online_Online,
+                    0},
         // Invoke refuses: its code is final.
         ConnectCase{"InvokeRefuses", "RejectCommand = 2:5", 5, -1, Enm_Online_Online, 0},
         // Invoke finishes the command itself: no wait.
@@ -72,7 +73,8 @@ TEST(DriverBinding, InitializePrintsItsStepsAndTheCreateFailuresText) {
     WorkDir bad("SensorSize = 1234");
     CVeltrano refused(bad.str().c_str());
     const std::string text = Capture([&] { EXPECT_EQ(refused.Initialize(), 10); });
-    EXPECT_EQ(text.find("Load libray\n\t\t\t[Yes]\nCreate instance\n\t\t\t[No] - error:Invalid"), 0u)
+    EXPECT_EQ(text.find("Load libray\n\t\t\t[Yes]\nCreate instance\n\t\t\t[No] - error:Invalid"),
+              0u)
         << text;
 }
 

@@ -130,8 +130,10 @@ TEST_F(DicomFiles, EveryKindPassesTheValidatorAndReadsBackUnchanged) {
     int n = 0;
     const DicomIdentity* identities[] = {&unknown, &full};
     for (const DicomIdentity* id : identities) {
-        for (DicomImageKind kind : {DicomImageKind::ForProcessing, DicomImageKind::ForPresentation}) {
-            for (DicomPhotometric look : {DicomPhotometric::Monochrome2, DicomPhotometric::Monochrome1}) {
+        for (DicomImageKind kind :
+             {DicomImageKind::ForProcessing, DicomImageKind::ForPresentation}) {
+            for (DicomPhotometric look :
+                 {DicomPhotometric::Monochrome2, DicomPhotometric::Monochrome1}) {
                 const fs::path file = dir_ / ("image" + std::to_string(n++) + ".dcm");
                 SCOPED_TRACE(file.string());
                 std::string error;
@@ -233,8 +235,8 @@ TEST_F(DicomFiles, LosslessCompressedInputIsDecoded) {
     const fs::path plain = dir_ / "plain.dcm";
     const fs::path packed = dir_ / "packed.dcm";
     std::string error;
-    ASSERT_TRUE(WriteDicom(plain.string(), frame, DicomImageKind::ForProcessing, {}, Sensor(),
-                           error))
+    ASSERT_TRUE(
+        WriteDicom(plain.string(), frame, DicomImageKind::ForProcessing, {}, Sensor(), error))
         << error;
     DJLSEncoderRegistration::registerCodecs();
     DcmFileFormat file;
@@ -328,7 +330,11 @@ TEST_F(DicomFiles, ForeignAndDamagedInputsAreRefused) {
         EXPECT_FALSE(error.empty()) << part;
     }
     // Not DICOM at all.
-    { std::FILE* f = std::fopen((dir_ / "text.dcm").c_str(), "w"); std::fputs("hello\n", f); std::fclose(f); }
+    {
+        std::FILE* f = std::fopen((dir_ / "text.dcm").c_str(), "w");
+        std::fputs("hello\n", f);
+        std::fclose(f);
+    }
     EXPECT_FALSE(ReadDicom((dir_ / "text.dcm").string(), image, source, error));
     EXPECT_NE(error.find("is not a readable DICOM file"), std::string::npos) << error;
 }
@@ -338,18 +344,18 @@ TEST_F(DicomFiles, WriterRefusesBeforeWritingAnything) {
     std::string error;
     DicomIdentity bad;
     bad.tooth = "99";
-    EXPECT_FALSE(WriteDicom(file.string(), TestFrame(8, 8, 100), DicomImageKind::ForProcessing,
-                            bad, Sensor(), error));
+    EXPECT_FALSE(WriteDicom(file.string(), TestFrame(8, 8, 100), DicomImageKind::ForProcessing, bad,
+                            Sensor(), error));
     EXPECT_NE(error.find("--tooth"), std::string::npos) << error;
     DicomDetector noPitch = Sensor();
     noPitch.pixelPitchMm = 0.0;
-    EXPECT_FALSE(WriteDicom(file.string(), TestFrame(8, 8, 100), DicomImageKind::ForProcessing,
-                            {}, noPitch, error));
+    EXPECT_FALSE(WriteDicom(file.string(), TestFrame(8, 8, 100), DicomImageKind::ForProcessing, {},
+                            noPitch, error));
     EXPECT_NE(error.find("pixel pitch"), std::string::npos) << error;
     DicomImage wrongSize = TestFrame(8, 8, 100);
     wrongSize.pixels.pop_back();
-    EXPECT_FALSE(WriteDicom(file.string(), wrongSize, DicomImageKind::ForProcessing, {},
-                            Sensor(), error));
+    EXPECT_FALSE(
+        WriteDicom(file.string(), wrongSize, DicomImageKind::ForProcessing, {}, Sensor(), error));
     EXPECT_FALSE(fs::exists(file));
 }
 

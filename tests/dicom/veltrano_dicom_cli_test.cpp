@@ -47,9 +47,10 @@ TEST_F(VeltranoDicom, AcquireProcessAndDemoWriteValidImagesOfOneStudy) {
     // Drawn as radiographs are read (enamel bright), the sensor's values unchanged.
     EXPECT_EQ(Field(dir_ / "plain.dcm", DCM_PhotometricInterpretation), "MONOCHROME1");
 
-    run = Veltrano("acquire --workdir w --pixel-pitch 0.02 --patient-name 'Doe^Jane' "
-                   "--patient-id 42 --birth-date 1980-01-31 --sex F --study-description Check "
-                   "--tooth 21 --accession A1 --out named.dcm");
+    run = Veltrano(
+        "acquire --workdir w --pixel-pitch 0.02 --patient-name 'Doe^Jane' "
+        "--patient-id 42 --birth-date 1980-01-31 --sex F --study-description Check "
+        "--tooth 21 --accession A1 --out named.dcm");
     ASSERT_EQ(run.first, 0) << run.second;
     EXPECT_EQ(Errors("named.dcm"), "");
     EXPECT_EQ(Field(dir_ / "named.dcm", DCM_PatientBirthDate), "19800131");

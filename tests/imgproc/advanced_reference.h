@@ -16,7 +16,8 @@ template <class T>
 std::vector<T> RandomImage(int width, int height, double low, double high, unsigned seed) {
     std::mt19937 gen(seed);
     std::vector<T> out(static_cast<size_t>(width) * height);
-    std::uniform_real_distribution<double> dist(low, high + (std::is_floating_point_v<T> ? 0.0 : 0.999));
+    std::uniform_real_distribution<double> dist(low,
+                                                high + (std::is_floating_point_v<T> ? 0.0 : 0.999));
     for (T& v : out) v = static_cast<T>(dist(gen));  // integers: every value from low to high
     return out;
 }

@@ -16,7 +16,8 @@ namespace {
 
 struBilatralParam Record(int kw, int kh, float colorX, float colorY, float spaceX, float spaceY) {
     struBilatralParam p;
-    p.k_w = kw, p.k_h = kh, p.sigColor_x = colorX, p.sigColor_y = colorY, p.sigSpace_x = spaceX, p.sigSpace_y = spaceY;
+    p.k_w = kw, p.k_h = kh, p.sigColor_x = colorX, p.sigColor_y = colorY, p.sigSpace_x = spaceX,
+    p.sigSpace_y = spaceY;
     return p;
 }
 
@@ -25,14 +26,19 @@ struBilatralParam Record(int kw, int kh, float colorX, float colorY, float space
 // cR = 1 / (2 sigSpace_x sigColor_y): the middle becomes 1 / (1 + 2w), each edge (which mirrors
 // the middle on both sides) 2w / (1 + 2w). sigSpace_y plays no part.
 TEST(Bilateral, WeighsDistanceAndValueWithTheirPairedSigmas) {
-    struct Case { float colorX, colorY, spaceX, spaceY; };
-    for (const Case& c : {Case{1, 1, 1, 1}, Case{2, 1, 1, 9}, Case{1, 2, 1, 1}, Case{1, 1, 4, 0.1f}, Case{0.5f, 0.5f, 0.5f, 0.5f}}) {
+    struct Case {
+        float colorX, colorY, spaceX, spaceY;
+    };
+    for (const Case& c : {Case{1, 1, 1, 1}, Case{2, 1, 1, 9}, Case{1, 2, 1, 1}, Case{1, 1, 4, 0.1f},
+                          Case{0.5f, 0.5f, 0.5f, 0.5f}}) {
         std::vector<float> src = {0, 1, 0}, dst(3, -1);
         struBilatralParam p = Record(3, 1, c.colorX, c.colorY, c.spaceX, c.spaceY);
         ASSERT_EQ(bilateralFilter_32F(src.data(), dst.data(), 3, 1, &p), 1);
         const double w = std::exp(-(0.5 / (c.colorX * c.colorY) + 0.5 / (c.spaceX * c.colorY)));
-        EXPECT_NEAR(dst[1], 1 / (1 + 2 * w), 1e-6) << c.colorX << " " << c.colorY << " " << c.spaceX;
-        EXPECT_NEAR(dst[2], 2 * w / (1 + 2 * w), 1e-6) << c.colorX << " " << c.colorY << " " << c.spaceX;
+        EXPECT_NEAR(dst[1], 1 / (1 + 2 * w), 1e-6)
+            << c.colorX << " " << c.colorY << " " << c.spaceX;
+        EXPECT_NEAR(dst[2], 2 * w / (1 + 2 * w), 1e-6)
+            << c.colorX << " " << c.colorY << " " << c.spaceX;
         ASSERT_EQ(bilateralFilter_32F(src.data(), src.data(), 3, 1, &p), 1);  // in place the same
         EXPECT_EQ(src, dst);
     }
@@ -50,8 +56,11 @@ TEST(Bilateral, KeepsConstantImagesAndSinglePixelKernelsAndTheCentreAtZeroSigma)
     ASSERT_EQ(bilateralFilter_32F(flat.data(), out.data(), 6, 5, &p), 1);
     for (float v : out) EXPECT_FLOAT_EQ(v, 12.5f);  // up to the rounding of the normalised weights
     std::vector<float> src = advanced_ref::RandomImage<float>(6, 5, -100.0, 100.0, 9);
-    for (const struBilatralParam& q : {Record(1, 1, 0.5f, 0.5f, 0.5f, 0.5f), Record(3, 3, 0.0f, 0.5f, 0.5f, 0.5f)}) {
-        ASSERT_EQ(bilateralFilter_32F(src.data(), out.data(), 6, 5, const_cast<struBilatralParam*>(&q)), 1);
+    for (const struBilatralParam& q :
+         {Record(1, 1, 0.5f, 0.5f, 0.5f, 0.5f), Record(3, 3, 0.0f, 0.5f, 0.5f, 0.5f)}) {
+        ASSERT_EQ(
+            bilateralFilter_32F(src.data(), out.data(), 6, 5, const_cast<struBilatralParam*>(&q)),
+            1);
         EXPECT_EQ(out, src) << q.k_w;  // a zero sigma leaves the centre the only weight
     }
 }
@@ -91,16 +100,20 @@ struct LevelCase {
 };
 
 const LevelCase kLevelCases[] = {
-    {37, 23, 5, 5, 0.0075f, 300, 300, LevelCase::kNoise},  // spatial sigma 1.5, value sigma about the noise
-    {13, 41, 3, 7, 0.0075f, 300, 300, LevelCase::kNoise},  {40, 17, 4, 6, 0.0075f, 300, 300, LevelCase::kNoise},
-    {29, 9, 1, 5, 0.0075f, 300, 300, LevelCase::kNoise},   {11, 30, 5, 1, 0.0075f, 300, 300, LevelCase::kNoise},
-    {33, 21, 7, 7, 0.01f, 300, 0.5f, LevelCase::kNoise},   // value weights mostly underflow
-    {25, 19, 5, 5, 0.01f, 300, 0.0f, LevelCase::kNoise},   // cR infinite: only equal values count
-    {25, 19, 5, 5, 0.0f, 300, 300, LevelCase::kNoise},     // cS infinite: only the centre counts
-    {25, 19, 5, 3, 0.01f, 300, -900, LevelCase::kNoise},   // cR negative: weights grow with the difference
-    {31, 27, 5, 5, 0.5f, 0.5f, 0.5f, LevelCase::kNoise},   // the record's defaults
-    {5, 4, 9, 9, 0.02f, 300, 300, LevelCase::kNoise},      // kernel larger than the image
-    {3, 2, 11, 8, 0.02f, 300, 300, LevelCase::kNoise},     // ... reaching past its mirror
+    {37, 23, 5, 5, 0.0075f, 300, 300,
+     LevelCase::kNoise},  // spatial sigma 1.5, value sigma about the noise
+    {13, 41, 3, 7, 0.0075f, 300, 300, LevelCase::kNoise},
+    {40, 17, 4, 6, 0.0075f, 300, 300, LevelCase::kNoise},
+    {29, 9, 1, 5, 0.0075f, 300, 300, LevelCase::kNoise},
+    {11, 30, 5, 1, 0.0075f, 300, 300, LevelCase::kNoise},
+    {33, 21, 7, 7, 0.01f, 300, 0.5f, LevelCase::kNoise},  // value weights mostly underflow
+    {25, 19, 5, 5, 0.01f, 300, 0.0f, LevelCase::kNoise},  // cR infinite: only equal values count
+    {25, 19, 5, 5, 0.0f, 300, 300, LevelCase::kNoise},    // cS infinite: only the centre counts
+    {25, 19, 5, 3, 0.01f, 300, -900,
+     LevelCase::kNoise},  // cR negative: weights grow with the difference
+    {31, 27, 5, 5, 0.5f, 0.5f, 0.5f, LevelCase::kNoise},  // the record's defaults
+    {5, 4, 9, 9, 0.02f, 300, 300, LevelCase::kNoise},     // kernel larger than the image
+    {3, 2, 11, 8, 0.02f, 300, 300, LevelCase::kNoise},    // ... reaching past its mirror
     {36, 25, 5, 5, 0.0075f, 300, 300, LevelCase::kNonFinite},
     // Zeros with spikes of 1000, 1300, 1340 and 1500 and a spatial term of 3 per squared step:
     // beside a spike a zero pixel takes a weight of e^-59, a subnormal one, the smallest
@@ -116,13 +129,16 @@ std::vector<float> LevelImage(const LevelCase& c, unsigned seed) {
         const float heights[4] = {1000.0f, 1300.0f, 1340.0f, 1500.0f};
         std::vector<float> img(static_cast<size_t>(c.w) * c.h, 0.0f);
         for (int y = static_cast<int>(seed % 3); y < c.h; y += 6)
-            for (int x = 0; x < c.w; x += 6) img[static_cast<size_t>(y) * c.w + x] = heights[4 * x / c.w];
+            for (int x = 0; x < c.w; x += 6)
+                img[static_cast<size_t>(y) * c.w + x] = heights[4 * x / c.w];
         return img;
     }
     std::vector<float> img = advanced_ref::RandomImage<float>(c.w, c.h, -250.0, 250.0, seed);
     for (int y = 0; y < c.h; ++y)
-        for (int x = 0; x < c.w; ++x) img[static_cast<size_t>(y) * c.w + x] += 40.0f * x + (y > c.h / 2 ? 2000.0f : 0.0f);
-    if (c.w * c.h > 40) img[7] = 1500.0f, img[8] = 1500.0f, img[9] = 1500.0f;  // some equal neighbours
+        for (int x = 0; x < c.w; ++x)
+            img[static_cast<size_t>(y) * c.w + x] += 40.0f * x + (y > c.h / 2 ? 2000.0f : 0.0f);
+    if (c.w * c.h > 40)
+        img[7] = 1500.0f, img[8] = 1500.0f, img[9] = 1500.0f;  // some equal neighbours
     if (c.image == LevelCase::kNonFinite) img[c.w * 3 + 4] = INFINITY, img[c.w * 10 + 20] = NAN;
     return img;
 }
@@ -136,7 +152,9 @@ std::vector<float> RunAt(int level, const LevelCase& c, std::vector<float> src, 
     return inPlace ? src : out;
 }
 
-bool SameValue(float a, float b) { return (std::isnan(a) && std::isnan(b)) || std::memcmp(&a, &b, sizeof a) == 0; }
+bool SameValue(float a, float b) {
+    return (std::isnan(a) && std::isnan(b)) || std::memcmp(&a, &b, sizeof a) == 0;
+}
 
 TEST(BilateralLevels, ScalarLevelGivesTheReferenceOutputBitForBit) {
     unsigned seed = 40;
@@ -147,7 +165,8 @@ TEST(BilateralLevels, ScalarLevelGivesTheReferenceOutputBitForBit) {
             const std::vector<float> got = RunAt(1, c, src, inPlace);
             int differ = 0;
             for (size_t i = 0; i < got.size(); ++i) differ += !SameValue(got[i], want[i]);
-            EXPECT_EQ(differ, 0) << c.w << "x" << c.h << " kernel " << c.kw << "x" << c.kh << " in place " << inPlace;
+            EXPECT_EQ(differ, 0) << c.w << "x" << c.h << " kernel " << c.kw << "x" << c.kh
+                                 << " in place " << inPlace;
         }
     }
 }
@@ -168,7 +187,9 @@ std::vector<float> WindowMagnitude(const LevelCase& c, const std::vector<float>&
             for (int i = -(c.kh / 2); i < c.kh - c.kh / 2; ++i)
                 for (int j = -(c.kw / 2); j < c.kw - c.kw / 2; ++j) {
                     const int yy = Mirror(y + i, c.h), xx = Mirror(x + j, c.w);
-                    m[static_cast<size_t>(y) * c.w + x] = std::max(m[static_cast<size_t>(y) * c.w + x], std::fabs(img[static_cast<size_t>(yy) * c.w + xx]));
+                    m[static_cast<size_t>(y) * c.w + x] =
+                        std::max(m[static_cast<size_t>(y) * c.w + x],
+                                 std::fabs(img[static_cast<size_t>(yy) * c.w + xx]));
                 }
     return m;
 }
@@ -191,7 +212,8 @@ TEST(BilateralLevels, VectorLevelStaysWithinItsBound) {
                 ++total;
                 if (SameValue(got[i], want[i])) continue;
                 ++differ;
-                ASSERT_TRUE(std::isfinite(got[i]) && std::isfinite(want[i])) << got[i] << " vs " << want[i];
+                ASSERT_TRUE(std::isfinite(got[i]) && std::isfinite(want[i]))
+                    << got[i] << " vs " << want[i];
                 EXPECT_LE(std::fabs(double(got[i]) - want[i]), mag[i] * 0x1p-20)
                     << c.w << "x" << c.h << " kernel " << c.kw << "x" << c.kh << " pixel " << i;
             }

@@ -22,13 +22,18 @@ TEST(Clahe, SingleTileMapsThroughItsClippedCumulativeHistogram) {
     std::vector<uint8_t> src(16, 10), dst(16);
     for (int i = 8; i < 12; ++i) src[i] = 11;
     for (int i = 12; i < 16; ++i) src[i] = 30;
-    struct Case { int peak; uint8_t at10, at11, at30; };
+    struct Case {
+        int peak;
+        uint8_t at10, at11, at30;
+    };
     // No clip: 11 -> 4/12 * 255 + 1 = 86, 30 -> 8/12 * 255 + 1 = 171.
     // Peak 3: 7 clipped counts spread over bins 11..255 (7/245 each), the denominator is
     // 16 - 3.0286, so 11 -> 0.23348 * 255 + 1 = 60.5 and 30 -> 0.50661 * 255 + 1 = 130.2.
     for (const Case& c : {Case{100, 1, 86, 171}, Case{3, 1, 60, 130}}) {
         ASSERT_EQ(clahe_8U_Manual(src.data(), dst.data(), 4, 4, 1, 1, 256, c.peak, nullptr), 1);
-        EXPECT_EQ(std::vector<int>({dst[0], dst[8], dst[12]}), std::vector<int>({c.at10, c.at11, c.at30})) << c.peak;
+        EXPECT_EQ(std::vector<int>({dst[0], dst[8], dst[12]}),
+                  std::vector<int>({c.at10, c.at11, c.at30}))
+            << c.peak;
     }
     // Floats are binned by their raw value with 255 / (max - min) per unit, so 25 and 30 share
     // the top bin, and mapped to r * (max - min) without any offset.
@@ -55,8 +60,11 @@ TEST(Clahe, BlendsNeighbouringTilesAndMapsPixelsOutsideEveryTile) {
     for (int rows : {1, 8}) {  // 8 equal rows: the vertical and bilinear blends give the same
         std::vector<uint8_t> src, dst(9 * rows);
         for (int r = 0; r < rows; ++r) src.insert(src.end(), row.begin(), row.end());
-        ASSERT_EQ(clahe_8U_Manual(src.data(), dst.data(), 9, rows, 2, rows == 1 ? 1 : 2, 256, 100, nullptr), 1);
-        for (int i = 0; i < 9 * rows; ++i) EXPECT_EQ(dst[i], want[i % 9]) << rows << " rows, pixel " << i;
+        ASSERT_EQ(clahe_8U_Manual(src.data(), dst.data(), 9, rows, 2, rows == 1 ? 1 : 2, 256, 100,
+                                  nullptr),
+                  1);
+        for (int i = 0; i < 9 * rows; ++i)
+            EXPECT_EQ(dst[i], want[i % 9]) << rows << " rows, pixel " << i;
     }
     // Transposed, one column: the same blend down the rows.
     std::vector<uint8_t> column(row.begin(), row.end()), down(9);
@@ -74,7 +82,8 @@ TEST(Clahe, BlendsNeighbouringTilesAndMapsPixelsOutsideEveryTile) {
 TEST(Clahe, RejectsBadSettingsWithoutWriting) {
     std::vector<uint16_t> src = RandomImage<uint16_t>(10, 6, 0, 65535, 3), dst(60, 42);
     for (const auto& [nx, ny] : {std::pair{0, 2}, std::pair{11, 2}, std::pair{2, 7}})
-        EXPECT_EQ(clahe_16U_Manual(src.data(), dst.data(), 10, 6, nx, ny, 256, 200, nullptr), -1) << nx;
+        EXPECT_EQ(clahe_16U_Manual(src.data(), dst.data(), 10, 6, nx, ny, 256, 200, nullptr), -1)
+            << nx;
     EXPECT_EQ(dst, std::vector<uint16_t>(src.size(), 42));
     EXPECT_EQ(clahe_16U_Manual(nullptr, dst.data(), 10, 6, 2, 2, 256, 200, nullptr), 0);
     // A null destination is met by the mapping stage, after the record was updated.
@@ -91,13 +100,15 @@ TEST(Clahe, ANonEmptyIniPathReplacesTheSettingsWithTheFixedOnes) {
     // The record type never reads its file, whatever it holds.
     const std::string ini = "clahe_test_settings.ini";
     ASSERT_EQ(WriteInt_INI("claheParam", "widthBlockNum", 2, ini.c_str()), 1);
-    std::vector<uint16_t> src = RandomImage<uint16_t>(48, 40, 0, 65535, 8), fromIni(src.size()), fixed(src.size());
+    std::vector<uint16_t> src = RandomImage<uint16_t>(48, 40, 0, 65535, 8), fromIni(src.size()),
+                          fixed(src.size());
     claheParam p;
     p.widthBlockNum = 3, p.peak = 4;
     EXPECT_EQ(clahe_16U(src.data(), fromIni.data(), 48, 40, &p, ini.c_str()), 1);
     EXPECT_EQ(clahe_16U_Manual(src.data(), fixed.data(), 48, 40, 8, 8, 256, 600, nullptr), 1);
     EXPECT_EQ(fromIni, fixed);
-    EXPECT_EQ(std::vector<int>({p.widthBlockNum, p.heightBlockNum, p.histBin, p.peak}), (std::vector<int>{8, 8, 256, 600}));
+    EXPECT_EQ(std::vector<int>({p.widthBlockNum, p.heightBlockNum, p.histBin, p.peak}),
+              (std::vector<int>{8, 8, 256, 600}));
     std::remove(ini.c_str());
 }
 
@@ -108,7 +119,9 @@ TEST(Clahe, SettingsOutsideTheUsualRangeStayInsideTheTables) {
     EXPECT_EQ(dst, std::vector<uint16_t>(src.size(), 1));
     // Negative float values fall into bin 0 like 0 itself.
     std::vector<double> a = {-5, -1, 3, 7}, b = {-5, 0, 3, 7};
-    ASSERT_EQ(clahe_64F_Manual(a.data(), a.data(), 2, 2, 1, 1, 64, 3, nullptr) + clahe_64F_Manual(b.data(), b.data(), 2, 2, 1, 1, 64, 3, nullptr), 2);
+    ASSERT_EQ(clahe_64F_Manual(a.data(), a.data(), 2, 2, 1, 1, 64, 3, nullptr) +
+                  clahe_64F_Manual(b.data(), b.data(), 2, 2, 1, 1, 64, 3, nullptr),
+              2);
     EXPECT_EQ(a, b);
     // A tile whose values all sit in the top bin has nothing above it to map.
     std::vector<uint8_t> bright(16, 255), out8(16, 9);
@@ -128,26 +141,34 @@ std::vector<T> ClaheImage(int w, int h, unsigned seed) {
     for (int y = 0; y < h; ++y)
         for (int x = 0; x < w; ++x) {
             T& v = img[static_cast<size_t>(y) * w + x];
-            if ((x / 7 + y / 5) % 4 == 0) v = static_cast<T>(top * 0.3);  // flat patches
-            else v = static_cast<T>(std::min(top, v + top * 0.7 * (x + 2.0 * y) / (w + 2.0 * h)));
+            if ((x / 7 + y / 5) % 4 == 0)
+                v = static_cast<T>(top * 0.3);  // flat patches
+            else
+                v = static_cast<T>(std::min(top, v + top * 0.7 * (x + 2.0 * y) / (w + 2.0 * h)));
         }
     if constexpr (std::is_floating_point_v<T>) {
         img[1] = -40;
         img[img.size() / 2] = -std::numeric_limits<T>::infinity();
         img[img.size() / 3] = std::numeric_limits<T>::quiet_NaN();
-        if (seed % 3 == 0) img[0] = std::numeric_limits<T>::quiet_NaN();  // the minimum and maximum stay NaN
+        if (seed % 3 == 0)
+            img[0] = std::numeric_limits<T>::quiet_NaN();  // the minimum and maximum stay NaN
     }
     return img;
 }
 
 template <class T>
-int ClaheAt(int level, std::vector<T>& src, std::vector<T>& dst, int w, int h, int nx, int ny, int bins, int peak) {
+int ClaheAt(int level, std::vector<T>& src, std::vector<T>& dst, int w, int h, int nx, int ny,
+            int bins, int peak) {
     veltrano::SetImplCapForTesting(level);
     int r = 0;
-    if constexpr (std::is_same_v<T, uint8_t>) r = clahe_8U_Manual(src.data(), dst.data(), w, h, nx, ny, bins, peak, nullptr);
-    if constexpr (std::is_same_v<T, uint16_t>) r = clahe_16U_Manual(src.data(), dst.data(), w, h, nx, ny, bins, peak, nullptr);
-    if constexpr (std::is_same_v<T, float>) r = clahe_32F_Manual(src.data(), dst.data(), w, h, nx, ny, bins, peak, nullptr);
-    if constexpr (std::is_same_v<T, double>) r = clahe_64F_Manual(src.data(), dst.data(), w, h, nx, ny, bins, peak, nullptr);
+    if constexpr (std::is_same_v<T, uint8_t>)
+        r = clahe_8U_Manual(src.data(), dst.data(), w, h, nx, ny, bins, peak, nullptr);
+    if constexpr (std::is_same_v<T, uint16_t>)
+        r = clahe_16U_Manual(src.data(), dst.data(), w, h, nx, ny, bins, peak, nullptr);
+    if constexpr (std::is_same_v<T, float>)
+        r = clahe_32F_Manual(src.data(), dst.data(), w, h, nx, ny, bins, peak, nullptr);
+    if constexpr (std::is_same_v<T, double>)
+        r = clahe_64F_Manual(src.data(), dst.data(), w, h, nx, ny, bins, peak, nullptr);
     veltrano::SetImplCapForTesting(-1);
     return r;
 }
@@ -157,7 +178,9 @@ bool SameBits(const std::vector<T>& a, const std::vector<T>& b) {
     return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0;
 }
 
-struct LevelCase { int w, h, nx, ny, bins, peak; };
+struct LevelCase {
+    int w, h, nx, ny, bins, peak;
+};
 
 template <class T>
 void ExpectLevelsAgree(const LevelCase& c, unsigned seed) {
@@ -168,20 +191,21 @@ void ExpectLevelsAgree(const LevelCase& c, unsigned seed) {
         std::vector<T> out(src.size(), T(7)), inPlace = src;
         EXPECT_EQ(ClaheAt<T>(level, in, out, c.w, c.h, c.nx, c.ny, c.bins, c.peak), 1);
         EXPECT_EQ(ClaheAt<T>(level, inPlace, inPlace, c.w, c.h, c.nx, c.ny, c.bins, c.peak), 1);
-        EXPECT_TRUE(SameBits(out, want)) << "level " << level << ", " << sizeof(T) << "-byte pixels, " << c.w << "x" << c.h
-                                         << " tiles " << c.nx << "x" << c.ny << " bins " << c.bins << " peak " << c.peak;
-        EXPECT_TRUE(SameBits(inPlace, want)) << "in place, level " << level << ", " << sizeof(T) << "-byte pixels, " << c.w
-                                             << "x" << c.h;
+        EXPECT_TRUE(SameBits(out, want))
+            << "level " << level << ", " << sizeof(T) << "-byte pixels, " << c.w << "x" << c.h
+            << " tiles " << c.nx << "x" << c.ny << " bins " << c.bins << " peak " << c.peak;
+        EXPECT_TRUE(SameBits(inPlace, want)) << "in place, level " << level << ", " << sizeof(T)
+                                             << "-byte pixels, " << c.w << "x" << c.h;
     }
     EXPECT_TRUE(SameBits(in, src));
 }
 
 TEST(ClaheLevels, EveryLevelGivesTheReferenceOutputBitForBit) {
     const LevelCase cases[] = {
-        {37, 29, 3, 4, 256, 5},       {101, 67, 7, 5, 1024, 40}, {64, 48, 1, 1, 256, 200},
-        {53, 81, 5, 9, 65536, 3},     {9, 200, 2, 13, 100, 1},   {300, 7, 16, 2, 2, 100000},
-        {23, 19, 23, 19, 64, 1},      {131, 45, 6, 4, 1024, 0},  {77, 33, 4, 3, 256, -7},
-        {70, 41, 8, 8, 1, 200},       {41, 70, 3, 2, 300, 2000000000},
+        {37, 29, 3, 4, 256, 5},   {101, 67, 7, 5, 1024, 40},       {64, 48, 1, 1, 256, 200},
+        {53, 81, 5, 9, 65536, 3}, {9, 200, 2, 13, 100, 1},         {300, 7, 16, 2, 2, 100000},
+        {23, 19, 23, 19, 64, 1},  {131, 45, 6, 4, 1024, 0},        {77, 33, 4, 3, 256, -7},
+        {70, 41, 8, 8, 1, 200},   {41, 70, 3, 2, 300, 2000000000},
     };
     unsigned seed = 1;
     for (const LevelCase& c : cases) {

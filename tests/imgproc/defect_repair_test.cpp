@@ -25,8 +25,12 @@ TEST(ImgFix, ChecksArgumentsInOrderBeforeWriting) {
 
 TEST(ImgFix, ReadsTheMapAsAByteMark) {
     // 1 x 3 image 10, 77, 30: when the middle is defective it becomes (10 + 30) / 2.
-    struct Case { float mapValue; float want; };
-    for (const Case& c : {Case{0.0f, 77}, Case{0.999f, 77}, Case{-5.0f, 77}, Case{1.0f, 20}, Case{300.0f, 20}}) {
+    struct Case {
+        float mapValue;
+        float want;
+    };
+    for (const Case& c :
+         {Case{0.0f, 77}, Case{0.999f, 77}, Case{-5.0f, 77}, Case{1.0f, 20}, Case{300.0f, 20}}) {
         std::vector<float> src = {10, 77, 30}, dst(3, -1);
         std::vector<float> map = {0, c.mapValue, 0};
         ASSERT_EQ(ImgFix(src.data(), dst.data(), map.data(), 3, 1, 1, 6, 200), 1);
@@ -40,14 +44,22 @@ TEST(ImgFix, PeelsClustersFromTheRimOnePassAtATime) {
     // the two repaired columns.
     const int w = 5, h = 4;
     std::vector<float> src, map;
-    for (int y = 0; y < h; ++y) src.insert(src.end(), {10, 999, 999, 999, 50}), map.insert(map.end(), {0, 1, 1, 1, 0});
-    struct Case { int passes; float col1; float col2; float col3; };
-    for (const Case& c : {Case{1, 10, 999, 50}, Case{0, 10, 999, 50}, Case{-3, 10, 999, 50}, Case{2, 10, 30, 50}}) {
+    for (int y = 0; y < h; ++y)
+        src.insert(src.end(), {10, 999, 999, 999, 50}), map.insert(map.end(), {0, 1, 1, 1, 0});
+    struct Case {
+        int passes;
+        float col1;
+        float col2;
+        float col3;
+    };
+    for (const Case& c :
+         {Case{1, 10, 999, 50}, Case{0, 10, 999, 50}, Case{-3, 10, 999, 50}, Case{2, 10, 30, 50}}) {
         std::vector<float> dst(src.size());
         ASSERT_EQ(ImgFix(src.data(), dst.data(), map.data(), w, h, 1, 6, c.passes), 1);
         for (int y = 0; y < h; ++y)
             EXPECT_EQ(std::vector<float>(dst.begin() + y * w, dst.begin() + y * w + w),
-                      (std::vector<float>{10, c.col1, c.col2, c.col3, 50})) << "passes " << c.passes << " row " << y;
+                      (std::vector<float>{10, c.col1, c.col2, c.col3, 50}))
+                << "passes " << c.passes << " row " << y;
         std::vector<float> inPlace = src;
         ASSERT_EQ(ImgFix(inPlace.data(), inPlace.data(), map.data(), w, h, 1, 6, c.passes), 1);
         EXPECT_EQ(inPlace, dst) << "passes " << c.passes;
@@ -71,13 +83,16 @@ TEST(ImgFix, LeavesPixelsWithoutAPositiveNeighbourhoodAsTheyWere) {
 TEST(FixBadPixel, AveragesGoodNeighboursOfTheSourceInOnePass) {
     // 3 x 3, defective centre and corner (0,0). The centre takes the mean of its 7 good
     // neighbours; the corner has good neighbours 2 and 4 (the centre is defective).
-    std::vector<float> src = {1, 2, 3, 4, 5, 6, 7, 8, 9}, map = {1, 0, 0, 0, 0.01f, 0, 0, 0, 0.009f}, dst(9);
+    std::vector<float> src = {1, 2, 3, 4, 5, 6, 7, 8, 9},
+                       map = {1, 0, 0, 0, 0.01f, 0, 0, 0, 0.009f}, dst(9);
     ASSERT_EQ(FixBadPixel(src.data(), dst.data(), map.data(), 3, 3), 1);
-    EXPECT_EQ(dst, (std::vector<float>{3, 2, 3, 4, (2.0f + 3 + 4 + 6 + 7 + 8 + 9) / 7.0f, 6, 7, 8, 9}));  // 0.009 is good
+    EXPECT_EQ(dst, (std::vector<float>{3, 2, 3, 4, (2.0f + 3 + 4 + 6 + 7 + 8 + 9) / 7.0f, 6, 7, 8,
+                                       9}));  // 0.009 is good
     std::vector<float> inPlace = src, all(4, 1.0f), out(4, -1);
     ASSERT_EQ(FixBadPixel(inPlace.data(), inPlace.data(), map.data(), 3, 3), 1);
     EXPECT_EQ(inPlace, dst);
-    ASSERT_EQ(FixBadPixel(src.data(), out.data(), all.data(), 2, 2), 1);  // only defective neighbours: 0
+    ASSERT_EQ(FixBadPixel(src.data(), out.data(), all.data(), 2, 2),
+              1);  // only defective neighbours: 0
     EXPECT_EQ(out, std::vector<float>(4, 0.0f));
     ASSERT_EQ(FixBadPixel(src.data(), out.data(), nullptr, 2, 2), 1);  // a null map copies
     EXPECT_EQ(out, (std::vector<float>{1, 2, 3, 4}));
@@ -137,8 +152,8 @@ TEST(EdgeClip, ValuesInTheRecordsFileWinOverThosePassed) {
 // odd sizes, in place and out of place.
 TEST(ImgFix, FastMarkConversionMatchesThePlainLoop) {
     std::mt19937 gen(12);
-    const float specials[] = {0.0f, 5e-7f, -5e-7f, 2e-6f, 0.999f, 1.0f, 254.9f, 300.0f, -1.0f,
-                              std::numeric_limits<float>::quiet_NaN()};
+    const float specials[] = {0.0f, 5e-7f,  -5e-7f, 2e-6f, 0.999f,
+                              1.0f, 254.9f, 300.0f, -1.0f, std::numeric_limits<float>::quiet_NaN()};
     for (const impl_levels::Size& s : impl_levels::OddSizes()) {
         const size_t n = static_cast<size_t>(s.width) * s.height;
         std::vector<float> src(n), map(n, 0.0f);
@@ -146,11 +161,14 @@ TEST(ImgFix, FastMarkConversionMatchesThePlainLoop) {
             src[i] = static_cast<float>(gen() % 4000);
             if (gen() % 4 == 0) map[i] = specials[gen() % 10];
         }
-        for (int y = 0; y < s.height; ++y) map[static_cast<size_t>(y) * s.width + s.width / 2] = 1.0f;
+        for (int y = 0; y < s.height; ++y)
+            map[static_cast<size_t>(y) * s.width + s.width / 2] = 1.0f;
         const auto out = impl_levels::AtEachLevel([&] {
             std::vector<float> dst(n, -1.0f), inPlace = src;
             EXPECT_EQ(ImgFix(src.data(), dst.data(), map.data(), s.width, s.height, 1, 6, 200), 1);
-            EXPECT_EQ(ImgFix(inPlace.data(), inPlace.data(), map.data(), s.width, s.height, 1, 6, 200), 1);
+            EXPECT_EQ(
+                ImgFix(inPlace.data(), inPlace.data(), map.data(), s.width, s.height, 1, 6, 200),
+                1);
             EXPECT_TRUE(impl_levels::SameBits(inPlace, dst));
             return dst;
         });

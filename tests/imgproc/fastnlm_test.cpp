@@ -18,7 +18,8 @@ using advanced_ref::RandomImage;
 // Non-local means computed the slow way: every patch distance summed pixel by pixel, every
 // weight from exp directly, accumulated per pixel in displacement order (dy outer, dx inner).
 // Needs p + s below the image's width and height (one mirror reflection).
-std::vector<uint8_t> ReferenceNlm(const std::vector<uint8_t>& src, int w, int h, float strength, int p, int s) {
+std::vector<uint8_t> ReferenceNlm(const std::vector<uint8_t>& src, int w, int h, float strength,
+                                  int p, int s) {
     const float k = 1.0f / (strength * strength * static_cast<float>((2 * p + 1) * (2 * p + 1)));
     std::vector<uint8_t> out(src.size());
     for (int y = 0; y < h; ++y)
@@ -33,11 +34,13 @@ std::vector<uint8_t> ReferenceNlm(const std::vector<uint8_t>& src, int w, int h,
                                 At(src, w, h, x + u, y + v) - At(src, w, h, x + dx + u, y + dy + v);
                             d += diff * diff;
                         }
-                    const float weight = static_cast<float>(std::exp(static_cast<double>(-static_cast<float>(d) * k)));
+                    const float weight = static_cast<float>(
+                        std::exp(static_cast<double>(-static_cast<float>(d) * k)));
                     weights += weight;
                     values += weight * static_cast<float>(At(src, w, h, x + dx, y + dy));
                 }
-            out[static_cast<size_t>(y) * w + x] = static_cast<uint8_t>(std::min(std::max(values / weights + 0.5f, 0.0f), 255.0f));
+            out[static_cast<size_t>(y) * w + x] =
+                static_cast<uint8_t>(std::min(std::max(values / weights + 0.5f, 0.0f), 255.0f));
         }
     return out;
 }
@@ -45,7 +48,8 @@ std::vector<uint8_t> ReferenceNlm(const std::vector<uint8_t>& src, int w, int h,
 // Runs FastNLM with the implementation level capped at `level` (0 the straightforward one,
 // 1 the fast one in plain code, 2 with vector code where the processor has it), out of place
 // and in place; both must agree.
-std::vector<uint8_t> Denoised(int level, const std::vector<uint8_t>& src, int w, int h, float strength, int p, int s) {
+std::vector<uint8_t> Denoised(int level, const std::vector<uint8_t>& src, int w, int h,
+                              float strength, int p, int s) {
     veltrano::SetImplCapForTesting(level);
     std::vector<uint8_t> out(src.size(), 0), inPlace = src;
     EXPECT_EQ(FastNLM(const_cast<uint8_t*>(src.data()), out.data(), w, h, strength, p, s), 1);
@@ -58,7 +62,11 @@ std::vector<uint8_t> Denoised(int level, const std::vector<uint8_t>& src, int w,
 constexpr int kLevels = 3;
 
 TEST(FastNLM, EveryLevelMatchesPixelByPixelNonLocalMeans) {
-    struct Case { int w, h; float strength; int p, s; };
+    struct Case {
+        int w, h;
+        float strength;
+        int p, s;
+    };
     const Case cases[] = {
         {9, 7, 12.0f, 1, 2},    // small distances mostly from the table
         {8, 8, 3.0f, 1, 3},     // most distances have weight 0
@@ -69,18 +77,22 @@ TEST(FastNLM, EveryLevelMatchesPixelByPixelNonLocalMeans) {
     };
     unsigned seed = 1;
     for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.w << "x" << c.h << " h=" << c.strength << " p=" << c.p << " s=" << c.s);
+        SCOPED_TRACE(testing::Message()
+                     << c.w << "x" << c.h << " h=" << c.strength << " p=" << c.p << " s=" << c.s);
         const std::vector<uint8_t> src = RandomImage<uint8_t>(c.w, c.h, 0, 255, seed++);
         const std::vector<uint8_t> expected = ReferenceNlm(src, c.w, c.h, c.strength, c.p, c.s);
         for (int level = 0; level < kLevels; ++level)
-            EXPECT_EQ(Denoised(level, src, c.w, c.h, c.strength, c.p, c.s), expected) << "level " << level;
+            EXPECT_EQ(Denoised(level, src, c.w, c.h, c.strength, c.p, c.s), expected)
+                << "level " << level;
     }
 }
 
 // The fast levels against the straightforward one, over odd sizes (vector widths and their
 // remainders), radii from 0 to past the image, and strengths from all-zero to all-table weights.
 TEST(FastNLM, FastLevelsMatchTheStraightforwardOne) {
-    struct Size { int w, h; };
+    struct Size {
+        int w, h;
+    };
     const Size sizes[] = {{1, 1}, {1, 7}, {13, 1}, {3, 5}, {17, 11}, {37, 9}, {23, 29}};
     const int patchRadii[] = {0, 1, 2, 6, 40};
     const int searchRadii[] = {0, 1, 3, 12};
@@ -94,16 +106,21 @@ TEST(FastNLM, FastLevelsMatchTheStraightforwardOne) {
         for (int p : patchRadii)
             for (int s : searchRadii) {
                 const float strength = strengths[turn++ % std::size(strengths)];
-                SCOPED_TRACE(testing::Message() << z.w << "x" << z.h << " h=" << strength << " p=" << p << " s=" << s);
+                SCOPED_TRACE(testing::Message()
+                             << z.w << "x" << z.h << " h=" << strength << " p=" << p << " s=" << s);
                 const std::vector<uint8_t> expected = Denoised(0, src, z.w, z.h, strength, p, s);
                 for (int level = 1; level < kLevels; ++level)
-                    ASSERT_EQ(Denoised(level, src, z.w, z.h, strength, p, s), expected) << "level " << level;
+                    ASSERT_EQ(Denoised(level, src, z.w, z.h, strength, p, s), expected)
+                        << "level " << level;
             }
     }
     // Patches of 301 x 241 (p 150 cut to 120 down) may sum to 2^32 and beyond: the fast path's
     // 64-bit sums. A search window of 31 x 31 on a wide image keeps more column sums than fit at
     // once: every displacement on its own, in groups.
-    const struct { int w, h, p, s; float strength; } wide[] = {{301, 121, 150, 1, 300.0f}, {301, 21, 1, 15, 200.0f}};
+    const struct {
+        int w, h, p, s;
+        float strength;
+    } wide[] = {{301, 121, 150, 1, 300.0f}, {301, 21, 1, 15, 200.0f}};
     for (const auto& c : wide) {
         SCOPED_TRACE(testing::Message() << c.w << "x" << c.h << " p=" << c.p << " s=" << c.s);
         const std::vector<uint8_t> src = RandomImage<uint8_t>(c.w, c.h, 0, 255, seed++);
@@ -121,9 +138,12 @@ TEST(FastNLM, RadiiBeyondTheImageAreCutToIt) {
     const std::vector<uint8_t> column = RandomImage<uint8_t>(1, 9, 0, 255, 8);
     for (int level = 0; level < kLevels; ++level) {
         SCOPED_TRACE(testing::Message() << "level " << level);
-        EXPECT_EQ(Denoised(level, square, 12, 12, 20.0f, 1024, 2), Denoised(level, square, 12, 12, 20.0f, 11, 2));
-        EXPECT_EQ(Denoised(level, square, 12, 12, 20.0f, 1, 1024), Denoised(level, square, 12, 12, 20.0f, 1, 11));
-        EXPECT_EQ(Denoised(level, column, 1, 9, 20.0f, 1000, 1000), Denoised(level, column, 1, 9, 20.0f, 8, 8));
+        EXPECT_EQ(Denoised(level, square, 12, 12, 20.0f, 1024, 2),
+                  Denoised(level, square, 12, 12, 20.0f, 11, 2));
+        EXPECT_EQ(Denoised(level, square, 12, 12, 20.0f, 1, 1024),
+                  Denoised(level, square, 12, 12, 20.0f, 1, 11));
+        EXPECT_EQ(Denoised(level, column, 1, 9, 20.0f, 1000, 1000),
+                  Denoised(level, column, 1, 9, 20.0f, 8, 8));
         EXPECT_EQ(Denoised(level, {201}, 1, 1, 3.0f, 1024, 1024), std::vector<uint8_t>{201});
     }
 }

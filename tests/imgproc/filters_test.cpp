@@ -34,8 +34,8 @@ int64_t Reflect(int64_t i, int64_t n, int64_t before, int64_t after) {
 }
 
 // Direct double-precision correlation; positions past the mirrored extension read 0.
-std::vector<double> ReferenceCorrelation(const std::vector<float>& src, int w, int h, const std::vector<float>& k,
-                                         int kw, int kh) {
+std::vector<double> ReferenceCorrelation(const std::vector<float>& src, int w, int h,
+                                         const std::vector<float>& k, int kw, int kh) {
     std::vector<double> out(src.size());
     for (int y = 0; y < h; ++y)
         for (int x = 0; x < w; ++x)
@@ -43,7 +43,8 @@ std::vector<double> ReferenceCorrelation(const std::vector<float>& src, int w, i
                 for (int j = 0; j < kw; ++j) {
                     const int64_t sy = Reflect(y + i - kh / 2, h, kh / 2, kh - kh / 2 - 1);
                     const int64_t sx = Reflect(x + j - kw / 2, w, kw / 2, kw - kw / 2 - 1);
-                    if (sy >= 0 && sx >= 0) out[y * w + x] += double(k[i * kw + j]) * src[sy * w + sx];
+                    if (sy >= 0 && sx >= 0)
+                        out[y * w + x] += double(k[i * kw + j]) * src[sy * w + sx];
                 }
     return out;
 }
@@ -57,17 +58,23 @@ TEST(Filter2D, CorrelatesWithoutFlippingAndTakesTheKernelSizesInEachMembersOrder
     EXPECT_EQ(out, (std::vector<float>{5, 6, 7, 8, 9, 10, 11, 12, 5, 6, 7, 8}));
     // A 3-row by 5-column kernel: filter2D_16U takes (3, 5), the others (5, 3). Sums are exact.
     const int w = 9, h = 7;
-    std::vector<float> fin = RandomImage<float>(w * h, 0, 1000, 3), out32(w * h), k = {0, 1, 0, 2, 0, 1, 0, 0, 0, 3, 0, 0, 1, 0, 0};
+    std::vector<float> fin = RandomImage<float>(w * h, 0, 1000, 3), out32(w * h),
+                       k = {0, 1, 0, 2, 0, 1, 0, 0, 0, 3, 0, 0, 1, 0, 0};
     for (float& v : fin) v = std::floor(v);
     std::vector<uint16_t> s16(fin.begin(), fin.end()), out16(w * h);
     ASSERT_EQ(filter2D_16U(s16.data(), out16.data(), w, h, k.data(), 3, 5), 1);
     ASSERT_EQ(filter2D_32F(fin.data(), out32.data(), w, h, k.data(), 5, 3), 1);
     const std::vector<double> ref = ReferenceCorrelation(fin, w, h, k, 5, 3);
-    for (size_t i = 0; i < ref.size(); ++i) EXPECT_TRUE(out32[i] == ref[i] && out16[i] == ref[i]) << i;
+    for (size_t i = 0; i < ref.size(); ++i)
+        EXPECT_TRUE(out32[i] == ref[i] && out16[i] == ref[i]) << i;
 }
 
 TEST(Filter2D, SixteenBitClampsAndTruncatesEightBitKeepsItsDestinationAndBadArgumentsAreRefused) {
-    struct Case { uint16_t in; float weight; uint16_t want; };
+    struct Case {
+        uint16_t in;
+        float weight;
+        uint16_t want;
+    };
     for (const Case& c : {Case{37, -0.1f, 0}, Case{7000, 10.0f, 65535}, Case{129, 0.1f, 12},
                           Case{5, std::numeric_limits<float>::quiet_NaN(), 0}}) {
         uint16_t in = c.in, out = 1;
@@ -105,7 +112,8 @@ TEST(Filter2D, ResultDoesNotDependOnTheThreadCount) {
     results.push_back(src);
     ASSERT_EQ(filter2D_32F(results.back().data(), results.back().data(), w, h, k.data(), 7, 5), 1);
     for (size_t r = 1; r < results.size(); ++r)
-        EXPECT_EQ(std::memcmp(results[0].data(), results[r].data(), src.size() * sizeof(float)), 0) << r;
+        EXPECT_EQ(std::memcmp(results[0].data(), results[r].data(), src.size() * sizeof(float)), 0)
+            << r;
     const std::vector<double> ref = ReferenceCorrelation(src, w, h, k, 7, 5);
     for (size_t i = 0; i < ref.size(); i += 97) EXPECT_NEAR(results[0][i], ref[i], 0.05) << i;
 }
@@ -159,14 +167,17 @@ TEST(BoxFilter, MatchesTheDirectMeanAtEveryRadius) {
                         const int64_t sy = Reflect(y + dy, h, r, r), sx = Reflect(x + dx, w, r, r);
                         if (sy >= 0 && sx >= 0) sb += b[sy * w + sx];
                     }
-                EXPECT_EQ(ob[y * w + x], y == 0 ? std::floor(sb / area + 0.5) : std::trunc(sb / area)) << r << " at " << x << "," << y;
+                EXPECT_EQ(ob[y * w + x],
+                          y == 0 ? std::floor(sb / area + 0.5) : std::trunc(sb / area))
+                    << r << " at " << x << "," << y;
             }
     }
 }
 
 TEST(BoxFilter, RadiusBelowOneActsAsOneFloatsClampToTheSmallestNormalAndInPlaceAgrees) {
     const int w = 6, h = 5;
-    std::vector<float> src = RandomImage<float>(w * h, 1, 100, 9), r1(w * h), rn(w * h), neg(w * h, -1.0f);
+    std::vector<float> src = RandomImage<float>(w * h, 1, 100, 9), r1(w * h), rn(w * h),
+                       neg(w * h, -1.0f);
     ASSERT_EQ(Box_Filter(src.data(), r1.data(), w, h, 6, 1), 1);
     ASSERT_EQ(Box_Filter(src.data(), rn.data(), w, h, 6, -4), 1);
     EXPECT_EQ(rn, r1);
@@ -187,7 +198,8 @@ TEST(MedianBlur, MatchesASortedWindowForEveryTypeAndCopiesAtRadiusZero) {
     const std::vector<double> base = RandomImage<double>(w * h, 0, 60000, 21);
     const std::vector<uint16_t> u(base.begin(), base.end());
     std::vector<int16_t> s(base.size());
-    for (size_t i = 0; i < base.size(); ++i) s[i] = static_cast<int16_t>(static_cast<int>(base[i]) % 3 * 1000 - 1000);
+    for (size_t i = 0; i < base.size(); ++i)
+        s[i] = static_cast<int16_t>(static_cast<int>(base[i]) % 3 * 1000 - 1000);
     for (int r : {0, 1, 2, 3}) {
         std::vector<uint16_t> ou(u.size()), inPlace = u;
         std::vector<int16_t> os(s.size());
@@ -209,17 +221,21 @@ TEST(MedianBlur, MatchesASortedWindowForEveryTypeAndCopiesAtRadiusZero) {
         ASSERT_EQ(Median_Blur(inPlace.data(), inPlace.data(), w, h, r, 4), 1);
         EXPECT_EQ(inPlace, ou) << r;
     }
-    std::vector<float> f = {5, 1, 9, 2, 8, 3, 7, 4, 6}, of(9);  // floats: 3 x 3, one full window in the middle
+    std::vector<float> f = {5, 1, 9, 2, 8, 3, 7, 4, 6},
+                       of(9);  // floats: 3 x 3, one full window in the middle
     ASSERT_EQ(Median_Blur(f.data(), of.data(), 3, 3, 1, 6), 1);
     EXPECT_EQ(of[4], 5.0f);
 }
 
 TEST(MedianBlur, RefusesRadiiItCannotIndexAndUnservedTypes) {
-    struct Case { int radius, type, want; };
-    for (const Case& c : {Case{7, 3, 1}, Case{8, 3, -4}, Case{91, 5, -4}, Case{127, 4, 1}, Case{128, 4, -4},
-                          Case{-1, 4, -4}, Case{1, 11, -3}}) {
+    struct Case {
+        int radius, type, want;
+    };
+    for (const Case& c : {Case{7, 3, 1}, Case{8, 3, -4}, Case{91, 5, -4}, Case{127, 4, 1},
+                          Case{128, 4, -4}, Case{-1, 4, -4}, Case{1, 11, -3}}) {
         std::vector<float> buf(16, 2.0f), o(16);  // 16 elements of any served type
-        EXPECT_EQ(Median_Blur(buf.data(), o.data(), 4, 4, c.radius, c.type), c.want) << c.radius << " " << c.type;
+        EXPECT_EQ(Median_Blur(buf.data(), o.data(), 4, 4, c.radius, c.type), c.want)
+            << c.radius << " " << c.type;
     }
     std::vector<uint16_t> img(16, 3);
     EXPECT_EQ(Median_Blur(nullptr, img.data(), 4, 4, 1, 4), -1);
@@ -237,7 +253,8 @@ using impl_levels::SameBits;
 std::vector<float> AwkwardImage(int w, int h, unsigned seed) {
     std::vector<float> v = RandomImage<float>(static_cast<size_t>(w) * h, -3000, 60000, seed);
     if (v.size() > 3) v[v.size() / 3] = -0.0f;
-    if (v.size() > 50) v[v.size() / 2] = std::numeric_limits<float>::infinity(), v[7] = 1e-30f, v[11] = 3e8f;
+    if (v.size() > 50)
+        v[v.size() / 2] = std::numeric_limits<float>::infinity(), v[7] = 1e-30f, v[11] = 3e8f;
     return v;
 }
 
@@ -252,40 +269,55 @@ struct KernelCase {
 // largest image is smaller than the shared 301 x 263 (eight kernels, two thread counts and three
 // levels made this the slowest case) but has the same remainders: 157 = 3 * 48 + 8 + 5.
 TEST(Filter2DLevels, EveryLevelGivesTheSameBitsInAndOutOfPlaceOnAnyThreadCount) {
-    const KernelCase kernels[] = {{1, 1, 1}, {3, 3, 2}, {5, 5, 3}, {7, 5, 4}, {2, 4, 5}, {9, 1, 6}, {1, 6, 7}, {11, 9, 8}};
+    const KernelCase kernels[] = {{1, 1, 1}, {3, 3, 2}, {5, 5, 3}, {7, 5, 4},
+                                  {2, 4, 5}, {9, 1, 6}, {1, 6, 7}, {11, 9, 8}};
     std::vector<impl_levels::Size> sizes = impl_levels::OddSizes();
     sizes.back() = {157, 67};
     const int saved = omp_get_max_threads();
     for (const impl_levels::Size& size : sizes) {
         const std::vector<float> src = AwkwardImage(size.width, size.height, 31);
         std::vector<uint16_t> src16(src.size());
-        for (size_t i = 0; i < src.size(); ++i) src16[i] = static_cast<uint16_t>(std::fabs(std::fmod(static_cast<double>(src[i]), 65536.0)));
+        for (size_t i = 0; i < src.size(); ++i)
+            src16[i] =
+                static_cast<uint16_t>(std::fabs(std::fmod(static_cast<double>(src[i]), 65536.0)));
         for (const KernelCase& kc : kernels) {
-            SCOPED_TRACE(testing::Message() << size.width << "x" << size.height << " kernel " << kc.kw << "x" << kc.kh);
-            std::vector<float> k = RandomImage<float>(static_cast<size_t>(kc.kw) * kc.kh, -0.4, 1.0, kc.seed);
+            SCOPED_TRACE(testing::Message() << size.width << "x" << size.height << " kernel "
+                                            << kc.kw << "x" << kc.kh);
+            std::vector<float> k =
+                RandomImage<float>(static_cast<size_t>(kc.kw) * kc.kh, -0.4, 1.0, kc.seed);
             for (size_t i = 0; i < k.size(); i += 4) k[i] = 0.0f;
             for (int threads : {1, 2}) {
                 omp_set_num_threads(threads);
                 const auto out32 = AtEachLevel([&] {
                     std::vector<float> out(src.size(), 7.0f);
-                    EXPECT_EQ(filter2D_32F(const_cast<float*>(src.data()), out.data(), size.width, size.height, k.data(), kc.kw, kc.kh), 1);
+                    EXPECT_EQ(filter2D_32F(const_cast<float*>(src.data()), out.data(), size.width,
+                                           size.height, k.data(), kc.kw, kc.kh),
+                              1);
                     return out;
                 });
                 const auto inPlace32 = AtEachLevel([&] {
                     std::vector<float> buf = src;
-                    EXPECT_EQ(filter2D_32F(buf.data(), buf.data(), size.width, size.height, k.data(), kc.kw, kc.kh), 1);
+                    EXPECT_EQ(filter2D_32F(buf.data(), buf.data(), size.width, size.height,
+                                           k.data(), kc.kw, kc.kh),
+                              1);
                     return buf;
                 });
                 const auto out16 = AtEachLevel([&] {
                     std::vector<uint16_t> out(src16.size(), 7), inPlace = src16;
-                    EXPECT_EQ(filter2D_16U(const_cast<uint16_t*>(src16.data()), out.data(), size.width, size.height, k.data(), kc.kh, kc.kw), 1);
-                    EXPECT_EQ(filter2D_16U(inPlace.data(), inPlace.data(), size.width, size.height, k.data(), kc.kh, kc.kw), 1);
+                    EXPECT_EQ(filter2D_16U(const_cast<uint16_t*>(src16.data()), out.data(),
+                                           size.width, size.height, k.data(), kc.kh, kc.kw),
+                              1);
+                    EXPECT_EQ(filter2D_16U(inPlace.data(), inPlace.data(), size.width, size.height,
+                                           k.data(), kc.kh, kc.kw),
+                              1);
                     EXPECT_EQ(inPlace, out);
                     return out;
                 });
                 for (size_t level = 1; level < out32.size(); ++level) {
-                    EXPECT_TRUE(SameBits(out32[0], out32[level])) << "level " << level << ", " << threads << " threads";
-                    EXPECT_TRUE(SameBits(out32[0], inPlace32[level])) << "level " << level << " in place";
+                    EXPECT_TRUE(SameBits(out32[0], out32[level]))
+                        << "level " << level << ", " << threads << " threads";
+                    EXPECT_TRUE(SameBits(out32[0], inPlace32[level]))
+                        << "level " << level << " in place";
                     EXPECT_EQ(out16[0], out16[level]) << "level " << level;
                 }
             }
@@ -311,7 +343,8 @@ struct GaussCase {
 
 class GaussFilterCase : public testing::TestWithParam<GaussCase> {};
 
-TEST_P(GaussFilterCase, TheSeparableFormStaysWithinItsBoundAndSixteenBitsDifferOnlyNearARoundingBoundary) {
+TEST_P(GaussFilterCase,
+       TheSeparableFormStaysWithinItsBoundAndSixteenBitsDifferOnlyNearARoundingBoundary) {
     const GaussCase& c = GetParam();
     const size_t n = static_cast<size_t>(c.w) * c.h;
     std::vector<float> src = RandomImage<float>(n, 0, 65535, 41 + c.k), absSrc(n);
@@ -324,18 +357,22 @@ TEST_P(GaussFilterCase, TheSeparableFormStaysWithinItsBoundAndSixteenBitsDifferO
     {
         impl_levels::LevelCap cap(impl_levels::kReference);
         ASSERT_EQ(filter2D_32F(absSrc.data(), scale.data(), c.w, c.h, kernel.data(), c.k, c.k), 1);
-        ASSERT_EQ(filter2D_32F(floats16.data(), exact16.data(), c.w, c.h, kernel.data(), c.k, c.k), 1);
+        ASSERT_EQ(filter2D_32F(floats16.data(), exact16.data(), c.w, c.h, kernel.data(), c.k, c.k),
+                  1);
     }
     const auto f32 = AtEachLevel([&] {
         std::vector<float> out(n), inPlace = src;
         EXPECT_EQ(gaussFilter_32F(src.data(), out.data(), c.w, c.h, c.k, c.k, c.sx, c.sy), 1);
-        EXPECT_EQ(gaussFilter_32F(inPlace.data(), inPlace.data(), c.w, c.h, c.k, c.k, c.sx, c.sy), 1);
+        EXPECT_EQ(gaussFilter_32F(inPlace.data(), inPlace.data(), c.w, c.h, c.k, c.k, c.sx, c.sy),
+                  1);
         EXPECT_TRUE(SameBits(inPlace, out));
         return out;
     });
     const auto u16 = AtEachLevel([&] {
         std::vector<uint16_t> out(n);
-        EXPECT_EQ(gaussFilter_16U(const_cast<uint16_t*>(src16.data()), out.data(), c.w, c.h, c.k, c.k, c.sx, c.sy), 1);
+        EXPECT_EQ(gaussFilter_16U(const_cast<uint16_t*>(src16.data()), out.data(), c.w, c.h, c.k,
+                                  c.k, c.sx, c.sy),
+                  1);
         return out;
     });
     EXPECT_TRUE(SameBits(f32[1], f32[2]));  // the two fast levels run the same sums
@@ -352,23 +389,24 @@ TEST_P(GaussFilterCase, TheSeparableFormStaysWithinItsBoundAndSixteenBitsDifferO
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Cases, GaussFilterCase,
-                         testing::Values(GaussCase{301, 263, 5, 1.2, 1.2}, GaussCase{33, 31, 3, 0.8, 2.0},
-                                         GaussCase{45, 7, 7, 3.0, 3.0}, GaussCase{17, 13, 9, 0.0, -1.0},
-                                         GaussCase{17, 13, 4, 1.5, 1.5}, GaussCase{7, 3, 5, 1.0, 1.0},
-                                         GaussCase{1, 37, 1, 1.0, 1.0}),
-                         [](const testing::TestParamInfo<GaussCase>& info) {
-                             const GaussCase& c = info.param;
-                             return std::to_string(c.w) + "x" + std::to_string(c.h) + "Kernel" +
-                                    std::to_string(c.k);
-                         });
+INSTANTIATE_TEST_SUITE_P(
+    Cases, GaussFilterCase,
+    testing::Values(GaussCase{301, 263, 5, 1.2, 1.2}, GaussCase{33, 31, 3, 0.8, 2.0},
+                    GaussCase{45, 7, 7, 3.0, 3.0}, GaussCase{17, 13, 9, 0.0, -1.0},
+                    GaussCase{17, 13, 4, 1.5, 1.5}, GaussCase{7, 3, 5, 1.0, 1.0},
+                    GaussCase{1, 37, 1, 1.0, 1.0}),
+    [](const testing::TestParamInfo<GaussCase>& info) {
+        const GaussCase& c = info.param;
+        return std::to_string(c.w) + "x" + std::to_string(c.h) + "Kernel" + std::to_string(c.k);
+    });
 
 TEST(GaussFilterLevels, UnequalSizesTakeTheExactKernelAtEveryLevel) {
     const int w = 23, h = 19;
     const std::vector<float> src = RandomImage<float>(static_cast<size_t>(w) * h, 0, 1000, 43);
     const auto out = AtEachLevel([&] {
         std::vector<float> o(src.size());
-        EXPECT_EQ(gaussFilter_32F(const_cast<float*>(src.data()), o.data(), w, h, 3, 5, 1.0, 1.0), 1);
+        EXPECT_EQ(gaussFilter_32F(const_cast<float*>(src.data()), o.data(), w, h, 3, 5, 1.0, 1.0),
+                  1);
         return o;
     });
     EXPECT_TRUE(SameBits(out[0], out[1]) && SameBits(out[0], out[2]));
@@ -381,10 +419,12 @@ TEST(GaussFilterLevels, AbsurdKernelsAreRefusedBeforeAnythingIsAllocated) {
     std::vector<float> f(25, 9.0f);
     std::vector<uint8_t> b(25, 9);
     const int huge = std::numeric_limits<int>::max();
-    struct Case { int w, h, k1, k2, want; };
+    struct Case {
+        int w, h, k1, k2, want;
+    };
     for (const Case& c : {Case{0, 0, 1, huge, -5}, Case{5, 5, 1, huge, -5}, Case{0, 0, huge, 1, -5},
-                          Case{5, 5, 16385, 16385, -5}, Case{5, 5, 1, (1 << 28) + 1, -5}, Case{0, 0, 3, 3, 1},
-                          Case{5, 5, 0, huge, -2}, Case{5, 5, 3, 0, -4}}) {
+                          Case{5, 5, 16385, 16385, -5}, Case{5, 5, 1, (1 << 28) + 1, -5},
+                          Case{0, 0, 3, 3, 1}, Case{5, 5, 0, huge, -2}, Case{5, 5, 3, 0, -4}}) {
         SCOPED_TRACE(testing::Message() << c.w << "x" << c.h << " ksize " << c.k1 << ", " << c.k2);
         EXPECT_EQ(gaussFilter_16U(img.data(), img.data(), c.w, c.h, c.k1, c.k2, 1.0, 1.0), c.want);
         EXPECT_EQ(gaussFilter_32F(f.data(), f.data(), c.w, c.h, c.k1, c.k2, 1.0, 1.0), c.want);
@@ -406,7 +446,8 @@ std::vector<T> BoxImage(int w, int h, unsigned seed) {
     // Runs of the extremes, whose window sums reach the largest magnitudes.
     for (size_t i = 0; i < v.size() / 4; ++i) v[i] = std::numeric_limits<T>::max();
     if constexpr (std::is_signed_v<T>)
-        for (size_t i = v.size() / 2; i < 3 * v.size() / 4; ++i) v[i] = std::numeric_limits<T>::lowest();
+        for (size_t i = v.size() / 2; i < 3 * v.size() / 4; ++i)
+            v[i] = std::numeric_limits<T>::lowest();
     return v;
 }
 
@@ -418,17 +459,24 @@ TEST(BoxFilterLevels, IntegerSumsGiveTheSameBitsAsTheRunningSumsOfDoubles) {
         for (const impl_levels::Size& size : impl_levels::OddSizes()) {
             const std::vector<T> src = BoxImage<T>(size.width, size.height, 51);
             for (int r : radii) {
-                for (const std::vector<T>& img : {src, std::vector<T>(src.size(), std::numeric_limits<T>::max()),
-                                                  std::vector<T>(src.size(), std::numeric_limits<T>::lowest())}) {
+                for (const std::vector<T>& img :
+                     {src, std::vector<T>(src.size(), std::numeric_limits<T>::max()),
+                      std::vector<T>(src.size(), std::numeric_limits<T>::lowest())}) {
                     const auto out = AtEachLevel([&] {
                         std::vector<T> o(img.size()), inPlace = img;
-                        EXPECT_EQ(Box_Filter(const_cast<T*>(img.data()), o.data(), size.width, size.height, type, r), 1);
-                        EXPECT_EQ(Box_Filter(inPlace.data(), inPlace.data(), size.width, size.height, type, r), 1);
+                        EXPECT_EQ(Box_Filter(const_cast<T*>(img.data()), o.data(), size.width,
+                                             size.height, type, r),
+                                  1);
+                        EXPECT_EQ(Box_Filter(inPlace.data(), inPlace.data(), size.width,
+                                             size.height, type, r),
+                                  1);
                         EXPECT_EQ(inPlace, o);
                         return o;
                     });
-                    EXPECT_EQ(out[0], out[1]) << size.width << "x" << size.height << " type " << type << " r " << r;
-                    EXPECT_EQ(out[0], out[2]) << size.width << "x" << size.height << " type " << type << " r " << r;
+                    EXPECT_EQ(out[0], out[1])
+                        << size.width << "x" << size.height << " type " << type << " r " << r;
+                    EXPECT_EQ(out[0], out[2])
+                        << size.width << "x" << size.height << " type " << type << " r " << r;
                 }
             }
         }

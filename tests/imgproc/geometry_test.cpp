@@ -8,7 +8,10 @@
 
 namespace {
 
-template <class T> uint8_t* Bytes(std::vector<T>& v) { return reinterpret_cast<uint8_t*>(v.data()); }
+template <class T>
+uint8_t* Bytes(std::vector<T>& v) {
+    return reinterpret_cast<uint8_t*>(v.data());
+}
 
 TEST(CopyRoiTo, ClipsOnTheRightAndReadsTheBlockAtTheClippedStride) {
     // 8 x 3 image of 16-bit zeros, 4 x 4 block numbered 1..16, pasted at x = 6: two columns
@@ -21,7 +24,8 @@ TEST(CopyRoiTo, ClipsOnTheRightAndReadsTheBlockAtTheClippedStride) {
     // Negative positions move the block to 0 without skipping its first rows or columns.
     std::vector<uint8_t> img(5 * 4, 0), b8 = {1, 2, 3, 4};
     ASSERT_EQ(CopyRoiTo(img.data(), img.data(), b8.data(), 3, 5, 4, 2, 2, -3, -1), 1);
-    EXPECT_EQ(img, (std::vector<uint8_t>{1, 2, 0, 0, 0, 3, 4, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(img,
+              (std::vector<uint8_t>{1, 2, 0, 0, 0, 3, 4, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}));
 
     EXPECT_EQ(CopyRoiTo(img.data(), nullptr, b8.data(), 3, 5, 4, 2, 2, 0, 0), -2);
     EXPECT_EQ(CopyRoiTo(img.data(), img.data(), nullptr, 3, 5, 4, 2, 2, 0, 0), -3);
@@ -35,10 +39,12 @@ TEST(AddWaterMask, BlendsNonZeroMarkPixelsOnlyAndUnservedCodesWriteNothing) {
     // 75 + 2; the zero mark pixel is transparent.
     std::vector<uint16_t> src(4 * 3, 100), dst(12, 0), mark = {200, 0, 60000, 8};
     ASSERT_EQ(AddWaterMask(Bytes(src), Bytes(dst), Bytes(mark), 4, 3, 2, 2, 1, 1, 4, 0.25f), 1);
-    EXPECT_EQ(dst, (std::vector<uint16_t>{100, 100, 100, 100, 100, 125, 100, 100, 100, 15075, 77, 100}));
+    EXPECT_EQ(dst,
+              (std::vector<uint16_t>{100, 100, 100, 100, 100, 125, 100, 100, 100, 15075, 77, 100}));
     // Colour code 2 (8-bit, 4 channels): black in the first three channels is transparent, the
     // fourth channel never changes. Results clamp to the type's range.
-    std::vector<uint8_t> img = {10, 20, 30, 40, 10, 20, 250, 40}, m4 = {0, 0, 0, 99, 0, 100, 255, 99};
+    std::vector<uint8_t> img = {10, 20, 30, 40, 10, 20, 250, 40},
+                         m4 = {0, 0, 0, 99, 0, 100, 255, 99};
     ASSERT_EQ(AddWaterMask(img.data(), img.data(), m4.data(), 2, 1, 2, 1, 0, 0, 2, 1.5f), 1);
     EXPECT_EQ(img, (std::vector<uint8_t>{10, 20, 30, 40, 0, 140, 255, 40}));
     std::vector<uint8_t> s8(16, 1), d8(16, 5), m(16, 9);
@@ -57,7 +63,8 @@ TEST(MakeMaskByLine, FillsOneSideOfTheUnitNormalLine) {
     EXPECT_EQ(dst, (std::vector<uint16_t>{1, 2, 999, 999, 5, 6, 999, 999}));
     ASSERT_EQ(MakeMaskByLine(src.data(), dst.data(), 4, 2, 2, 0, 2, 5, 0, 999), 1);
     EXPECT_EQ(dst, (std::vector<uint16_t>{999, 999, 3, 4, 999, 999, 7, 8}));
-    EXPECT_EQ(MakeMaskByLine(src.data(), untouched.data(), 4, 2, 1, 1, 1, 1, 1, 999), 1);  // equal points
+    EXPECT_EQ(MakeMaskByLine(src.data(), untouched.data(), 4, 2, 1, 1, 1, 1, 1, 999),
+              1);  // equal points
     EXPECT_EQ(untouched, std::vector<uint16_t>(8, 42));
     EXPECT_EQ(MakeMaskByLine(nullptr, dst.data(), 4, 2, 0, 0, 1, 1, 1, 0), -1);
 }
@@ -69,7 +76,8 @@ TEST(DiagonalCopy, SquaresOfEverySideBecomeSymmetricInPlaceOrNot) {
     const int w = 41, h = 43, x0 = 2, y0 = 1;
     std::vector<int32_t> src(w * h);
     std::iota(src.begin(), src.end(), 0);
-    for (int side : {2, 3, 8, 15, 29, 39}) {  // 8, 15 and 29 put the anti-diagonal just above an integer
+    for (int side :
+         {2, 3, 8, 15, 29, 39}) {  // 8, 15 and 29 put the anti-diagonal just above an integer
         std::vector<int32_t> wantMain = src, wantAnti = src, m(w * h), a(w * h), inPlace = src;
         auto at = [&](int i, int j) { return (y0 + i) * w + x0 + j; };
         for (int i = 0; i < side; ++i)
@@ -82,15 +90,18 @@ TEST(DiagonalCopy, SquaresOfEverySideBecomeSymmetricInPlaceOrNot) {
         ASSERT_EQ(Copy_RightDown_To_LeftUp(Bytes(src), Bytes(a), w, h, 8, x0, y0, asked), 1);
         EXPECT_EQ(m, wantMain) << side;
         EXPECT_EQ(a, wantAnti) << side;
-        ASSERT_EQ(Copy_RightDown_To_LeftUp(Bytes(inPlace), Bytes(inPlace), w, h, 8, x0, y0, asked), 1);
+        ASSERT_EQ(Copy_RightDown_To_LeftUp(Bytes(inPlace), Bytes(inPlace), w, h, 8, x0, y0, asked),
+                  1);
         EXPECT_EQ(inPlace, wantAnti) << side;
     }
 }
 
 TEST(DiagonalCopy, TinySquaresLeaveTheDestinationUnwritten) {
     std::vector<uint16_t> src(12, 3), dst(12, 8);
-    for (int side : {1, -5}) EXPECT_EQ(Copy_LeftDown_To_RightUp(Bytes(src), Bytes(dst), 4, 3, 4, 1, 1, side), 1);
-    EXPECT_EQ(Copy_RightDown_To_LeftUp(Bytes(src), Bytes(dst), 4, 3, 4, 3, 0, 5), 1);  // clamped to side 1
+    for (int side : {1, -5})
+        EXPECT_EQ(Copy_LeftDown_To_RightUp(Bytes(src), Bytes(dst), 4, 3, 4, 1, 1, side), 1);
+    EXPECT_EQ(Copy_RightDown_To_LeftUp(Bytes(src), Bytes(dst), 4, 3, 4, 3, 0, 5),
+              1);  // clamped to side 1
     EXPECT_EQ(dst, std::vector<uint16_t>(12, 8));
     EXPECT_EQ(Copy_LeftDown_To_RightUp(nullptr, Bytes(dst), 4, 3, 4, 0, 0, 2), -1);
     EXPECT_EQ(Copy_RightDown_To_LeftUp(Bytes(src), nullptr, 4, 3, 4, 0, 0, 2), -2);

@@ -45,7 +45,8 @@ struct Size {
 };
 
 inline const std::vector<Size>& OddSizes() {
-    static const std::vector<Size> sizes = {{1, 1}, {1, 37}, {45, 1}, {7, 3}, {17, 13}, {33, 31}, {301, 263}};
+    static const std::vector<Size> sizes = {{1, 1},   {1, 37},  {45, 1},   {7, 3},
+                                            {17, 13}, {33, 31}, {301, 263}};
     return sizes;
 }
 

@@ -41,7 +41,8 @@ constexpr int TypeCode() {
 
 // Median_Blur at one level, out of place or in place; the result code goes to rc.
 template <class T>
-std::vector<T> Filtered(int level, const std::vector<T>& src, int w, int h, int r, bool inPlace, int& rc) {
+std::vector<T> Filtered(int level, const std::vector<T>& src, int w, int h, int r, bool inPlace,
+                        int& rc) {
     ImplCap cap(level);
     std::vector<T> in = src;
     std::vector<T> out(src.size(), T(7));
@@ -65,9 +66,12 @@ std::vector<T> RandomPixels(size_t n, bool fewValues, unsigned seed) {
         std::uniform_int_distribution<int> pick(-2, 2);
         for (auto& x : v) x = fewValues ? static_cast<float>(pick(gen)) * 0.5f : dist(gen);
     } else {
-        std::uniform_int_distribution<int> dist(std::numeric_limits<T>::min(), std::numeric_limits<T>::max());
+        std::uniform_int_distribution<int> dist(std::numeric_limits<T>::min(),
+                                                std::numeric_limits<T>::max());
         std::uniform_int_distribution<int> pick(0, 3);
-        for (auto& x : v) x = fewValues ? static_cast<T>(std::numeric_limits<T>::max() / 3 * pick(gen)) : static_cast<T>(dist(gen));
+        for (auto& x : v)
+            x = fewValues ? static_cast<T>(std::numeric_limits<T>::max() / 3 * pick(gen))
+                          : static_cast<T>(dist(gen));
     }
     return v;
 }
@@ -94,14 +98,17 @@ void Simulate(const veltrano::median_net::Network& net, std::vector<std::vector<
 
 // rows sorted lists of k zeros and ones (row r holding ones[r] ones at its top), every
 // combination; each output q must be the element of rank outRank0 + q.
-void CheckNetwork(const veltrano::median_net::Network& net, int rows, int k, bool rowsSorted, int outRank0) {
+void CheckNetwork(const veltrano::median_net::Network& net, int rows, int k, bool rowsSorted,
+                  int outRank0) {
     const int values = rowsSorted ? k + 1 : 2;  // per row: count of ones, or one free bit per wire
     const int perRow = rowsSorted ? 1 : k;
     uint64_t inputs = 1;
     for (int i = 0; i < rows * perRow; ++i) inputs *= static_cast<uint64_t>(values);
     const size_t words = static_cast<size_t>((inputs + 63) / 64);
-    std::vector<std::vector<uint64_t>> wires(static_cast<size_t>(rows * k), std::vector<uint64_t>(words));
-    std::vector<std::vector<uint64_t>> expected(static_cast<size_t>(net.outCount), std::vector<uint64_t>(words));
+    std::vector<std::vector<uint64_t>> wires(static_cast<size_t>(rows * k),
+                                             std::vector<uint64_t>(words));
+    std::vector<std::vector<uint64_t>> expected(static_cast<size_t>(net.outCount),
+                                                std::vector<uint64_t>(words));
     for (uint64_t in = 0; in < inputs; ++in) {
         uint64_t code = in;
         int zeros = 0;
@@ -118,10 +125,12 @@ void CheckNetwork(const veltrano::median_net::Network& net, int rows, int k, boo
             }
         }
         for (int q = 0; q < net.outCount; ++q)
-            if (outRank0 + q >= zeros) expected[static_cast<size_t>(q)][in / 64] |= uint64_t(1) << (in % 64);
+            if (outRank0 + q >= zeros)
+                expected[static_cast<size_t>(q)][in / 64] |= uint64_t(1) << (in % 64);
     }
     Simulate(net, wires);
-    for (int q = 0; q < net.outCount; ++q) EXPECT_EQ(wires[net.out[q]], expected[static_cast<size_t>(q)]) << "output " << q;
+    for (int q = 0; q < net.outCount; ++q)
+        EXPECT_EQ(wires[net.out[q]], expected[static_cast<size_t>(q)]) << "output " << q;
 }
 
 TEST(MedianNetworks, SortAndSelectTheirRanksOnEveryInputOfZerosAndOnes) {
@@ -156,7 +165,8 @@ void CompareLevels(const std::vector<T>& src, int w, int h, int r, const std::st
             int rc = 0;
             const std::vector<T> got = Filtered(level, src, w, h, r, inPlace, rc);
             EXPECT_EQ(rc, 1);
-            EXPECT_TRUE(SameBits(got, want)) << what << " level " << level << (inPlace ? " in place" : "");
+            EXPECT_TRUE(SameBits(got, want))
+                << what << " level " << level << (inPlace ? " in place" : "");
         }
     }
 }
@@ -168,7 +178,8 @@ void CompareLevelsForType(unsigned seed) {
             if (r > 7 && std::is_same_v<T, uint8_t>) continue;  // beyond the 8-bit limit
             for (bool few : {false, true}) {
                 auto src = RandomPixels<T>(static_cast<size_t>(s.w) * s.h, few, seed++);
-                const std::string what = std::to_string(s.w) + "x" + std::to_string(s.h) + " r" + std::to_string(r) + (few ? " ties" : "");
+                const std::string what = std::to_string(s.w) + "x" + std::to_string(s.h) + " r" +
+                                         std::to_string(r) + (few ? " ties" : "");
                 CompareLevels(src, s.w, s.h, r, what);
                 if constexpr (std::is_same_v<T, float>) {
                     // Without a negative value, where radius 1 orders the floats by their bits.
@@ -262,7 +273,8 @@ std::vector<T> CountedMedians(const std::vector<T>& src, int w, int h, int r) {
             for (int64_t j = x - r; j <= x + r; ++j) ++colCount[SourceIndex(j, w, r)];
             std::map<T, int64_t> counts;
             for (int sy = 0; sy < h; ++sy)
-                for (int sx = 0; sx < w; ++sx) counts[src[sy * w + sx]] += rowCount[sy] * colCount[sx];
+                for (int sx = 0; sx < w; ++sx)
+                    counts[src[sy * w + sx]] += rowCount[sy] * colCount[sx];
             int64_t seen = 0;
             for (const auto& [value, count] : counts) {
                 seen += count;
@@ -282,7 +294,8 @@ void CheckLargeRadius(int w, int h, int r, unsigned seed) {
     for (int level : {kScalar, kAvx2}) {
         for (bool inPlace : {false, true}) {
             int rc = 0;
-            EXPECT_TRUE(SameBits(Filtered(level, src, w, h, r, inPlace, rc), want)) << w << "x" << h << " r" << r;
+            EXPECT_TRUE(SameBits(Filtered(level, src, w, h, r, inPlace, rc), want))
+                << w << "x" << h << " r" << r;
             EXPECT_EQ(rc, 1);
         }
     }
@@ -309,7 +322,8 @@ TEST(MedianBlur, BeyondRadiusThreeNanAndSignedZeroWindowsTakeTheTotalOrder) {
     std::vector<float> flat(100 * 100, 1.0f);
     flat[57 * 100 + 43] = nan;
     int rc = 0;
-    EXPECT_TRUE(SameBits(Filtered(kAvx2, flat, 100, 100, 30, true, rc), std::vector<float>(flat.size(), 1.0f)));
+    EXPECT_TRUE(SameBits(Filtered(kAvx2, flat, 100, 100, 30, true, rc),
+                         std::vector<float>(flat.size(), 1.0f)));
     EXPECT_EQ(rc, 1);
     // A window of more than half NaN has a NaN median; fewer, and the largest number wins.
     std::vector<float> half(9 * 9, nan);
@@ -343,7 +357,8 @@ TEST(MedianBlur, RefusesImagesAndPaddedCopiesPastTheSizeLimit) {
     for (const Case& c : {Case{1 << 15, (1 << 13) + 1, 1, 4, -3},  // 2^28 + 2^15 pixels
                           Case{1 << 20, 1, 2047, 6, -3},           // padded (2^20 + 4094) x 4095
                           Case{70000, 1, 2047, 6, -3}, Case{(1 << 14) + 1, 1 << 14, 0, 3, -3}}) {
-        EXPECT_EQ(Median_Blur(tiny.data(), tiny.data(), c.w, c.h, c.r, c.type), c.want) << c.w << "x" << c.h;
+        EXPECT_EQ(Median_Blur(tiny.data(), tiny.data(), c.w, c.h, c.r, c.type), c.want)
+            << c.w << "x" << c.h;
     }
     // The largest padded copy that fits is accepted: a 2 x 2 float image at radius 2047 (at a fast
     // level: the quickselect on 2^24 equal values would take hours).

@@ -73,7 +73,8 @@ void ExpectLevelsAgree(Fn normalize, const std::vector<T>& src, int w, int h, T 
         return img;
     });
     for (size_t level = 1; level < outOfPlace.size(); ++level) {
-        EXPECT_TRUE(SameBits(outOfPlace[level], outOfPlace[0])) << "level " << level << " size " << w << "x" << h;
+        EXPECT_TRUE(SameBits(outOfPlace[level], outOfPlace[0]))
+            << "level " << level << " size " << w << "x" << h;
         EXPECT_TRUE(SameBits(inPlace[level], inPlace[0])) << "in place, level " << level;
     }
 }

@@ -68,42 +68,65 @@ struAceGammaParam AceRecord() {
 }
 
 const EntryPoint kEntryPoints[] = {
-    {"Box_Filter", {3, 4, 5, 6, 11}, -3,
+    {"Box_Filter",
+     {3, 4, 5, 6, 11},
+     -3,
      [](int32_t c, void* s, void* d) { return Box_Filter(s, d, kW, kH, c, 1); }},
-    {"Median_Blur", {3, 4, 5, 6}, -3,
+    {"Median_Blur",
+     {3, 4, 5, 6},
+     -3,
      [](int32_t c, void* s, void* d) { return Median_Blur(s, d, kW, kH, 1, c); }},
-    {"GammaCorrect", {3, 4, 5, 6}, -3,
+    {"GammaCorrect",
+     {3, 4, 5, 6},
+     -3,
      [](int32_t c, void* s, void* d) { return GammaCorrect(s, d, kW, kH, 0.5f, c); }},
-    {"Image_Square_NoTrunc", {3, 4, 5, 6, 8}, -3,
-     [](int32_t c, void* s, void* d) { return Image_Square_NoTrunc(s, static_cast<double*>(d), kW, kH, c); }},
-    {"ThresholdBinary", {3, 4}, 1,
+    {"Image_Square_NoTrunc",
+     {3, 4, 5, 6, 8},
+     -3,
      [](int32_t c, void* s, void* d) {
-         return ThresholdBinary(static_cast<uint16_t*>(s), static_cast<uint16_t*>(d), c, kW, kH, 0.0, 0);
+         return Image_Square_NoTrunc(s, static_cast<double*>(d), kW, kH, c);
      }},
-    {"EquHist", {3, 4}, -3,
+    {"ThresholdBinary",
+     {3, 4},
+     1,
+     [](int32_t c, void* s, void* d) {
+         return ThresholdBinary(static_cast<uint16_t*>(s), static_cast<uint16_t*>(d), c, kW, kH,
+                                0.0, 0);
+     }},
+    {"EquHist",
+     {3, 4},
+     -3,
      [](int32_t c, void* s, void* d) {
          return EquHist(static_cast<uint16_t*>(s), static_cast<uint16_t*>(d), kW * kH, c);
      }},
-    {"AdaptiveContrastEnhancement", {3, 4, 5}, 1,
+    {"AdaptiveContrastEnhancement",
+     {3, 4, 5},
+     1,
      [](int32_t c, void* s, void* d) {
-         return AdaptiveContrastEnhancement(static_cast<uint16_t*>(s), static_cast<uint16_t*>(d), kW, kH, c, 1,
-                                            1.0f, 3.0f);
+         return AdaptiveContrastEnhancement(static_cast<uint16_t*>(s), static_cast<uint16_t*>(d),
+                                            kW, kH, c, 1, 1.0f, 3.0f);
      }},
-    {"AdaptiveContrastEnhancementQuick", {3, 4, 5, 6}, 1,
+    {"AdaptiveContrastEnhancementQuick",
+     {3, 4, 5, 6},
+     1,
      [](int32_t c, void* s, void* d) {
-         return AdaptiveContrastEnhancementQuick(static_cast<uint16_t*>(s), static_cast<uint16_t*>(d), kW, kH, c,
-                                                 1, 1.0f, 3.0f);
+         return AdaptiveContrastEnhancementQuick(
+             static_cast<uint16_t*>(s), static_cast<uint16_t*>(d), kW, kH, c, 1, 1.0f, 3.0f);
      }},
-    {"Ace_Gamma", {3, 4, 5, 6}, 1,
+    {"Ace_Gamma",
+     {3, 4, 5, 6},
+     1,
      [](int32_t c, void* s, void* d) {
          struAceGammaParam p = AceRecord();
          return Ace_Gamma(static_cast<uint16_t*>(s), d, kW, kH, c, &p, nullptr);
      }},
-    {"AddWaterMask", {1, 2, 3, 4, 6, 7, 9}, 1,
+    {"AddWaterMask",
+     {1, 2, 3, 4, 6, 7, 9},
+     1,
      [](int32_t c, void* s, void* d) {
          std::vector<uint8_t> mark(kBytes, 0x02);
-         return AddWaterMask(static_cast<uint8_t*>(s), static_cast<uint8_t*>(d), mark.data(), kW, kH, 3, 2, 1,
-                             1, c, 0.5f);
+         return AddWaterMask(static_cast<uint8_t*>(s), static_cast<uint8_t*>(d), mark.data(), kW,
+                             kH, 3, 2, 1, 1, c, 0.5f);
      }},
 };
 
@@ -124,11 +147,14 @@ TEST_P(ServedCodes, EachCodeProcessedOrAnsweredAsDescribed) {
             EXPECT_EQ(result, entry.unservedResult) << "code " << code;
             EXPECT_TRUE(untouched) << "code " << code << " wrote the destination";
         }
-        EXPECT_EQ(src, std::vector<uint8_t>(kBytes, 0x01)) << "code " << code << " wrote the source";
+        EXPECT_EQ(src, std::vector<uint8_t>(kBytes, 0x01))
+            << "code " << code << " wrote the source";
     }
 }
 
 INSTANTIATE_TEST_SUITE_P(MultiTypeEntryPoints, ServedCodes, testing::ValuesIn(kEntryPoints),
-                         [](const testing::TestParamInfo<EntryPoint>& info) { return std::string(info.param.name); });
+                         [](const testing::TestParamInfo<EntryPoint>& info) {
+                             return std::string(info.param.name);
+                         });
 
 }  // namespace

@@ -31,14 +31,17 @@ TEST(PixelHelpers, PixelValueRangeKeepsItsUnusualEntries) {
     EXPECT_EQ(Range<uint16_t>(), (std::vector<double>{0.0, 65535.0, 0}));
     EXPECT_EQ(Range<int16_t>(), (std::vector<double>{-32768.0, 32767.0, 0}));
     EXPECT_EQ(Range<uint32_t>(), (std::vector<double>{0.0, 4294967294.0, 0}));
-    EXPECT_EQ(Range<float>(), (std::vector<double>{1.1754943508222875e-38, 3.4028234663852886e38, 1}));
-    EXPECT_EQ(Range<double>(), (std::vector<double>{2.2250738585072014e-308, 1.7976931348623157e308, 1}));
+    EXPECT_EQ(Range<float>(),
+              (std::vector<double>{1.1754943508222875e-38, 3.4028234663852886e38, 1}));
+    EXPECT_EQ(Range<double>(),
+              (std::vector<double>{2.2250738585072014e-308, 1.7976931348623157e308, 1}));
 }
 
 TEST(PixelHelpers, FindMinMaxFindsTheTrueExtremesAndTouchesNothingWithoutElements) {
     const std::vector<std::vector<int16_t>> inputs = {
         {5}, {1, 2, 3, 4}, {4, 3, 2, 1}, {5, 9, 1}, {0, -7, 30000, -32768, 12}};
-    const std::pair<int16_t, int16_t> expected[] = {{5, 5}, {1, 4}, {1, 4}, {1, 9}, {-32768, 30000}};
+    const std::pair<int16_t, int16_t> expected[] = {
+        {5, 5}, {1, 4}, {1, 4}, {1, 9}, {-32768, 30000}};
     for (size_t i = 0; i < inputs.size(); ++i) {
         int16_t mn = 99, mx = 99;
         EXPECT_EQ(FindMinMax(inputs[i].data(), inputs[i].size(), mn, mx), 1);
@@ -52,12 +55,8 @@ TEST(PixelHelpers, FindMinMaxFindsTheTrueExtremesAndTouchesNothingWithoutElement
 
 TEST(PixelHelpers, ExtendBorderMirrorReflectsWithoutRepeatingTheEdge) {
     const std::vector<uint8_t> img = {1, 2, 3, 4, 5, 6, 7, 8, 9};  // 3 x 3
-    const std::vector<uint8_t> expected = {8, 7, 8, 9, 8, 7,
-                                           5, 4, 5, 6, 5, 4,
-                                           2, 1, 2, 3, 2, 1,
-                                           5, 4, 5, 6, 5, 4,
-                                           8, 7, 8, 9, 8, 7,
-                                           5, 4, 5, 6, 5, 4};
+    const std::vector<uint8_t> expected = {8, 7, 8, 9, 8, 7, 5, 4, 5, 6, 5, 4, 2, 1, 2, 3, 2, 1,
+                                           5, 4, 5, 6, 5, 4, 8, 7, 8, 9, 8, 7, 5, 4, 5, 6, 5, 4};
     std::vector<uint8_t> ext(6 * 6, 0);
     ASSERT_EQ(ExtendBorderMirror(img.data(), 3, 3, BorderMargins{2, 1, 1, 2}, ext.data()), 1);
     EXPECT_EQ(ext, expected);

@@ -19,16 +19,27 @@ TEST(PointOps, ReportNullPointersAndRefusedTypesInCheckingOrderAndIgnoreEmptySiz
     uint16_t w[4] = {1, 2, 3, 4};
     float f[4] = {1, 2, 3, 4};
     const std::vector<std::pair<int, int>> got_want = {
-        {Inverse(nullptr, nullptr, 2, 2, 3), -1}, {Inverse(w, nullptr, 2, 2, 4), -2}, {Inverse(w, w, 2, 2, 4), -3},
-        {BrigntAndContrast(nullptr, w, 2, 2, 4, 0, 1), -1}, {BrigntAndContrast(w, w, 2, 2, 3, 0, 1), -3},
-        {GammaCorrect(w, nullptr, 2, 2, 1, 99), -2}, {GammaCorrect(w, w, 2, 2, 1, 11), -3},
-        {Image_Log(nullptr, f, 2, 2, 0), -1}, {Image_Log(f, nullptr, 2, 2, 0), -2},
-        {Image_Square_NoTrunc(w, nullptr, 2, 2, 4), -2}, {Image_Square_NoTrunc(w, reinterpret_cast<double*>(f), 2, 2, 11), -3},
-        {ThresholdBinary(nullptr, w, 4, 2, 2, 1, 0), -1}, {ThresholdBinary(w, nullptr, 4, 2, 2, 1, 0), -2},
-        {ImgGainCorrect(f, nullptr, 2, 2), -2}, {EquHist(nullptr, w, 4, 4), -1}, {EquHist(w, w, 4, 5), -3},
-        {Inverse(w, w, -2, -2, 3), 1}, {EquHist(w, w, -4, 4), 1},
+        {Inverse(nullptr, nullptr, 2, 2, 3), -1},
+        {Inverse(w, nullptr, 2, 2, 4), -2},
+        {Inverse(w, w, 2, 2, 4), -3},
+        {BrigntAndContrast(nullptr, w, 2, 2, 4, 0, 1), -1},
+        {BrigntAndContrast(w, w, 2, 2, 3, 0, 1), -3},
+        {GammaCorrect(w, nullptr, 2, 2, 1, 99), -2},
+        {GammaCorrect(w, w, 2, 2, 1, 11), -3},
+        {Image_Log(nullptr, f, 2, 2, 0), -1},
+        {Image_Log(f, nullptr, 2, 2, 0), -2},
+        {Image_Square_NoTrunc(w, nullptr, 2, 2, 4), -2},
+        {Image_Square_NoTrunc(w, reinterpret_cast<double*>(f), 2, 2, 11), -3},
+        {ThresholdBinary(nullptr, w, 4, 2, 2, 1, 0), -1},
+        {ThresholdBinary(w, nullptr, 4, 2, 2, 1, 0), -2},
+        {ImgGainCorrect(f, nullptr, 2, 2), -2},
+        {EquHist(nullptr, w, 4, 4), -1},
+        {EquHist(w, w, 4, 5), -3},
+        {Inverse(w, w, -2, -2, 3), 1},
+        {EquHist(w, w, -4, 4), 1},
     };
-    for (size_t i = 0; i < got_want.size(); ++i) EXPECT_EQ(got_want[i].first, got_want[i].second) << i;
+    for (size_t i = 0; i < got_want.size(); ++i)
+        EXPECT_EQ(got_want[i].first, got_want[i].second) << i;
     EXPECT_EQ(std::vector<uint16_t>(w, w + 4), (std::vector<uint16_t>{1, 2, 3, 4}));
 }
 
@@ -43,10 +54,15 @@ TEST(PointOps, InverseRefusesTheSixteenBitCodeButInvertsWordsForAnyOther) {
 }
 
 TEST(PointOps, BrigntAndContrastScalesAddsClampsAndTruncates) {
-    struct Case { uint16_t in; float brightness, contrast; uint16_t want; };
+    struct Case {
+        uint16_t in;
+        float brightness, contrast;
+        uint16_t want;
+    };
     const float nan = std::numeric_limits<float>::quiet_NaN();
-    for (const Case& c : {Case{40000, 1000, 2, 65535}, Case{0, 1000, 2, 1000}, Case{100, 0.9f, 1.5f, 150},
-                          Case{500, -1000, 1, 0}, Case{500, 0, nan, 0}}) {
+    for (const Case& c :
+         {Case{40000, 1000, 2, 65535}, Case{0, 1000, 2, 1000}, Case{100, 0.9f, 1.5f, 150},
+          Case{500, -1000, 1, 0}, Case{500, 0, nan, 0}}) {
         uint16_t v = c.in, out = 1;
         ASSERT_EQ(BrigntAndContrast(&v, &out, 1, 1, 4, c.brightness, c.contrast), 1);
         EXPECT_EQ(out, c.want) << c.in << " b " << c.brightness << " c " << c.contrast;
@@ -85,11 +101,14 @@ TEST(PointOps, GammaCorrectMapsIntegerTypesOverTheirFullRangeAndFloatsOverTheirS
 
 TEST(PointOps, ImageLogFloorsAtTwentyAndNegatesOnlyForOne) {
     float src[4] = {0.0f, 20.0f, -3.0f, 100.0f};
-    const float ln20 = static_cast<float>(std::log(20.0)), ln100 = static_cast<float>(std::log(100.0));
-    for (const auto& [negate, sign] : {std::pair{0, 1.0f}, std::pair{1, -1.0f}, std::pair{2, 1.0f}}) {
+    const float ln20 = static_cast<float>(std::log(20.0)),
+                ln100 = static_cast<float>(std::log(100.0));
+    for (const auto& [negate, sign] :
+         {std::pair{0, 1.0f}, std::pair{1, -1.0f}, std::pair{2, 1.0f}}) {
         float out[4] = {};
         ASSERT_EQ(Image_Log(src, out, 2, 2, negate), 1);
-        EXPECT_EQ(std::vector<float>(out, out + 4), (std::vector<float>{sign * ln20, sign * ln20, sign * ln20, sign * ln100}));
+        EXPECT_EQ(std::vector<float>(out, out + 4),
+                  (std::vector<float>{sign * ln20, sign * ln20, sign * ln20, sign * ln100}));
     }
 }
 
@@ -103,29 +122,39 @@ TEST(PointOps, ImageSquareWidensWithoutClampingAndFloatsSquareInSinglePrecision)
 }
 
 TEST(PointOps, ThresholdBinaryModesCompareStrictly) {
-    struct Case { uint32_t mode; std::vector<uint16_t> want16; std::vector<uint8_t> want8; };
+    struct Case {
+        uint32_t mode;
+        std::vector<uint16_t> want16;
+        std::vector<uint8_t> want8;
+    };
     const Case cases[] = {
-        {0, {0, 0, 65535, 65535}, {0, 0, 255, 255}}, {1, {65535, 65535, 0, 0}, {255, 255, 0, 0}},
-        {2, {0, 0, 101, 65535}, {0, 0, 101, 255}}, {3, {99, 100, 0, 0}, {99, 100, 0, 0}},
+        {0, {0, 0, 65535, 65535}, {0, 0, 255, 255}},
+        {1, {65535, 65535, 0, 0}, {255, 255, 0, 0}},
+        {2, {0, 0, 101, 65535}, {0, 0, 101, 255}},
+        {3, {99, 100, 0, 0}, {99, 100, 0, 0}},
     };
     std::vector<uint16_t> src16 = {99, 100, 101, 65535}, out16(4);
     std::vector<uint8_t> src8 = {99, 100, 101, 255}, out8(4);
     for (const Case& c : cases) {
         ASSERT_EQ(ThresholdBinary(src16.data(), out16.data(), 4, 2, 2, 100.0, c.mode), 1);
-        ASSERT_EQ(ThresholdBinary(reinterpret_cast<uint16_t*>(src8.data()), reinterpret_cast<uint16_t*>(out8.data()), 3,
-                                  4, 1, 100.0, c.mode), 1);
+        ASSERT_EQ(ThresholdBinary(reinterpret_cast<uint16_t*>(src8.data()),
+                                  reinterpret_cast<uint16_t*>(out8.data()), 3, 4, 1, 100.0, c.mode),
+                  1);
         EXPECT_EQ(out16, c.want16) << "mode " << c.mode;
         EXPECT_EQ(out8, c.want8) << "mode " << c.mode;
     }
     std::vector<uint16_t> out(4, 1);  // other modes and codes write nothing
-    EXPECT_EQ(ThresholdBinary(src16.data(), out.data(), 4, 2, 2, 100.0, 4) + ThresholdBinary(src16.data(), out.data(), 5, 2, 2, 100.0, 0), 2);
+    EXPECT_EQ(ThresholdBinary(src16.data(), out.data(), 4, 2, 2, 100.0, 4) +
+                  ThresholdBinary(src16.data(), out.data(), 5, 2, 2, 100.0, 0),
+              2);
     EXPECT_EQ(out, std::vector<uint16_t>(4, 1));
 }
 
 TEST(PointOps, ImgGainCorrectAndEquHistUseOneStatisticOfTheWholeImage) {
     float src[4] = {1.0f, 4.0f, 0.0f, 3.0f}, out[4] = {};  // mean 2, floor 0.001
     ASSERT_EQ(ImgGainCorrect(src, out, 4, 1), 1);
-    EXPECT_EQ(std::vector<float>(out, out + 4), (std::vector<float>{2.0f, 0.5f, 2.0f / 0.001f, 2.0f / 3.0f}));
+    EXPECT_EQ(std::vector<float>(out, out + 4),
+              (std::vector<float>{2.0f, 0.5f, 2.0f / 0.001f, 2.0f / 3.0f}));
     // cdf(1000) = 1 -> 1000; cdf(100) = 0.5 -> 100 * 0.5 + 0.5 = 50.5 -> 50; cdf(300) = 1 -> 300.
     std::vector<uint16_t> flat(10, 1000), two = {100, 300, 100, 300}, o16(4);
     ASSERT_EQ(EquHist(flat.data(), flat.data(), 10, 4), 1);
@@ -133,7 +162,9 @@ TEST(PointOps, ImgGainCorrectAndEquHistUseOneStatisticOfTheWholeImage) {
     ASSERT_EQ(EquHist(two.data(), o16.data(), 4, 4), 1);
     EXPECT_EQ(o16, (std::vector<uint16_t>{50, 300, 50, 300}));
     std::vector<uint8_t> b = {10, 20, 20, 30}, ob(4);  // cdf 0.25, 0.75, 1 -> 3, 15, 30
-    ASSERT_EQ(EquHist(reinterpret_cast<uint16_t*>(b.data()), reinterpret_cast<uint16_t*>(ob.data()), 4, 3), 1);
+    ASSERT_EQ(EquHist(reinterpret_cast<uint16_t*>(b.data()), reinterpret_cast<uint16_t*>(ob.data()),
+                      4, 3),
+              1);
     EXPECT_EQ(ob, (std::vector<uint8_t>{3, 15, 15, 30}));
 }
 
@@ -147,7 +178,9 @@ TEST(PointOps, InPlaceEqualsOutOfPlace) {
         [&](uint16_t* s, uint16_t* d) { return BrigntAndContrast(s, d, w, h, 4, 300.0f, 1.3f); },
         [&](uint16_t* s, uint16_t* d) { return GammaCorrect(s, d, w, h, 1.7f, 3); },
         [&](uint16_t* s, uint16_t* d) { return EquHist(s, d, w * h, 4); },
-        [&](uint16_t* s, uint16_t* d) { return Image_Log(reinterpret_cast<float*>(s), reinterpret_cast<float*>(d), w, h / 2, 1); }};
+        [&](uint16_t* s, uint16_t* d) {
+            return Image_Log(reinterpret_cast<float*>(s), reinterpret_cast<float*>(d), w, h / 2, 1);
+        }};
     for (size_t k = 0; k < ops.size(); ++k) {
         std::vector<uint16_t> out = src, inPlace = src;
         ASSERT_EQ(ops[k](src.data(), out.data()), 1);
@@ -197,7 +230,8 @@ void ExpectIdenticalAtEveryLevel(const std::vector<T>& src, Op op, const std::st
 }
 
 TEST(PointOps, IntegerFastPathsMatchThePlainLoopsBitForBit) {
-    const float nan = std::numeric_limits<float>::quiet_NaN(), inf = std::numeric_limits<float>::infinity();
+    const float nan = std::numeric_limits<float>::quiet_NaN(),
+                inf = std::numeric_limits<float>::infinity();
     const double dnan = std::numeric_limits<double>::quiet_NaN();
     unsigned seed = 5;
     for (const impl_levels::Size& s : impl_levels::OddSizes()) {
@@ -206,32 +240,63 @@ TEST(PointOps, IntegerFastPathsMatchThePlainLoopsBitForBit) {
         const std::string size = std::to_string(w) + "x" + std::to_string(h);
         const std::vector<uint16_t> u16 = Random<uint16_t>(n, seed++, 0, 65535);
         const std::vector<uint8_t> u8 = Random<uint8_t>(n, seed++, 0, 255);
-        const std::vector<uint16_t> narrow = Random<uint16_t>(n, seed++, 1000, 1400);  // many repeats
-        struct Linear { float brightness, contrast; };
-        for (const Linear& c : {Linear{500.0f, 1.2f}, Linear{-300.5f, 0.7f}, Linear{0.0f, -1.0f}, Linear{1e9f, 1.0f},
-                                Linear{0.25f, 3.9999f}, Linear{nan, 1.0f}, Linear{0.0f, inf}}) {
-            ExpectIdenticalAtEveryLevel(u16, [&](uint16_t* a, uint16_t* b) {
-                return BrigntAndContrast(a, b, w, h, 4, c.brightness, c.contrast); }, "brightness " + size);
+        const std::vector<uint16_t> narrow =
+            Random<uint16_t>(n, seed++, 1000, 1400);  // many repeats
+        struct Linear {
+            float brightness, contrast;
+        };
+        for (const Linear& c :
+             {Linear{500.0f, 1.2f}, Linear{-300.5f, 0.7f}, Linear{0.0f, -1.0f}, Linear{1e9f, 1.0f},
+              Linear{0.25f, 3.9999f}, Linear{nan, 1.0f}, Linear{0.0f, inf}}) {
+            ExpectIdenticalAtEveryLevel(
+                u16,
+                [&](uint16_t* a, uint16_t* b) {
+                    return BrigntAndContrast(a, b, w, h, 4, c.brightness, c.contrast);
+                },
+                "brightness " + size);
         }
-        for (double t : {-5.0, -0.5, 0.0, 0.5, 100.0, 254.5, 255.0, 40000.7, 65534.5, 65535.0, 1e9, dnan}) {
+        for (double t :
+             {-5.0, -0.5, 0.0, 0.5, 100.0, 254.5, 255.0, 40000.7, 65534.5, 65535.0, 1e9, dnan}) {
             for (uint32_t mode : {0u, 1u, 2u, 3u}) {
-                const std::string what = "threshold " + std::to_string(t) + " mode " + std::to_string(mode) + " " + size;
-                ExpectIdenticalAtEveryLevel(u16, [&](uint16_t* a, uint16_t* b) { return ThresholdBinary(a, b, 4, w, h, t, mode); }, what);
-                ExpectIdenticalAtEveryLevel(u8, [&](uint8_t* a, uint8_t* b) {
-                    return ThresholdBinary(reinterpret_cast<uint16_t*>(a), reinterpret_cast<uint16_t*>(b), 3, w, h, t, mode); }, what);
+                const std::string what =
+                    "threshold " + std::to_string(t) + " mode " + std::to_string(mode) + " " + size;
+                ExpectIdenticalAtEveryLevel(
+                    u16,
+                    [&](uint16_t* a, uint16_t* b) {
+                        return ThresholdBinary(a, b, 4, w, h, t, mode);
+                    },
+                    what);
+                ExpectIdenticalAtEveryLevel(
+                    u8,
+                    [&](uint8_t* a, uint8_t* b) {
+                        return ThresholdBinary(reinterpret_cast<uint16_t*>(a),
+                                               reinterpret_cast<uint16_t*>(b), 3, w, h, t, mode);
+                    },
+                    what);
             }
         }
         for (const auto* img : {&u16, &narrow})
-            ExpectIdenticalAtEveryLevel(*img, [&](uint16_t* a, uint16_t* b) { return EquHist(a, b, w * h, 4); }, "equalise " + size);
-        ExpectIdenticalAtEveryLevel(u8, [&](uint8_t* a, uint8_t* b) {
-            return EquHist(reinterpret_cast<uint16_t*>(a), reinterpret_cast<uint16_t*>(b), w * h, 3); }, "equalise 8 " + size);
+            ExpectIdenticalAtEveryLevel(
+                *img, [&](uint16_t* a, uint16_t* b) { return EquHist(a, b, w * h, 4); },
+                "equalise " + size);
+        ExpectIdenticalAtEveryLevel(
+            u8,
+            [&](uint8_t* a, uint8_t* b) {
+                return EquHist(reinterpret_cast<uint16_t*>(a), reinterpret_cast<uint16_t*>(b),
+                               w * h, 3);
+            },
+            "equalise 8 " + size);
         // Whole numbers (an exact sum in any order) and fractions (the sum keeps its order).
         std::vector<float> whole(u16.begin(), u16.end()), fractions(n);
         for (size_t i = 0; i < n; ++i) fractions[i] = static_cast<float>(u16[i]) / 7.3f + 1e-3f;
         if (n > 3) whole[1] = 0.0f, whole[2] = -12.0f, fractions[2] = -0.0f;
         for (const auto* img : {&whole, &fractions})
-            ExpectIdenticalAtEveryLevel(*img, [&](float* a, float* b) { return ImgGainCorrect(a, b, w, h); }, "gain " + size);
-        ExpectIdenticalAtEveryLevel(u8, [&](uint8_t* a, uint8_t* b) { return GammaCorrect(a, b, w, h, 0.45f, 3); }, "gamma 8 " + size);
+            ExpectIdenticalAtEveryLevel(
+                *img, [&](float* a, float* b) { return ImgGainCorrect(a, b, w, h); },
+                "gain " + size);
+        ExpectIdenticalAtEveryLevel(
+            u8, [&](uint8_t* a, uint8_t* b) { return GammaCorrect(a, b, w, h, 0.45f, 3); },
+            "gamma 8 " + size);
     }
 }
 
@@ -266,9 +331,13 @@ TEST(PointOps, GammaTablesMatchTheLibraryPowerWithinTheStatedBound) {
                 const double high = type == 0 ? 65535.0 : 32767.0;
                 const double value = type == 0 ? every[i] : everySigned[i];
                 const float b = static_cast<float>(value) / static_cast<float>(high);
-                const double v = static_cast<float>(std::pow(static_cast<double>(b), static_cast<double>(gamma))) * high + 0.5;
+                const double v = static_cast<float>(
+                                     std::pow(static_cast<double>(b), static_cast<double>(gamma))) *
+                                     high +
+                                 0.5;
                 EXPECT_EQ(std::abs(ref - fast), 1) << "gamma " << gamma << " value " << value;
-                EXPECT_LT(std::fabs(v - std::round(v)), high * 6e-8) << "gamma " << gamma << " value " << value;
+                EXPECT_LT(std::fabs(v - std::round(v)), high * 6e-8)
+                    << "gamma " << gamma << " value " << value;
                 ++differing;
             }
         }
@@ -323,13 +392,22 @@ TEST(PointOps, ImageLogMatchesTheLibraryLogarithmWithinTheStatedBound) {
     for (size_t i = 0; i < src.size(); ++i) {
         const uint32_t r = gen();
         switch (r % 5) {
-        case 0: src[i] = static_cast<float>(r % 65536); break;
-        case 1: src[i] = static_cast<float>(r % 1000000) / 13.0f; break;
-        case 2: src[i] = static_cast<float>(r) * 1e28f; break;
-        default: src[i] = static_cast<float>(r % 70000) - 2000.0f; break;
+        case 0:
+            src[i] = static_cast<float>(r % 65536);
+            break;
+        case 1:
+            src[i] = static_cast<float>(r % 1000000) / 13.0f;
+            break;
+        case 2:
+            src[i] = static_cast<float>(r) * 1e28f;
+            break;
+        default:
+            src[i] = static_cast<float>(r % 70000) - 2000.0f;
+            break;
         }
     }
-    src[5] = std::numeric_limits<float>::infinity(), src[6] = std::numeric_limits<float>::quiet_NaN();
+    src[5] = std::numeric_limits<float>::infinity(),
+    src[6] = std::numeric_limits<float>::quiet_NaN();
     src[7] = -std::numeric_limits<float>::infinity(), src[8] = std::numeric_limits<float>::max();
     for (int negate : {0, 1}) {
         const auto out = AtEachLevel([&] {
@@ -351,8 +429,11 @@ TEST(PointOps, ImageLogMatchesTheLibraryLogarithmWithinTheStatedBound) {
             ++differing;
             const double x = std::max(static_cast<double>(src[i]), 20.0);
             const double exact = std::log(x);
-            const double boundary = (std::fabs(static_cast<double>(out[0][i])) + std::fabs(static_cast<double>(out[2][i]))) / 2;
-            EXPECT_LT(std::fabs(std::fabs(exact) - boundary), std::fabs(exact) * 1e-15) << "pixel " << src[i];
+            const double boundary = (std::fabs(static_cast<double>(out[0][i])) +
+                                     std::fabs(static_cast<double>(out[2][i]))) /
+                                    2;
+            EXPECT_LT(std::fabs(std::fabs(exact) - boundary), std::fabs(exact) * 1e-15)
+                << "pixel " << src[i];
         }
         EXPECT_LT(differing, 5);
         const float edge[2] = {out[2][6], out[2][5]};  // NaN stays NaN, infinity stays infinite

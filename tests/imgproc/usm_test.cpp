@@ -16,14 +16,15 @@ using advanced_ref::At;
 using advanced_ref::RandomImage;
 
 // Plain 2-D correlation: kernel rows outer, columns inner, single-precision sum per pixel.
-std::vector<float> Correlate(const std::vector<float>& src, int w, int h, const std::vector<float>& k, int kw,
-                             int kh) {
+std::vector<float> Correlate(const std::vector<float>& src, int w, int h,
+                             const std::vector<float>& k, int kw, int kh) {
     std::vector<float> out(src.size());
     for (int y = 0; y < h; ++y)
         for (int x = 0; x < w; ++x) {
             float sum = 0.0f;
             for (int i = 0; i < kh; ++i)
-                for (int j = 0; j < kw; ++j) sum += k[i * kw + j] * At(src, w, h, x + j - kw / 2, y + i - kh / 2);
+                for (int j = 0; j < kw; ++j)
+                    sum += k[i * kw + j] * At(src, w, h, x + j - kw / 2, y + i - kh / 2);
             out[static_cast<size_t>(y) * w + x] = sum;
         }
     return out;
@@ -32,13 +33,21 @@ std::vector<float> Correlate(const std::vector<float>& src, int w, int h, const 
 TEST(ImageConv, CorrelatesWithTheMirroredNeighbourhoodAndSplitsSeparableKernels) {
     // `used` is the kernel the result must match: a separable split gives the rows above the
     // reference row (the first whose first weight is non-zero) factor 0 without looking at them.
-    struct Case { int kw, kh; std::vector<float> kernel, used; bool separable; };
+    struct Case {
+        int kw, kh;
+        std::vector<float> kernel, used;
+        bool separable;
+    };
     const std::vector<float> random = RandomImage<float>(4, 2, -1.0, 2.0, 2);
     const Case cases[] = {
-        {4, 2, random, random, false},  // even sizes: centre at kw/2, kh/2; not separable
+        {4, 2, random, random, false},        // even sizes: centre at kw/2, kh/2; not separable
         {3, 1, {0, 0, 1}, {0, 0, 1}, false},  // correlation: each pixel takes its right neighbour
         {3, 3, {1, 2, 1, 2, 4, 2, 0.5f, 1, 0.5f}, {1, 2, 1, 2, 4, 2, 0.5f, 1, 0.5f}, true},
-        {3, 3, {0, 1, 0, 1, 1, 1, 2, 2, 2}, {0, 0, 0, 1, 1, 1, 2, 2, 2}, true},  // the top row is lost
+        {3,
+         3,
+         {0, 1, 0, 1, 1, 1, 2, 2, 2},
+         {0, 0, 0, 1, 1, 1, 2, 2, 2},
+         true},                                                 // the top row is lost
         {3, 2, {0, 2, 1, 0, 4, 2}, {0, 2, 1, 0, 4, 2}, false},  // no row starts non-zero
     };
     const int w = 11, h = 9;
@@ -46,16 +55,21 @@ TEST(ImageConv, CorrelatesWithTheMirroredNeighbourhoodAndSplitsSeparableKernels)
     std::vector<uint8_t> mask(src.size());
     for (size_t i = 0; i < mask.size(); ++i) mask[i] = i % 3 == 0 ? 0 : 1;
     for (const Case& c : cases) {
-        SCOPED_TRACE(testing::Message() << c.kw << "x" << c.kh << " kernel, first weight " << c.kernel[0]);
+        SCOPED_TRACE(testing::Message()
+                     << c.kw << "x" << c.kh << " kernel, first weight " << c.kernel[0]);
         std::vector<float> dst(src.size()), masked(src.size()), inPlace = src;
         ASSERT_EQ(ImageConv(src.data(), dst.data(), c.kernel.data(), w, h, c.kw, c.kh, nullptr), 1);
         const std::vector<float> expected = Correlate(src, w, h, c.used, c.kw, c.kh);
         for (size_t i = 0; i < dst.size(); ++i) EXPECT_NEAR(dst[i], expected[i], 0.05) << i;
         // The split ignores the mask; otherwise masked-out pixels keep the source.
-        ASSERT_EQ(ImageConv(src.data(), masked.data(), c.kernel.data(), w, h, c.kw, c.kh, mask.data()), 1);
+        ASSERT_EQ(
+            ImageConv(src.data(), masked.data(), c.kernel.data(), w, h, c.kw, c.kh, mask.data()),
+            1);
         for (size_t i = 0; i < dst.size(); ++i)
             EXPECT_EQ(masked[i], mask[i] == 0 && !c.separable ? src[i] : dst[i]) << i;
-        ASSERT_EQ(ImageConv(inPlace.data(), inPlace.data(), c.kernel.data(), w, h, c.kw, c.kh, mask.data()), 1);
+        ASSERT_EQ(ImageConv(inPlace.data(), inPlace.data(), c.kernel.data(), w, h, c.kw, c.kh,
+                            mask.data()),
+                  1);
         EXPECT_EQ(inPlace, masked);
     }
 }
@@ -81,11 +95,13 @@ TEST(UsmBox, SharpensWithTheUndividedWindowSum) {
         src[4] = 190;
         const uint16_t edge = normalise ? 9362 : 10, middle = normalise ? 65535 : 550;
         ASSERT_EQ(USM_BOX(src.data(), dst.data(), 3, 3, 1, 0.5f, normalise), 1);
-        EXPECT_EQ(dst, (std::vector<uint16_t>{0, edge, 0, edge, middle, edge, 0, edge, 0})) << normalise;
+        EXPECT_EQ(dst, (std::vector<uint16_t>{0, edge, 0, edge, middle, edge, 0, edge, 0}))
+            << normalise;
         ASSERT_EQ(USM_BOX(src.data(), src.data(), 3, 3, 1, 0.5f, normalise), 1);
         EXPECT_EQ(src, dst);
     }
-    // A constant image stays as it is, normalised or not (normalising a constant result exits early).
+    // A constant image stays as it is, normalised or not (normalising a constant result exits
+    // early).
     std::vector<uint16_t> flat(30, 1234), out(30);
     ASSERT_EQ(USM_BOX(flat.data(), out.data(), 6, 5, 2, 3.0f, true), 1);
     EXPECT_EQ(out, flat);
@@ -97,7 +113,8 @@ TEST(UsmBox, SharpensWithTheUndividedWindowSum) {
 }
 
 TEST(UsmEx, RunsTheBoxMaskWithTheRecordOrTheIniFileSettings) {
-    std::vector<uint16_t> src = RandomImage<uint16_t>(12, 10, 0, 50000, 45), viaRecord(120), direct(120);
+    std::vector<uint16_t> src = RandomImage<uint16_t>(12, 10, 0, 50000, 45), viaRecord(120),
+                          direct(120);
     struUSMParam p;
     p.r = 2, p.lam = 1.25f, p.isNeedNorm = 1;
     ASSERT_EQ(USM_EX(src.data(), viaRecord.data(), 12, 10, 4, &p, nullptr), 1);
@@ -148,7 +165,8 @@ TEST(UsmGaussian, SigmaFallbacksAndBadArguments) {
     ASSERT_EQ(USM_Gaussian(src.data(), a.data(), 9, 9, 2, 0.7f, 0, -2.5f, nullptr), 1);
     ASSERT_EQ(USM_Gaussian(src.data(), b.data(), 9, 9, 2, 0.7f, 0, 2.5f, nullptr), 1);
     EXPECT_EQ(a, b);  // sigma enters squared
-    // A sigma so small that 2 sigma^2 underflows leaves the centre weight alone: src * 1.5 - 0.5 * src.
+    // A sigma so small that 2 sigma^2 underflows leaves the centre weight alone: src * 1.5 - 0.5 *
+    // src.
     ASSERT_EQ(USM_Gaussian(src.data(), a.data(), 9, 9, 1, 0.5f, 0, 1e-30f, nullptr), 1);
     EXPECT_EQ(a, src);
     std::vector<uint16_t> dst(4, 3), s4(4, 100);
@@ -168,15 +186,23 @@ using impl_levels::SameBits;
 // images; each on images of odd sizes with and without an infinity (which keeps the zero-weight
 // taps in the sum), with and without a mask, in place and out of place.
 TEST(ImageConvLevels, EveryLevelGivesTheSameBits) {
-    struct Case { int kw, kh; std::vector<float> kernel; };
-    std::vector<Case> cases = {
-        {5, 5, {}}, {3, 3, {0, 0, 0, 1, 2, 1, 2, 4, 2}}, {4, 2, RandomImage<float>(4, 2, -1.0, 1.0, 81)},
-        {7, 1, RandomImage<float>(7, 1, -1.0, 1.0, 82)}, {1, 6, RandomImage<float>(1, 6, -1.0, 1.0, 83)},
-        {5, 5, RandomImage<float>(5, 5, -1.5, 2.0, 84)}, {5, 3, RandomImage<float>(5, 3, -1.0, 1.0, 85)},
-        {9, 9, RandomImage<float>(9, 9, -1.0, 1.0, 86)}};
+    struct Case {
+        int kw, kh;
+        std::vector<float> kernel;
+    };
+    std::vector<Case> cases = {{5, 5, {}},
+                               {3, 3, {0, 0, 0, 1, 2, 1, 2, 4, 2}},
+                               {4, 2, RandomImage<float>(4, 2, -1.0, 1.0, 81)},
+                               {7, 1, RandomImage<float>(7, 1, -1.0, 1.0, 82)},
+                               {1, 6, RandomImage<float>(1, 6, -1.0, 1.0, 83)},
+                               {5, 5, RandomImage<float>(5, 5, -1.5, 2.0, 84)},
+                               {5, 3, RandomImage<float>(5, 3, -1.0, 1.0, 85)},
+                               {9, 9, RandomImage<float>(9, 9, -1.0, 1.0, 86)}};
     for (int i = 0; i < 25; ++i)
-        cases[0].kernel.push_back(std::exp(-static_cast<float>((i / 5 - 2) * (i / 5 - 2) + (i % 5 - 2) * (i % 5 - 2)) / 3.0f));
-    for (size_t i = 0; i < cases[6].kernel.size(); i += 3) cases[6].kernel[i] = 0.0f;  // zero weights
+        cases[0].kernel.push_back(std::exp(
+            -static_cast<float>((i / 5 - 2) * (i / 5 - 2) + (i % 5 - 2) * (i % 5 - 2)) / 3.0f));
+    for (size_t i = 0; i < cases[6].kernel.size(); i += 3)
+        cases[6].kernel[i] = 0.0f;  // zero weights
     for (const impl_levels::Size& size : impl_levels::OddSizes()) {
         std::vector<float> src = RandomImage<float>(size.width, size.height, -2000.0, 60000.0, 87);
         std::vector<uint8_t> mask(src.size());
@@ -184,13 +210,19 @@ TEST(ImageConvLevels, EveryLevelGivesTheSameBits) {
         for (bool withInfinity : {false, true}) {
             if (withInfinity) src[src.size() / 2] = std::numeric_limits<float>::infinity();
             for (const Case& c : cases) {
-                SCOPED_TRACE(testing::Message() << size.width << "x" << size.height << " kernel " << c.kw << "x" << c.kh
-                                                << (withInfinity ? " with an infinity" : ""));
-                for (const uint8_t* m : {static_cast<const uint8_t*>(nullptr), static_cast<const uint8_t*>(mask.data())}) {
+                SCOPED_TRACE(testing::Message()
+                             << size.width << "x" << size.height << " kernel " << c.kw << "x"
+                             << c.kh << (withInfinity ? " with an infinity" : ""));
+                for (const uint8_t* m : {static_cast<const uint8_t*>(nullptr),
+                                         static_cast<const uint8_t*>(mask.data())}) {
                     const auto out = AtEachLevel([&] {
                         std::vector<float> o(src.size()), inPlace = src;
-                        EXPECT_EQ(ImageConv(src.data(), o.data(), c.kernel.data(), size.width, size.height, c.kw, c.kh, m), 1);
-                        EXPECT_EQ(ImageConv(inPlace.data(), inPlace.data(), c.kernel.data(), size.width, size.height, c.kw, c.kh, m), 1);
+                        EXPECT_EQ(ImageConv(src.data(), o.data(), c.kernel.data(), size.width,
+                                            size.height, c.kw, c.kh, m),
+                                  1);
+                        EXPECT_EQ(ImageConv(inPlace.data(), inPlace.data(), c.kernel.data(),
+                                            size.width, size.height, c.kw, c.kh, m),
+                                  1);
                         EXPECT_TRUE(SameBits(inPlace, o));
                         return o;
                     });
@@ -205,19 +237,26 @@ TEST(ImageConvLevels, EveryLevelGivesTheSameBits) {
 // Radii 0 to 7 sum exactly in integers; 8 and 10 keep the float running sums.
 TEST(UsmBoxLevels, EveryLevelGivesTheSameBits) {
     for (const impl_levels::Size& size : impl_levels::OddSizes()) {
-        const std::vector<uint16_t> src = RandomImage<uint16_t>(size.width, size.height, 0, 65535, 91);
+        const std::vector<uint16_t> src =
+            RandomImage<uint16_t>(size.width, size.height, 0, 65535, 91);
         for (int r : {0, 1, 2, 7, 8, 10}) {
             for (bool normalise : {false, true}) {
                 for (float amount : {0.04f, 1.7f}) {
                     const auto out = AtEachLevel([&] {
                         std::vector<uint16_t> o(src.size()), inPlace = src;
-                        EXPECT_EQ(USM_BOX(const_cast<uint16_t*>(src.data()), o.data(), size.width, size.height, r, amount, normalise), 1);
-                        EXPECT_EQ(USM_BOX(inPlace.data(), inPlace.data(), size.width, size.height, r, amount, normalise), 1);
+                        EXPECT_EQ(USM_BOX(const_cast<uint16_t*>(src.data()), o.data(), size.width,
+                                          size.height, r, amount, normalise),
+                                  1);
+                        EXPECT_EQ(USM_BOX(inPlace.data(), inPlace.data(), size.width, size.height,
+                                          r, amount, normalise),
+                                  1);
                         EXPECT_EQ(inPlace, o);
                         return o;
                     });
-                    EXPECT_EQ(out[0], out[1]) << size.width << "x" << size.height << " r " << r << " " << normalise;
-                    EXPECT_EQ(out[0], out[2]) << size.width << "x" << size.height << " r " << r << " " << normalise;
+                    EXPECT_EQ(out[0], out[1])
+                        << size.width << "x" << size.height << " r " << r << " " << normalise;
+                    EXPECT_EQ(out[0], out[2])
+                        << size.width << "x" << size.height << " r " << r << " " << normalise;
                 }
             }
         }
@@ -225,22 +264,38 @@ TEST(UsmBoxLevels, EveryLevelGivesTheSameBits) {
 }
 
 TEST(UsmGaussianLevels, EveryLevelGivesTheSameBitsAndTheSameMask) {
-    struct Case { int radius; float sigma; float amount; int threshold; };
-    const Case cases[] = {{1, 1.0f, 0.5f, 200}, {2, 1.0f, 0.04f, 500}, {2, 0.3f, 1.5f, 0}, {5, 2.5f, 0.8f, 1000},
-                          {20, 1.0f, 0.6f, 300}};  // at sigma 1 a radius of 20 underflows: not separable
+    struct Case {
+        int radius;
+        float sigma;
+        float amount;
+        int threshold;
+    };
+    const Case cases[] = {
+        {1, 1.0f, 0.5f, 200},
+        {2, 1.0f, 0.04f, 500},
+        {2, 0.3f, 1.5f, 0},
+        {5, 2.5f, 0.8f, 1000},
+        {20, 1.0f, 0.6f, 300}};  // at sigma 1 a radius of 20 underflows: not separable
     for (const impl_levels::Size& size : impl_levels::OddSizes()) {
-        const std::vector<uint16_t> src = RandomImage<uint16_t>(size.width, size.height, 0, 65535, 93);
+        const std::vector<uint16_t> src =
+            RandomImage<uint16_t>(size.width, size.height, 0, 65535, 93);
         for (const Case& c : cases) {
-            SCOPED_TRACE(testing::Message() << size.width << "x" << size.height << " radius " << c.radius);
+            SCOPED_TRACE(testing::Message()
+                         << size.width << "x" << size.height << " radius " << c.radius);
             const auto out = AtEachLevel([&] {
                 std::vector<uint16_t> o(src.size()), masked(src.size()), inPlace = src;
                 std::vector<uint8_t> mask(src.size(), 9);
-                EXPECT_EQ(USM_Gaussian(const_cast<uint16_t*>(src.data()), o.data(), size.width, size.height, c.radius,
-                                       c.amount, c.threshold, c.sigma, nullptr), 1);
-                EXPECT_EQ(USM_Gaussian(const_cast<uint16_t*>(src.data()), masked.data(), size.width, size.height, c.radius,
-                                       c.amount, c.threshold, c.sigma, mask.data()), 1);
-                EXPECT_EQ(USM_Gaussian(inPlace.data(), inPlace.data(), size.width, size.height, c.radius, c.amount,
-                                       c.threshold, c.sigma, nullptr), 1);
+                EXPECT_EQ(
+                    USM_Gaussian(const_cast<uint16_t*>(src.data()), o.data(), size.width,
+                                 size.height, c.radius, c.amount, c.threshold, c.sigma, nullptr),
+                    1);
+                EXPECT_EQ(USM_Gaussian(const_cast<uint16_t*>(src.data()), masked.data(), size.width,
+                                       size.height, c.radius, c.amount, c.threshold, c.sigma,
+                                       mask.data()),
+                          1);
+                EXPECT_EQ(USM_Gaussian(inPlace.data(), inPlace.data(), size.width, size.height,
+                                       c.radius, c.amount, c.threshold, c.sigma, nullptr),
+                          1);
                 EXPECT_EQ(inPlace, o);
                 o.insert(o.end(), masked.begin(), masked.end());
                 o.insert(o.end(), mask.begin(), mask.end());
@@ -259,7 +314,8 @@ TEST(UsmLevels, AbsurdSizesAreRefusedUntouched) {
     EXPECT_EQ(ImageConv(&f, &f, &k, 1, 1, 1 << 15, 1 << 14, nullptr), -4);
     EXPECT_EQ(ImageConv(&f, &f, &k, 1 << 15, 1 << 14, 1, 1, nullptr), -4);
     EXPECT_EQ(USM_BOX(img.data(), img.data(), 1 << 15, 1 << 14, 1, 0.5f, false), -4);
-    EXPECT_EQ(USM_Gaussian(img.data(), img.data(), 1 << 15, 1 << 14, 1, 0.5f, 0, 1.0f, nullptr), -4);
+    EXPECT_EQ(USM_Gaussian(img.data(), img.data(), 1 << 15, 1 << 14, 1, 0.5f, 0, 1.0f, nullptr),
+              -4);
     EXPECT_EQ(f, 2.0f);
     EXPECT_EQ(img, std::vector<uint16_t>(4, 5));
 }

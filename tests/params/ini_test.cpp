@@ -47,7 +47,8 @@ INSTANTIATE_TEST_SUITE_P(
         WriteCase{"NoFile", nullptr, "S", "k", "v", "[S]\nk=v\n"},
         WriteCase{"ValueIsNotFormatted", "", "S", "k", "5%d%%", "[S]\nk=5%d%%\n"},
         // A new section follows a line feed; a new key becomes the first line of its section.
-        WriteCase{"NewSectionAfterALineFeed", "[A]\na=1\n", "B", "b", "2", "[A]\na=1\n\n[B]\nb=2\n"},
+        WriteCase{"NewSectionAfterALineFeed", "[A]\na=1\n", "B", "b", "2",
+                  "[A]\na=1\n\n[B]\nb=2\n"},
         WriteCase{"NewKeyFirstBehindBlankLines", "[S]\n\n\nk=v\n[T]\n", "S", "j", "w",
                   "[S]\n\n\nj=w\nk=v\n[T]\n"},
         WriteCase{"NewKeyInAnEmptySection", "[S]\n[T]\nt=1\n", "S", "k", "v",
@@ -82,8 +83,7 @@ TEST(IniWrite, NumericWritersFormatTheirValues) {
     EXPECT_EQ(WriteInt_INI("S", "i", -42, file.path()), 1);
     EXPECT_EQ(WriteFloat_INI("S", "big", FLT_MAX, file.path()), 1);
     EXPECT_EQ(WriteNULL_INI("S", "n", file.path()), 1);
-    EXPECT_EQ(file.read(),
-              "[S]\nn=\nbig=340282346638528859811704183484516925440.000000\ni=-42\n");
+    EXPECT_EQ(file.read(), "[S]\nn=\nbig=340282346638528859811704183484516925440.000000\ni=-42\n");
 }
 
 TEST(IniRead, FindsValuesByTheTextModel) {
@@ -91,7 +91,9 @@ TEST(IniRead, FindsValuesByTheTextModel) {
     file.write(
         "x=[S]\n[S]   \n\n  first=a\n;c=comment\n#x=hash\nkey = spaced value \nk2=a=b\n"
         "[T]\nt=1\ru=cr\r\n[Sec]\nsec=1\n");
-    const struct { const char *section, *key, *expected; } cases[] = {
+    const struct {
+        const char *section, *key, *expected;
+    } cases[] = {
         {"S", "first", "a"},              // white space after the header is skipped
         {"S", ";c", "<0>"},               // comments never match
         {"S", "#x", "hash"},              // "#" is an ordinary character
@@ -112,10 +114,15 @@ TEST(IniRead, CutsLongValuesAndCopiesDefaultsBounded) {
     ScratchFile file;
     file.write("[S]\nk=abcdef\n");
     // Cases: key, buffer size, default, result, the first 7 bytes of the buffer afterwards.
-    const struct { const char* key; int size; const char* fallback; int result; const char* bytes; }
-        cases[] = {
-        {"k", 4, nullptr, 1, "abc\0???"},   // cut to size - 1 and terminated
-        {"none", 4, "wxyz", 0, "wxyz???"},  // a default as long as the buffer: no terminator
+    const struct {
+        const char* key;
+        int size;
+        const char* fallback;
+        int result;
+        const char* bytes;
+    } cases[] = {
+        {"k", 4, nullptr, 1, "abc\0???"},    // cut to size - 1 and terminated
+        {"none", 4, "wxyz", 0, "wxyz???"},   // a default as long as the buffer: no terminator
         {"none", 7, nullptr, 0, "???????"},  // no default: the buffer is left alone
     };
     for (const auto& c : cases) {

@@ -40,7 +40,7 @@ TEST(ParamBase, CopyFilePathOwnsACopyAndReportsItsCases) {
     char* const own = r.filePath;
     EXPECT_EQ(r.CopyFilePath(r.filePath, own), 1);
     EXPECT_EQ(r.filePath, own);
-    EXPECT_EQ(r.CopyFilePath(r.filePath, own + 6), 1);  // a source inside the own text
+    EXPECT_EQ(r.CopyFilePath(r.filePath, own + 6), 1);   // a source inside the own text
     EXPECT_EQ(r.CopyFilePath(r.filePath, nullptr), -1);  // the own path is kept
     EXPECT_STREQ(r.filePath, "ini");
 }
@@ -57,8 +57,7 @@ TEST(ParamBase, MapsKeepOneKeyPerFieldAndClearedOrOrphanedBindingsDoNothing) {
     file.write("[M]\nold_a=5\na=7\nx=3.5\nb=8\n");
     copy.getData("M", file.path());
     copy.getData_byVec("M", file.path());
-    EXPECT_EQ(Values(source->a, source->b, source->x, copy.a, copy.b),
-              Values(7, 8, 3.5f, 1, 2));
+    EXPECT_EQ(Values(source->a, source->b, source->x, copy.a, copy.b), Values(7, 8, 3.5f, 1, 2));
     source->saveData("N", file.path());
     EXPECT_EQ(file.read(), "[M]\nold_a=5\na=7\nx=3.5\nb=8\n\n[N]\nx=3.500000\na=7\n");
 

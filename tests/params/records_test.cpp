@@ -76,7 +76,8 @@ TEST(Records, ClaheParamSavesButNeverReads) {
               Values(8, 8, 256, 600, 0.5f, 65535));
     c.widthBlockNum = 2;
     c.saveParam();
-    EXPECT_EQ(file.read(), "[claheParam]\nwidthBlockNum=2\nheightBlockNum=8\nhistBin=256\npeak=600\n");
+    EXPECT_EQ(file.read(),
+              "[claheParam]\nwidthBlockNum=2\nheightBlockNum=8\nhistBin=256\npeak=600\n");
 }
 
 TEST(Records, StruClaheParamLoadsChainKeysAndSavesFieldKeys) {
@@ -147,20 +148,18 @@ TEST(Records, CopiesActOnTheSourceAndAssignmentCopiesValuesAndPath) {
     ExpectAssignmentCopies<claheParam>(&claheParam::widthBlockNum, &claheParam::heightBlockNum,
                                        &claheParam::histBin, &claheParam::peak,
                                        &claheParam::binScale, &claheParam::outMax);
-    ExpectAssignmentCopies<struClaheParam>(&struClaheParam::widthBlockNum,
-                                           &struClaheParam::heightBlockNum, &struClaheParam::histBin,
-                                           &struClaheParam::peak, &struClaheParam::binScale,
-                                           &struClaheParam::outMax);
+    ExpectAssignmentCopies<struClaheParam>(
+        &struClaheParam::widthBlockNum, &struClaheParam::heightBlockNum, &struClaheParam::histBin,
+        &struClaheParam::peak, &struClaheParam::binScale, &struClaheParam::outMax);
     ExpectAssignmentCopies<clipParam>(&clipParam::up, &clipParam::down, &clipParam::left,
                                       &clipParam::right);
-    ExpectAssignmentCopies<struAceGammaParam>(&struAceGammaParam::param1, &struAceGammaParam::param2,
-                                              &struAceGammaParam::param3, &struAceGammaParam::param4,
-                                              &struAceGammaParam::param5, &struAceGammaParam::param6);
-    ExpectAssignmentCopies<struBilatralParam>(&struBilatralParam::k_w, &struBilatralParam::k_h,
-                                              &struBilatralParam::sigColor_x,
-                                              &struBilatralParam::sigColor_y,
-                                              &struBilatralParam::sigSpace_x,
-                                              &struBilatralParam::sigSpace_y);
+    ExpectAssignmentCopies<struAceGammaParam>(
+        &struAceGammaParam::param1, &struAceGammaParam::param2, &struAceGammaParam::param3,
+        &struAceGammaParam::param4, &struAceGammaParam::param5, &struAceGammaParam::param6);
+    ExpectAssignmentCopies<struBilatralParam>(
+        &struBilatralParam::k_w, &struBilatralParam::k_h, &struBilatralParam::sigColor_x,
+        &struBilatralParam::sigColor_y, &struBilatralParam::sigSpace_x,
+        &struBilatralParam::sigSpace_y);
     ExpectAssignmentCopies<struFastNLMParam>(&struFastNLMParam::rd, &struFastNLMParam::rD,
                                              &struFastNLMParam::h);
     ExpectAssignmentCopies<struUSMParam>(&struUSMParam::r, &struUSMParam::isNeedNorm,

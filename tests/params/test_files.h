@@ -24,7 +24,8 @@ class ScratchFile {
 public:
     explicit ScratchFile(const char* tag = "") {
         const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-        name_ = std::string("params_") + info->test_suite_name() + "_" + info->name() + tag + ".ini";
+        name_ =
+            std::string("params_") + info->test_suite_name() + "_" + info->name() + tag + ".ini";
         // Parameterised cases are named Prefix/Suite.Name/Case: no folders, one flat name.
         std::replace(name_.begin(), name_.end(), '/', '_');
         std::remove(name_.c_str());

@@ -18,7 +18,8 @@ namespace fs = std::filesystem;
 struct TempTree {
     const std::string root =
         (fs::temp_directory_path() /
-         ("veltrano_dir_" + std::to_string(std::chrono::steady_clock::now().time_since_epoch().count())))
+         ("veltrano_dir_" +
+          std::to_string(std::chrono::steady_clock::now().time_since_epoch().count())))
             .generic_string();
 
     explicit TempTree(std::initializer_list<const char*> files) {
@@ -44,8 +45,8 @@ TEST(Directory, ListsTheFilesOfAllSubFoldersAndNothingForAnythingElse) {
     const TempTree tree({"top.gn", "a/first.dft", "a/deeper/third.gn", "b/fourth", ".hidden"});
     const std::string& r = tree.root;
     EXPECT_EQ(tree.sortedListing(""),
-              (std::vector<std::string>{r + "/.hidden", r + "/a/deeper/third.gn", r + "/a/first.dft",
-                                        r + "/b/fourth", r + "/top.gn"}));
+              (std::vector<std::string>{r + "/.hidden", r + "/a/deeper/third.gn",
+                                        r + "/a/first.dft", r + "/b/fourth", r + "/top.gn"}));
     for (const char* notAFolder : {"/missing", "/top.gn", "/empty"}) {
         EXPECT_TRUE(ListFilesRecursive(r + notAFolder).empty()) << notAFolder;
     }
@@ -55,7 +56,8 @@ TEST(Directory, ListsTheFilesOfAllSubFoldersAndNothingForAnythingElse) {
     fs::create_symlink(r + "/top.gn", r + "/b/link.gn");
     fs::create_directory_symlink(r, r + "/b/loop");
     fs::create_symlink(r + "/nowhere", r + "/b/dangling");
-    EXPECT_EQ(tree.sortedListing("/b"), (std::vector<std::string>{r + "/b/fourth", r + "/b/link.gn"}));
+    EXPECT_EQ(tree.sortedListing("/b"),
+              (std::vector<std::string>{r + "/b/fourth", r + "/b/link.gn"}));
 #endif
 }
 

@@ -20,10 +20,14 @@ namespace fs = std::filesystem;
 
 // A fresh folder below the temporary folder, removed at the end.
 struct Scratch {
-    const fs::path root = fs::temp_directory_path() /
-                          ("veltrano_kind_" +
-                           std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()));
-    Scratch() { fs::create_directories(root / "folder"); std::ofstream(root / "file") << "x"; }
+    const fs::path root =
+        fs::temp_directory_path() /
+        ("veltrano_kind_" +
+         std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()));
+    Scratch() {
+        fs::create_directories(root / "folder");
+        std::ofstream(root / "file") << "x";
+    }
     ~Scratch() {
         std::error_code ignored;
         fs::remove_all(root, ignored);

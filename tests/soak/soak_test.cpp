@@ -78,7 +78,9 @@ int CountEntries(const char* folder) {
     std::error_code ec;
     if (!fs::is_directory(folder, ec)) return -1;
     int n = 0;
-    for (auto it = fs::directory_iterator(folder, ec); !ec && it != fs::directory_iterator(); it.increment(ec)) ++n;
+    for (auto it = fs::directory_iterator(folder, ec); !ec && it != fs::directory_iterator();
+         it.increment(ec))
+        ++n;
     return n;
 }
 
@@ -146,7 +148,8 @@ private:
 };
 
 int64_t NowMs() {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now().time_since_epoch()).count();
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now().time_since_epoch())
+        .count();
 }
 
 struct Tally {
@@ -175,9 +178,10 @@ void Work(int id, int acquisitions, Station& station, Tally& tally, uint32_t see
     std::mt19937 random(seed);
     auto configure = [&](const Fault& fault) {
         std::ofstream(dir / "VirtualSensor.ini")
-            << "[VirtualSensor]\nSensorSize = " << sensorSize << "\nScene = flat\nDose = "
-            << (id == 0 ? 20000 : 12000) << "\nSeed = " << (seed % 1000) << "\nExposureMs = "
-            << (10 + random() % 40) << "\n" << fault.ini << "\n";
+            << "[VirtualSensor]\nSensorSize = " << sensorSize
+            << "\nScene = flat\nDose = " << (id == 0 ? 20000 : 12000)
+            << "\nSeed = " << (seed % 1000) << "\nExposureMs = " << (10 + random() % 40) << "\n"
+            << fault.ini << "\n";
     };
     configure(kFaults[0]);
     ASSERT_EQ(WriteCalibration(dir.string(), id == 0 ? 1 : 4), 0);
@@ -194,7 +198,8 @@ void Work(int id, int acquisitions, Station& station, Tally& tally, uint32_t see
             // calibration files, or none at all.
             const unsigned change = random() % 10;
             if (change < 3) {
-                fault = change < 2 ? &kFaults[0] : &kFaults[random() % (sizeof kFaults / sizeof kFaults[0])];
+                fault = change < 2 ? &kFaults[0]
+                                   : &kFaults[random() % (sizeof kFaults / sizeof kFaults[0])];
                 configure(*fault);
                 detector.Disconnect();
                 detector.Deinit();
@@ -250,16 +255,19 @@ void Work(int id, int acquisitions, Station& station, Tally& tally, uint32_t see
             }
             tally.count(outcome);
             if (delivered != (endSign == 1)) {
-                tally.fail("end sign " + std::to_string(endSign) + (delivered ? " with" : " without") + " an image");
+                tally.fail("end sign " + std::to_string(endSign) +
+                           (delivered ? " with" : " without") + " an image");
             }
             if (delivered && progress != 11) {
                 tally.fail("progress " + std::to_string(progress) + " after a delivered image");
             }
             if (delivered) {
-                const double variation = image.width == width && image.height == height ? Variation(image, cut) : 1.0;
+                const double variation =
+                    image.width == width && image.height == height ? Variation(image, cut) : 1.0;
                 if (variation >= 0.02) {
-                    tally.fail("detector " + std::to_string(id) + ": image " + std::to_string(image.width) + " x " +
-                               std::to_string(image.height) + " with a variation of " + std::to_string(variation));
+                    tally.fail("detector " + std::to_string(id) + ": image " +
+                               std::to_string(image.width) + " x " + std::to_string(image.height) +
+                               " with a variation of " + std::to_string(variation));
                 }
             }
             if (!gainPresent && random() % 2 == 0) {
@@ -277,9 +285,9 @@ void Work(int id, int acquisitions, Station& station, Tally& tally, uint32_t see
 TEST(Soak, TwoDetectorsThroughFaultsStopsAndNewCalibrationGiveTheirDescribedCodes) {
     const int threadsBefore = CountEntries("/proc/self/task");
     const int filesBefore = CountEntries("/proc/self/fd");
-    // A hanging connect would cost 10 s and a hanging command several seconds; the cap keeps the run to
-    // minutes. It leaves room for a busy machine: the virtual sensor completes a command after
-    // 10 ms, but only once it has finished the frame of an exposure that a stop cut short.
+    // A hanging connect would cost 10 s and a hanging command several seconds; the cap keeps the
+    // run to minutes. It leaves room for a busy machine: the virtual sensor completes a command
+    // after 10 ms, but only once it has finished the frame of an exposure that a stop cut short.
     veltrano::detail::SetCommandTimeoutCapForTesting(1500);
     QuietStdout quiet;  // the library's console lines, some hundred thousand of them
     const int total = Acquisitions();

@@ -60,7 +60,7 @@ std::vector<BlockOutcome> Outcomes(const studio::ChainReport& report) {
 TEST(ChainReport, StepsThatRunGiveTheSamePictureAsTheFileItself) {
     const std::string file =
         "[Smooth_Med]\nradius=1;\nend\n"
-        "[CLAHE]\npeak=200;\nbins=256;\nrows=2;\nend\n"           // one line short: skipped
+        "[CLAHE]\npeak=200;\nbins=256;\nrows=2;\nend\n"  // one line short: skipped
         "[BC]\nbrightness= 12 ;\ncontrast=0.25e1;\nend\n"
         "[WLN]\nlow=7.9;\nhigh=60000;\nout low=0;\nout high=65535;\nend\n"
         "[Clahe]\npeak=200;\nbins=256;\nrows=2;\ncols=2;\nend\n"  // wrong case: the chain stops
@@ -144,8 +144,8 @@ TEST(ChainForm, ValidationNamesTheStepAndParameter) {
         EXPECT_NE(error.find(c.mentions), std::string::npos) << error;
     }
     std::string error;
-    EXPECT_TRUE(studio::ValidateSteps({{"CLAHE", {200, 256, 30, 40}}, {"Inverse", {}}}, kW, kH,
-                                      error))
+    EXPECT_TRUE(
+        studio::ValidateSteps({{"CLAHE", {200, 256, 30, 40}}, {"Inverse", {}}}, kW, kH, error))
         << error;
 }
 

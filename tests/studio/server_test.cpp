@@ -110,10 +110,10 @@ protected:
 TEST_F(StudioServerTest, AnswersOnlyRequestsForThePrintedAddress) {
     const auto before = Disk();
     const std::string port = std::to_string(server_->Port());
-    const std::string save =
-        json{{"name", "start.chain"}, {"steps", json::array()}}.dump();
-    for (const std::string& host : std::vector<std::string>{"evil.example", "evil.example:" + port, "localhost:" + port,
-                                   "127.0.0.1", "127.0.0.1:1" + port, "[::1]:" + port}) {
+    const std::string save = json{{"name", "start.chain"}, {"steps", json::array()}}.dump();
+    for (const std::string& host :
+         std::vector<std::string>{"evil.example", "evil.example:" + port, "localhost:" + port,
+                                  "127.0.0.1", "127.0.0.1:1" + port, "[::1]:" + port}) {
         SCOPED_TRACE(host);
         const httplib::Headers headers{{"Host", host}};
         const auto state = client_->Get("/api/state", headers);
@@ -127,8 +127,7 @@ TEST_F(StudioServerTest, AnswersOnlyRequestsForThePrintedAddress) {
     EXPECT_EQ(Disk(), before);
     // Our own page, and a client that names no origin, are served.
     EXPECT_EQ(client_->Get("/api/state")->status, 200);
-    const auto page =
-        client_->Get("/", httplib::Headers{{"Origin", "http://127.0.0.1:" + port}});
+    const auto page = client_->Get("/", httplib::Headers{{"Origin", "http://127.0.0.1:" + port}});
     ASSERT_TRUE(page);
     EXPECT_EQ(page->status, 200);
     EXPECT_NE(page->body.find("<script src=\"/studio.js\">"), std::string::npos);
@@ -138,9 +137,10 @@ TEST_F(StudioServerTest, AnswersOnlyRequestsForThePrintedAddress) {
 TEST_F(StudioServerTest, ReadsAndWritesOnlyChainFilesInTheChainsFolder) {
     const auto before = Disk();
     const json steps = Steps();
-    for (const std::string& name : std::vector<std::string>{"../secret.chain", (root_ / "secret.chain").string(), "sub/inner.chain",
-          "..\\secret.chain", ".hidden.chain", "notes.txt", "start.chain/", "", ".chain",
-          std::string("a\nb.chain"), std::string(200, 'x') + ".chain"}) {
+    for (const std::string& name : std::vector<std::string>{
+             "../secret.chain", (root_ / "secret.chain").string(), "sub/inner.chain",
+             "..\\secret.chain", ".hidden.chain", "notes.txt", "start.chain/", "", ".chain",
+             std::string("a\nb.chain"), std::string(200, 'x') + ".chain"}) {
         SCOPED_TRACE(name);
         const auto load = Post("/api/chain/load", json{{"name", name}}.dump());
         ASSERT_TRUE(load);
@@ -160,8 +160,7 @@ TEST_F(StudioServerTest, ReadsAndWritesOnlyChainFilesInTheChainsFolder) {
 TEST_F(StudioServerTest, OversizedBodiesAreRefusedBeforeTheyAreRead) {
     const auto before = Disk();
     const std::string note(studio::kMaxRequestBytes, 'n');
-    const std::string body =
-        json{{"name", "big.chain"}, {"steps", Steps()}, {"note", note}}.dump();
+    const std::string body = json{{"name", "big.chain"}, {"steps", Steps()}, {"note", note}}.dump();
     const auto save = Post("/api/chain/save", body);
     ASSERT_TRUE(save);
     EXPECT_EQ(save->status, 413);
@@ -176,7 +175,8 @@ TEST_F(StudioServerTest, OversizedBodiesAreRefusedBeforeTheyAreRead) {
 TEST_F(StudioServerTest, MalformedRequestsAreRefusedWithAReasonAndChangeNothing) {
     const auto before = Disk();
     auto step = [](const json& name, const json& values) {
-        return json{{"name", "start.chain"}, {"steps", json::array({{{"name", name}, {"values", values}}})}}
+        return json{{"name", "start.chain"},
+                    {"steps", json::array({{{"name", name}, {"values", values}}})}}
             .dump();
     };
     const std::string bodies[] = {
@@ -223,7 +223,7 @@ TEST_F(StudioServerTest, TheShownResultIsWhatTheSavedFileGivesInOneCall) {
     json steps = Steps();
     for (int round = 0; round < 3; ++round) {
         SCOPED_TRACE(round);
-        if (round == 1) steps[1]["values"][0] = 60;     // the clip limit: steps 2 and 3 again
+        if (round == 1) steps[1]["values"][0] = 60;  // the clip limit: steps 2 and 3 again
         if (round == 2) steps.push_back({{"name", "BC"}, {"values", {-500, 1.25}}});
         const auto processed = Post("/api/process", json{{"steps", steps}}.dump());
         ASSERT_TRUE(processed);
@@ -240,8 +240,9 @@ TEST_F(StudioServerTest, TheShownResultIsWhatTheSavedFileGivesInOneCall) {
             EXPECT_FALSE(result["times"][3]["reused"].get<bool>());
         }
         const std::string last = std::to_string(steps.size() - 1);
-        const auto image = client_->Get(("/api/image?step=" + last + "&run=" +
-                                         std::to_string(result["run"].get<uint64_t>())).c_str());
+        const auto image = client_->Get(
+            ("/api/image?step=" + last + "&run=" + std::to_string(result["run"].get<uint64_t>()))
+                .c_str());
         ASSERT_TRUE(image);
         ASSERT_EQ(image->status, 200);
         ASSERT_EQ(image->body.size(), kW * kH * 2);
@@ -275,10 +276,9 @@ TEST_F(StudioServerTest, LoadingReportsTheFileAndSavingKeepsItsNoteWithoutLeavin
     ASSERT_EQ(report["steps"].size(), 3u);
     EXPECT_EQ(report["steps"][2]["values"][1], 0.04);
 
-    const auto saved = Post("/api/chain/save", json{{"name", "start.chain"},
-                                                    {"steps", report["steps"]},
-                                                    {"note", report["note"]}}
-                                                   .dump());
+    const auto saved = Post(
+        "/api/chain/save",
+        json{{"name", "start.chain"}, {"steps", report["steps"]}, {"note", report["note"]}}.dump());
     ASSERT_EQ(saved->status, 200) << saved->body;
     // The labels are the form's, the values and the note the file's.
     EXPECT_EQ(ReadFile(root_ / "chains" / "start.chain"),

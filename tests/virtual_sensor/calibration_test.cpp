@@ -18,7 +18,8 @@ TEST_F(VirtualSensorCalibration, FlatExposureIsFlatAfterTheSystemsCorrection) {
     const size_t pixels = static_cast<size_t>(columns) * rows;
     WorkDir dir("[VirtualSensor]\nScene=flat\nExposureMs=0\nSeed=11\n");
     ASSERT_EQ(D().writeCalibration(dir.str().c_str(), 1), 0);
-    const std::vector<uint8_t> gain = dir.file("VirtualSensor.gn"), defects = dir.file("VirtualSensor.dft");
+    const std::vector<uint8_t> gain = dir.file("VirtualSensor.gn"),
+                               defects = dir.file("VirtualSensor.dft");
     ASSERT_EQ(gain.size(), 1040 + 2 * pixels);
     ASSERT_EQ(defects.size(), 1040 + pixels);
     const std::vector<uint8_t> map(defects.begin() + 1040, defects.end());
@@ -27,7 +28,8 @@ TEST_F(VirtualSensorCalibration, FlatExposureIsFlatAfterTheSystemsCorrection) {
     ASSERT_TRUE(image.pixels.size() == pixels && next.pixels.size() == pixels);
     const double before = ActiveCv(image.pixels, columns, cut, map);
     EXPECT_TRUE(before > 0.05 && before < 0.12) << before;
-    const std::vector<float> corrected = CorrectAsTheSystemDoes(image.pixels, gain, defects, columns);
+    const std::vector<float> corrected =
+        CorrectAsTheSystemDoes(image.pixels, gain, defects, columns);
     EXPECT_LT(ActiveCv(corrected, columns, cut), 0.02);
 
     // The next frame: the same fixed pattern under fresh noise of about 1 % of 20000. Every
@@ -53,8 +55,10 @@ TEST_F(VirtualSensorCalibration, FlatExposureIsFlatAfterTheSystemsCorrection) {
         repaired += map[i] && std::fabs(corrected[i] - level) < 0.05 * level;
     }
     EXPECT_EQ(cornerLit + cornerMarks, 0u);
-    EXPECT_TRUE(marked > static_cast<size_t>(rows) && marked < pixels / 100) << marked;  // a column and more
-    EXPECT_TRUE(clearlyWrong == marked && repaired == marked) << clearlyWrong << " " << repaired << " of " << marked;
+    EXPECT_TRUE(marked > static_cast<size_t>(rows) && marked < pixels / 100)
+        << marked;  // a column and more
+    EXPECT_TRUE(clearlyWrong == marked && repaired == marked)
+        << clearlyWrong << " " << repaired << " of " << marked;
 }
 
 // Four flats of rising dose, each with its level (the bright mean of an exposure of its dose,
@@ -75,7 +79,8 @@ TEST_F(VirtualSensorCalibration, WritesFourFlatsOnRequestAndRefusesWhatItCannotW
     EXPECT_EQ(dir.file("VirtualSensor.dft").size(), 1040 + pixels);
     for (size_t f = 0, previous = 0; f < 4; ++f) {
         const uint8_t* frame = gain.data() + 1040 + 2 * pixels * f;
-        const size_t level = frame[0] | frame[1] << 8, centre = frame[pixels] | frame[pixels + 1] << 8;
+        const size_t level = frame[0] | frame[1] << 8,
+                     centre = frame[pixels] | frame[pixels + 1] << 8;
         EXPECT_TRUE(level > 1.05 * centre && level < 1.3 * centre) << level << " " << centre;
         EXPECT_GT(centre, 1.4 * previous) << f;
         previous = centre;
@@ -95,7 +100,8 @@ TEST_F(VirtualSensorCalibration, AFrameBeyondTheMemoryLeftFailsWithoutEndingTheH
         const rlimit limit{bytes, bytes};
         setrlimit(RLIMIT_AS, &limit);
         Sensor sensor(dir);
-        const bool failed = sensor.invoke(1002) == 1 && WaitFor(sensor.handle, fpdsys::kEvtCommandFailed, 1, 20s) &&
+        const bool failed = sensor.invoke(1002) == 1 &&
+                            WaitFor(sensor.handle, fpdsys::kEvtCommandFailed, 1, 20s) &&
                             Events(sensor.handle).back().param2 == 11;
         _exit(failed && D().writeCalibration(dir.str().c_str(), 1) == 5 ? 0 : 1);
     }

@@ -30,7 +30,9 @@ struct Driver {
     veltrano::platform::DynamicLibrary library;
     bool opened = library.open("FpdSys");
     template <typename F>
-    F get(const char* name) { return reinterpret_cast<F>(library.symbol(name)); }
+    F get(const char* name) {
+        return reinterpret_cast<F>(library.symbol(name));
+    }
     fpdsys::CreateFn create = get<fpdsys::CreateFn>("Create");
     fpdsys::DestroyFn destroy = get<fpdsys::DestroyFn>("Destroy");
     fpdsys::GetAttrFn getAttr = get<fpdsys::GetAttrFn>("GetAttr");
@@ -38,7 +40,8 @@ struct Driver {
     fpdsys::InvokeFn invoke = get<fpdsys::InvokeFn>("Invoke");
     fpdsys::AbortFn abort = get<fpdsys::AbortFn>("Abort");
     fpdsys::GetErrInfoFn getErrInfo = get<fpdsys::GetErrInfoFn>("GetErrInfo");
-    int (*writeCalibration)(const char*, int) = get<int (*)(const char*, int)>("VirtualSensor_WriteCalibration");
+    int (*writeCalibration)(const char*,
+                            int) = get<int (*)(const char*, int)>("VirtualSensor_WriteCalibration");
 
     // An attribute read that must succeed with the given value type.
     fpdsys::Value attr(int instance, int attribute, int type) {
@@ -72,7 +75,8 @@ protected:
     void SetUp() override {
         Driver& d = D();
         ASSERT_TRUE(d.create && d.destroy && d.getAttr && d.setAttr && d.invoke && d.abort &&
-                    d.getErrInfo && d.writeCalibration) << "cannot load FpdSys";
+                    d.getErrInfo && d.writeCalibration)
+            << "cannot load FpdSys";
     }
 };
 
@@ -90,10 +94,20 @@ inline std::condition_variable logChanged;
 inline std::vector<Event> logged;
 
 // The callback handed to Create: records every event of every instance.
-inline int RecordEvent(int detector, int event, int, const char*, int param1, int param2, int, void* data) {
-    const auto* image = event == fpdsys::kEvtImage ? static_cast<const fpdsys::ImageRecord*>(data) : nullptr;
-    Event e{detector, event, param1, param2, std::this_thread::get_id(), std::chrono::steady_clock::now(),
-            image != nullptr, image ? image->columns : 0, image ? image->rows : 0, {}};
+inline int RecordEvent(int detector, int event, int, const char*, int param1, int param2, int,
+                       void* data) {
+    const auto* image =
+        event == fpdsys::kEvtImage ? static_cast<const fpdsys::ImageRecord*>(data) : nullptr;
+    Event e{detector,
+            event,
+            param1,
+            param2,
+            std::this_thread::get_id(),
+            std::chrono::steady_clock::now(),
+            image != nullptr,
+            image ? image->columns : 0,
+            image ? image->rows : 0,
+            {}};
     if (image != nullptr) {
         e.pixels.assign(image->pixels, image->pixels + static_cast<size_t>(e.columns) * e.rows);
     }
@@ -132,8 +146,9 @@ public:
     explicit WorkDir(const std::string& ini = "") {
         static std::atomic<int> counter{0};
         path_ = std::filesystem::temp_directory_path() /
-                ("vstest-" + std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()) +
-                 "-" + std::to_string(counter++));
+                ("vstest-" +
+                 std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()) + "-" +
+                 std::to_string(counter++));
         std::filesystem::create_directories(path_);
         std::ofstream(path_ / "VirtualSensor.ini", std::ios::binary) << ini;
     }
@@ -144,7 +159,8 @@ public:
     const std::string& str() const { return text_ = path_.string(); }
     std::vector<uint8_t> file(const char* name) const {  // below Correct/Default
         std::ifstream in(path_ / "Correct" / "Default" / name, std::ios::binary);
-        return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+        return std::vector<uint8_t>(std::istreambuf_iterator<char>(in),
+                                    std::istreambuf_iterator<char>());
     }
 
 private:
@@ -155,7 +171,8 @@ private:
 // A sensor instance on the recording callback, destroyed at the end of the scope.
 class Sensor {
 public:
-    explicit Sensor(const WorkDir& dir) : created(D().create(dir.str().c_str(), &RecordEvent, &handle)) {}
+    explicit Sensor(const WorkDir& dir)
+        : created(D().create(dir.str().c_str(), &RecordEvent, &handle)) {}
     ~Sensor() { D().destroy(handle); }
     int invoke(int command) { return D().invoke(handle, command, nullptr, 0); }
     // Arms an exposure and returns its image event; fails the test when none comes.
@@ -177,7 +194,8 @@ inline bool InCutCorner(size_t index, int columns, int cut) {
 
 // Coefficient of variation over the pixels outside the cut corners and the flagged ones.
 template <typename T>
-double ActiveCv(const std::vector<T>& values, int columns, int cut, const std::vector<uint8_t>& skip = {}) {
+double ActiveCv(const std::vector<T>& values, int columns, int cut,
+                const std::vector<uint8_t>& skip = {}) {
     double sum = 0.0, squares = 0.0, n = 0.0;
     for (size_t i = 0; i < values.size(); ++i) {
         if (!InCutCorner(i, columns, cut) && (skip.empty() || !skip[i])) {
@@ -191,7 +209,8 @@ double ActiveCv(const std::vector<T>& values, int columns, int cut, const std::v
 
 // What the detector does to a frame with a one-frame gain file: gain = mean / max(flat, 0.001)
 // with the mean over the whole flat, multiplied in, then ImgFix with the defect file.
-inline std::vector<float> CorrectAsTheSystemDoes(const std::vector<uint16_t>& raw, const std::vector<uint8_t>& gain,
+inline std::vector<float> CorrectAsTheSystemDoes(const std::vector<uint16_t>& raw,
+                                                 const std::vector<uint8_t>& gain,
                                                  const std::vector<uint8_t>& defects, int columns) {
     const size_t count = raw.size();  // the files' sizes checked by the caller
     std::vector<float> flat(count), image(count), map(defects.begin() + 1040, defects.end());

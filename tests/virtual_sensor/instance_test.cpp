@@ -18,8 +18,9 @@ TEST_F(VirtualSensor, CommandsCompleteThroughEvent4OnTheSensorsOwnThread) {
     number.intValue = 0x20000;
     path.type = fpdsys::kString;
     std::strcpy(path.text, "firmware.bin");
-    const std::pair<int, fpdsys::Param*> cases[] = {{2, nullptr}, {3, nullptr}, {6, &number}, {2031, nullptr},
-                                                    {8, nullptr}, {2001, nullptr}, {2008, &path}};
+    const std::pair<int, fpdsys::Param*> cases[] = {{2, nullptr},    {3, nullptr}, {6, &number},
+                                                    {2031, nullptr}, {8, nullptr}, {2001, nullptr},
+                                                    {2008, &path}};
     size_t done = 0;
     for (const auto& c : cases) {
         EXPECT_EQ(D().invoke(sensor.handle, c.first, c.second, c.second ? 1 : 0), 1) << c.first;
@@ -28,7 +29,8 @@ TEST_F(VirtualSensor, CommandsCompleteThroughEvent4OnTheSensorsOwnThread) {
         EXPECT_TRUE(last.param1 == c.first && last.thread != std::this_thread::get_id()) << c.first;
     }
     // Refused at once, without a callback.
-    EXPECT_TRUE(D().invoke(sensor.handle, 999, nullptr, 0) != 1 && D().invoke(sensor.handle, 2, nullptr, 1) != 1);
+    EXPECT_TRUE(D().invoke(sensor.handle, 999, nullptr, 0) != 1 &&
+                D().invoke(sensor.handle, 2, nullptr, 1) != 1);
     EXPECT_NE(D().invoke(sensor.handle, 2008, &number, 1), 1);  // the path is not a string
     EXPECT_NE(D().invoke(sensor.handle + 1000, 2, nullptr, 0), 1);
     std::this_thread::sleep_for(50ms);
@@ -75,8 +77,9 @@ TEST_F(VirtualSensor, AttributesReportTheSensorAndReadBackWhatWasWritten) {
 }
 
 TEST_F(VirtualSensor, EachFaultKeyShowsAsConfigured) {
-    WorkDir dir("[VirtualSensor]\nWidth=64\nHeight=48\nExposureMs=30\n"
-                "FailCommand=6:17, 1002:19\nRejectCommand=2031:33\nHangCommand=2\nFailSetAttr=2510:44\n");
+    WorkDir dir(
+        "[VirtualSensor]\nWidth=64\nHeight=48\nExposureMs=30\n"
+        "FailCommand=6:17, 1002:19\nRejectCommand=2031:33\nHangCommand=2\nFailSetAttr=2510:44\n");
     WorkDir none("[VirtualSensor]\nWidth=64\nHeight=48\nExposureMs=20\nNoImage=1\n");
     WorkDir null("[VirtualSensor]\nWidth=64\nHeight=48\nExposureMs=20\nNullImage=1\n");
     Sensor sensor(dir), withoutImage(none), withNullImage(null);
@@ -87,7 +90,7 @@ TEST_F(VirtualSensor, EachFaultKeyShowsAsConfigured) {
     ASSERT_TRUE(WaitFor(h, fpdsys::kEvtCommandFailed, 1));
     EXPECT_EQ(sensor.invoke(1002), 1);
     ASSERT_TRUE(WaitFor(h, fpdsys::kEvtCommandFailed, 2));
-    EXPECT_EQ(sensor.invoke(3), 1);      // an unaffected command still completes
+    EXPECT_EQ(sensor.invoke(3), 1);  // an unaffected command still completes
     ASSERT_TRUE(WaitFor(h, fpdsys::kEvtCommandDone, 1));
     EXPECT_EQ(withoutImage.invoke(1002), 1);
     EXPECT_EQ(withNullImage.invoke(1002), 1);
@@ -99,7 +102,8 @@ TEST_F(VirtualSensor, EachFaultKeyShowsAsConfigured) {
     const int expected[3][3] = {{5, 6, 17}, {5, 1002, 19}, {4, 3, 0}};
     for (int i = 0; i < 3; ++i) {
         EXPECT_TRUE(events[i].event == expected[i][0] && events[i].param1 == expected[i][1] &&
-                    events[i].param2 == expected[i][2]) << i;
+                    events[i].param2 == expected[i][2])
+            << i;
     }
     EXPECT_EQ(D().setInt(h, 2510, 5), 44);
     EXPECT_EQ(D().attr(h, 2510, fpdsys::kInt).intValue, 0);
@@ -111,7 +115,8 @@ TEST_F(VirtualSensor, TwoInstancesKeepTheirOwnStateAndAnExposureSendsStatusThenI
     Sensor first(dir), second(dir);
     ASSERT_TRUE(first.created == 0 && second.created == 0);
     EXPECT_NE(first.handle, second.handle);
-    EXPECT_TRUE(D().setInt(first.handle, 2510, 11) == 0 && D().setInt(second.handle, 2510, 22) == 0);
+    EXPECT_TRUE(D().setInt(first.handle, 2510, 11) == 0 &&
+                D().setInt(second.handle, 2510, 22) == 0);
     EXPECT_EQ(D().attr(first.handle, 2510, fpdsys::kInt).intValue, 11);
     EXPECT_EQ(D().attr(second.handle, 2510, fpdsys::kInt).intValue, 22);
     const auto armed = std::chrono::steady_clock::now();

@@ -25,10 +25,10 @@ TEST_F(VirtualSensorIni, IsReadLikeAnIniFileAndDefaultsWithoutOne) {
 
 TEST_F(VirtualSensorIni, AValueThatCannotBeMeantFailsCreateAndNamesTheKey) {
     for (const char* line :
-         {"SensorSize=1234", "SensorSize=", "Width=0", "Width=12abc", "Height=99999", "ExposureMs=-5",
-          "Scene=bright", "Dose=0", "Dose=70000", "Seed=-1", "Seed=4294967296", "Online=x",
-          "FailCommand=6", "FailCommand=6:x", "RejectCommand=:3", "HangCommand=two", "FailSetAttr=",
-          "NoImage=maybe", "NullImage=2"}) {
+         {"SensorSize=1234", "SensorSize=", "Width=0", "Width=12abc", "Height=99999",
+          "ExposureMs=-5", "Scene=bright", "Dose=0", "Dose=70000", "Seed=-1", "Seed=4294967296",
+          "Online=x", "FailCommand=6", "FailCommand=6:x", "RejectCommand=:3", "HangCommand=two",
+          "FailSetAttr=", "NoImage=maybe", "NullImage=2"}) {
         SCOPED_TRACE(line);
         WorkDir dir(std::string("[VirtualSensor]\n") + line + "\n");
         int handle = 0;

@@ -15,7 +15,9 @@ TEST_F(VirtualSensorSource, FlatDoseOverridesTheSceneUntilResetAndThePatternIsTh
     auto getPattern = D().get<int (*)(const char*, float*, float*, unsigned char*, long long)>(
         "VirtualSensor_GetFixedPattern");
     ASSERT_TRUE(setFlatDose != nullptr && getPattern != nullptr);
-    WorkDir dir("[VirtualSensor]\nWidth=320\nHeight=240\nScene=phantom\nDose=16000\nSeed=5\nExposureMs=0\n");
+    WorkDir dir(
+        "[VirtualSensor]\nWidth=320\nHeight=240\nScene=phantom\nDose=16000\nSeed=5\nExposureMs="
+        "0\n");
     const long long pixels = 320 * 240;
     std::vector<float> gain(pixels), dark(pixels);
     std::vector<uint8_t> defects(pixels, 7);
@@ -29,7 +31,8 @@ TEST_F(VirtualSensorSource, FlatDoseOverridesTheSceneUntilResetAndThePatternIsTh
     // Each row: the factor set before an exposure and the dose it must show; -1: the configured
     // phantom, the very frame of the same index of a sensor left alone.
     Sensor plain(dir), lit(dir);
-    for (const auto& [factor, dose] : {std::pair{0.5, 8000.0}, {0.0, 0.0}, {1.25, 20000.0}, {-7.0, -1.0}}) {
+    for (const auto& [factor, dose] :
+         {std::pair{0.5, 8000.0}, {0.0, 0.0}, {1.25, 20000.0}, {-7.0, -1.0}}) {
         ASSERT_EQ(setFlatDose(factor), 0);
         const std::vector<uint16_t> image = lit.expose().pixels;
         setFlatDose(-1.0);

@@ -19,14 +19,21 @@ void OnInterrupt(int) { g_interrupted.store(true); }
 
 const char* StageName(int progress) {
     switch (progress) {
-        case 0: return "loading calibration";
-        case 6: return "armed, waiting for the exposure";
-        case 7:
-        case 8: return "image received";
-        case 9: return "corrected";
-        case 10: return "finished";
-        case 11: return "handed over";
-        default: return "working";
+    case 0:
+        return "loading calibration";
+    case 6:
+        return "armed, waiting for the exposure";
+    case 7:
+    case 8:
+        return "image received";
+    case 9:
+        return "corrected";
+    case 10:
+        return "finished";
+    case 11:
+        return "handed over";
+    default:
+        return "working";
     }
 }
 
@@ -76,15 +83,15 @@ private:
 bool OpenDetector(CVeltrano& detector, std::string& error) {
     const int init = detector.Initialize();
     if (init != 0) {
-        error = "the driver library could not be loaded or started (code " +
-                std::to_string(init) + ")";
+        error =
+            "the driver library could not be loaded or started (code " + std::to_string(init) + ")";
         return false;
     }
     const int connect = detector.Connect();
     if (connect != 0) {
-        error = connect == -101 ? "the sensor reports a size that is not supported (code -101)"
-                                : "the sensor could not be connected (code " +
-                                      std::to_string(connect) + ")";
+        error = connect == -101
+                    ? "the sensor reports a size that is not supported (code -101)"
+                    : "the sensor could not be connected (code " + std::to_string(connect) + ")";
         detector.Deinit();
         return false;
     }
@@ -136,8 +143,8 @@ ExposureResult TakeExposure(CVeltrano& detector, const ExposureSettings& setting
         }
         view.Finish();
     });
-    const int code = detector.AcqImageEx(image, settings.delayMs, settings.triggerMode,
-                                         settings.threshold);
+    const int code =
+        detector.AcqImageEx(image, settings.delayMs, settings.triggerMode, settings.threshold);
     done.store(true);
     poller.join();
     veltrano::platform::SetInterruptHandler(previous);
@@ -150,18 +157,30 @@ ExposureResult TakeExposure(CVeltrano& detector, const ExposureSettings& setting
 
 std::string DescribeAcquisitionCode(int code) {
     switch (code) {
-        case 0: return "done";
-        case -1: return "the detector was not ready (progress not reset or sensor size unknown)";
-        case -2: return "the detector is not initialised";
-        case -3: return "no calibration files below the work directory's Correct/Default folder";
-        case -4: return "the delay time could not be set";
-        case -5: return "the trigger mode could not be set";
-        case -6: return "the trigger threshold could not be set";
-        case -7: return "the sensor could not be prepared for the exposure";
-        case -8: return "the detector reported an error while waiting for the image";
-        case -9: return "the wait for the exposure was stopped";
-        case -10: return "no image was delivered";
-        default: return "the driver reported an error";
+    case 0:
+        return "done";
+    case -1:
+        return "the detector was not ready (progress not reset or sensor size unknown)";
+    case -2:
+        return "the detector is not initialised";
+    case -3:
+        return "no calibration files below the work directory's Correct/Default folder";
+    case -4:
+        return "the delay time could not be set";
+    case -5:
+        return "the trigger mode could not be set";
+    case -6:
+        return "the trigger threshold could not be set";
+    case -7:
+        return "the sensor could not be prepared for the exposure";
+    case -8:
+        return "the detector reported an error while waiting for the image";
+    case -9:
+        return "the wait for the exposure was stopped";
+    case -10:
+        return "no image was delivered";
+    default:
+        return "the driver reported an error";
     }
 }
 

@@ -46,7 +46,7 @@ private:
 
 // Asks the operator to set the source for a level; false when the operator stops.
 bool AskOperator(int level, int levels, int exposures) {
-    const char* which = levels == 1   ? "the dose of an ordinary exposure"
+    const char* which = levels == 1  ? "the dose of an ordinary exposure"
                         : level == 0 ? "a low dose"
                                      : "a higher dose than the level before";
     std::fprintf(stderr,
@@ -78,7 +78,8 @@ bool WriteReport(const std::string& path, const veltrano::CalibrationResult& res
     const uint32_t w = raw.width, h = raw.height;
     const int cut = result.header.cornerCut;
     auto isCut = [&](uint32_t x, uint32_t y) {
-        return static_cast<long long>(y) + x <= cut || static_cast<long long>(x) - y >= static_cast<long long>(w) - cut;
+        return static_cast<long long>(y) + x <= cut ||
+               static_cast<long long>(x) - y >= static_cast<long long>(w) - cut;
     };
     Image16 active;
     for (uint32_t y = 0; y < h; ++y) {
@@ -97,8 +98,9 @@ bool WriteReport(const std::string& path, const veltrano::CalibrationResult& res
             const size_t i = static_cast<size_t>(y) * w + x;
             row[x] = DisplayValue(raw.pixels[i], window, false);
             row[w + kPanelGap + x] = DisplayValue(corrected.pixels[i], window, false);
-            row[2 * (w + kPanelGap) + x] =
-                isCut(x, y) ? 40 : result.defectMap.data[i] != 0.0f ? 255 : 0;
+            row[2 * (w + kPanelGap) + x] = isCut(x, y)                        ? 40
+                                           : result.defectMap.data[i] != 0.0f ? 255
+                                                                              : 0;
         }
     }
     return WritePreview(path, width, h, pixels, error);
@@ -120,14 +122,16 @@ void PrintReport(const veltrano::CalibrationResult& result, const veltrano::Cali
     }
     const veltrano::DefectCounts& d = h.defects;
     const double pixels = static_cast<double>(h.width) * h.height;
-    std::printf("defective pixels: %u (%s of the sensor)\n", d.total, Percent(d.total / pixels).c_str());
+    std::printf("defective pixels: %u (%s of the sensor)\n", d.total,
+                Percent(d.total / pixels).c_str());
     std::printf("  dead                     %u\n", d.dead);
     std::printf("  hot                      %u\n", d.hot);
     std::printf("  not following the dose   %u\n", d.unresponsive);
     std::printf("  noisy                    %u\n", d.noisy);
     std::printf("  in defective columns     %u (%u column%s)\n", d.columnPixels, d.columns,
                 d.columns == 1 ? "" : "s");
-    std::printf("  in defective rows        %u (%u row%s)\n", d.rowPixels, d.rows, d.rows == 1 ? "" : "s");
+    std::printf("  in defective rows        %u (%u row%s)\n", d.rowPixels, d.rows,
+                d.rows == 1 ? "" : "s");
     std::printf("  in clusters              %u (%u cluster%s)\n", d.clusterPixels, d.clusters,
                 d.clusters == 1 ? "" : "s");
     std::printf("flat-field variation of the check exposure: %s raw, %s corrected\n",

@@ -36,9 +36,9 @@ bool RunChain(const std::string& chainPath, const Image16& in, Image16& out, std
         // The chain prints its own failure lines on standard output; this program reports
         // them on standard error in its own words instead.
         StdoutToFile quiet(veltrano::platform::NullDevice());
-        result = Img_Post_Process_Chain(in.pixels.data(), out.pixels.data(),
-                                        static_cast<int>(in.width), static_cast<int>(in.height),
-                                        chainPath.c_str(), text);
+        result =
+            Img_Post_Process_Chain(in.pixels.data(), out.pixels.data(), static_cast<int>(in.width),
+                                   static_cast<int>(in.height), chainPath.c_str(), text);
     } catch (const std::invalid_argument& e) {
         error = std::string("has a malformed number in a step (") + e.what() + ")";
         return false;
@@ -47,10 +47,17 @@ bool RunChain(const std::string& chainPath, const Image16& in, Image16& out, std
         return false;
     }
     switch (result) {
-        case 0: return true;
-        case -1: error = "cannot be opened"; return false;
-        case -2: error = "holds no complete step block (no line beginning with \"end\")"; return false;
-        default: error = "cannot run on an empty image (code " + std::to_string(result) + ")"; return false;
+    case 0:
+        return true;
+    case -1:
+        error = "cannot be opened";
+        return false;
+    case -2:
+        error = "holds no complete step block (no line beginning with \"end\")";
+        return false;
+    default:
+        error = "cannot run on an empty image (code " + std::to_string(result) + ")";
+        return false;
     }
 }
 

@@ -276,12 +276,12 @@ const char kProcessHelp[] =
 CLI::Option* AddRawLayout(CLI::App* app, RawLayout& raw) {
     CLI::Option* width = AddNumber(app, "--width", raw.width, "W", "raw: pixels per row",
                                    uint64_t{1}, uint64_t{100000});
-    CLI::Option* height = AddNumber(app, "--height", raw.height, "H", "raw: rows",
-                                    uint64_t{1}, uint64_t{100000});
+    CLI::Option* height =
+        AddNumber(app, "--height", raw.height, "H", "raw: rows", uint64_t{1}, uint64_t{100000});
     CLI::Option* type = AddNumber(app, "--type", raw.type, "CODE", "raw: element code", 0, 9);
-    CLI::Option* header = AddNumber(app, "--header", raw.headerBytes, "BYTES",
-                                    "raw: bytes to skip before the samples", uint64_t{0},
-                                    uint64_t{1} << 40);
+    CLI::Option* header =
+        AddNumber(app, "--header", raw.headerBytes, "BYTES",
+                  "raw: bytes to skip before the samples", uint64_t{0}, uint64_t{1} << 40);
     // The defaults are not a layout.
     for (CLI::Option* part : {width, height, type}) {
         part->default_str("");
@@ -313,8 +313,9 @@ CLI::App* DefineProcess(CLI::App& program, ProcessOptions& o) {
         }
         checkDicom();
         if (dicomIn && HasDicomIdentityOptions(o.dicom)) {
-            throw CLI::ValidationError("the patient and study of a DICOM input are kept: the "
-                                       "patient options cannot change them");
+            throw CLI::ValidationError(
+                "the patient and study of a DICOM input are kept: the "
+                "patient options cannot change them");
         }
     });
     return process;
@@ -341,12 +342,12 @@ const char kCalibrateHelp[] =
 CLI::App* DefineCalibrate(CLI::App& program, CalibrateOptions& o) {
     CLI::App* calibrate = AddCommand(program, "calibrate", kCalibrateHelp);
     AddPath(calibrate, "--workdir", o.workDir, "DIR", kWorkDirHelp)->required();
-    CLI::Option* levels = AddChoice(calibrate, "--levels", o.levels, {"1", "4"},
-                                    "doses to calibrate at");
+    CLI::Option* levels =
+        AddChoice(calibrate, "--levels", o.levels, {"1", "4"}, "doses to calibrate at");
     CLI::Option* exposures = AddNumber(calibrate, "--exposures", o.exposures, "N",
                                        "exposures per level, 2 to 64", 2, 64);
-    CLI::Option* yes = AddSwitch(calibrate, "--yes", o.yes,
-                                 "do not wait for the operator before each level");
+    CLI::Option* yes =
+        AddSwitch(calibrate, "--yes", o.yes, "do not wait for the operator before each level");
     CLI::Option* verbose = AddSwitch(calibrate, "--verbose", o.verbose, kVerboseHelp);
     CLI::Option* virtualSensor = AddSwitch(calibrate, "--virtual", o.virtualSensor,
                                            "have the virtual sensor write its own calibration");
@@ -400,9 +401,10 @@ CLI::App* DefineStudio(CLI::App& program, StudioCommandOptions& o) {
         }
         o.raw = width->count() != 0;
         if (image->count() != 0 && !o.raw && !IsPngPath(o.image)) {
-            throw CLI::ValidationError("--image", "'" + o.image +
-                                                      "' is not a .png file: give --width, "
-                                                      "--height and --type to read it as a raw file");
+            throw CLI::ValidationError("--image",
+                                       "'" + o.image +
+                                           "' is not a .png file: give --width, "
+                                           "--height and --type to read it as a raw file");
         }
     });
     return studio;

@@ -32,18 +32,18 @@ std::string LogPathIn(const std::string& dir) { return (fs::path(dir) / "veltran
 int ReportExposure(const std::string& subject, const ExposureResult& exposure) {
     const std::string code = " (code " + std::to_string(exposure.code) + ")";
     switch (exposure.outcome) {
-        case ExposureOutcome::Delivered:
-            return kExitDone;
-        case ExposureOutcome::DeliveredWithWarning:
-            std::fprintf(stderr, "veltrano: warning: %s%s; the image was taken\n",
-                         DescribeAcquisitionCode(exposure.code).c_str(), code.c_str());
-            return kExitDone;
-        case ExposureOutcome::Stopped:
-            std::fprintf(stderr, "veltrano: %s: stopped: no image was taken%s\n", subject.c_str(),
-                         code.c_str());
-            return kExitStopped;
-        case ExposureOutcome::Failed:
-            break;
+    case ExposureOutcome::Delivered:
+        return kExitDone;
+    case ExposureOutcome::DeliveredWithWarning:
+        std::fprintf(stderr, "veltrano: warning: %s%s; the image was taken\n",
+                     DescribeAcquisitionCode(exposure.code).c_str(), code.c_str());
+        return kExitDone;
+    case ExposureOutcome::Stopped:
+        std::fprintf(stderr, "veltrano: %s: stopped: no image was taken%s\n", subject.c_str(),
+                     code.c_str());
+        return kExitStopped;
+    case ExposureOutcome::Failed:
+        break;
     }
     return Fail(subject, "no image: " + DescribeAcquisitionCode(exposure.code) + code);
 }
@@ -227,10 +227,18 @@ int RunInfo(const InfoOptions& options) {
     std::printf("serial number:   %s\n", serial.c_str());
     std::printf("USB information: %s\n", usb.c_str());
     switch (size) {
-        case 1000: std::printf("sensor size:     1000 (1000 x 1500 pixels)\n"); break;
-        case 1500: std::printf("sensor size:     1500 (1200 x 1650 pixels)\n"); break;
-        case 2000: std::printf("sensor size:     2000 (1300 x 1800 pixels)\n"); break;
-        default: std::printf("sensor size:     %d (unknown)\n", size); break;
+    case 1000:
+        std::printf("sensor size:     1000 (1000 x 1500 pixels)\n");
+        break;
+    case 1500:
+        std::printf("sensor size:     1500 (1200 x 1650 pixels)\n");
+        break;
+    case 2000:
+        std::printf("sensor size:     2000 (1300 x 1800 pixels)\n");
+        break;
+    default:
+        std::printf("sensor size:     %d (unknown)\n", size);
+        break;
     }
     return kExitDone;
 }

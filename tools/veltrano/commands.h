@@ -23,7 +23,7 @@ constexpr int kExitStopped = 130;
 
 struct DemoOptions {
     std::string outDir = "demo-out";
-    std::string chain;  // empty: the chain file shipped with the program
+    std::string chain;   // empty: the chain file shipped with the program
     DicomOptions dicom;  // for DIR/processed.dcm
 };
 

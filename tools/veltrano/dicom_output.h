@@ -47,8 +47,7 @@ constexpr vdicom::DicomPhotometric kSensorPhotometric = vdicom::DicomPhotometric
 // Writes the image as DICOM into an opened output and commits it.
 bool WriteDicomImage(PendingOutput& output, const Image16& image, vdicom::DicomImageKind kind,
                      const vdicom::DicomIdentity& identity, const vdicom::DicomDetector& detector,
-                     std::string& error,
-                     vdicom::DicomPhotometric photometric = kSensorPhotometric);
+                     std::string& error, vdicom::DicomPhotometric photometric = kSensorPhotometric);
 
 // Reads a DICOM input as a 16-bit image (the caller names the file in errors).
 bool ReadDicomImage(const std::string& path, Image16& image, vdicom::DicomSource& source,

@@ -25,8 +25,8 @@ const veltrano::platform::DynamicLibrary* DriverLibrary() {
 bool WriteVirtualSensorCalibration(const std::string& workDir, int frames, std::string& error) {
     const veltrano::platform::DynamicLibrary* driver = DriverLibrary();
     if (driver == nullptr) {
-        error = "the driver library " +
-                veltrano::platform::DynamicLibrary::fileNameFor("FpdSys") + " cannot be loaded";
+        error = "the driver library " + veltrano::platform::DynamicLibrary::fileNameFor("FpdSys") +
+                " cannot be loaded";
         return false;
     }
     const auto write =

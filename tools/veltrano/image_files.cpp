@@ -51,11 +51,22 @@ std::string NotRegular(FileKind kind) {
 
 unsigned RawElementSize(int type) {
     switch (type) {
-        case 0: case 1: return 1;
-        case 2: case 3: return 2;
-        case 4: case 5: case 8: return 4;
-        case 6: case 7: case 9: return 8;
-        default: return 0;
+    case 0:
+    case 1:
+        return 1;
+    case 2:
+    case 3:
+        return 2;
+    case 4:
+    case 5:
+    case 8:
+        return 4;
+    case 6:
+    case 7:
+    case 9:
+        return 8;
+    default:
+        return 0;
     }
 }
 
@@ -76,8 +87,8 @@ bool ReadPngImage(const std::string& path, Image16& image, std::string& error) {
 bool ReadRawImage(const std::string& path, const RawLayout& layout, Image16& image,
                   std::string& error) {
     const unsigned elementSize = RawElementSize(layout.type);
-    if (elementSize == 0 || layout.width == 0 || layout.height == 0 ||
-        layout.width > 100000 || layout.height > 100000) {
+    if (elementSize == 0 || layout.width == 0 || layout.height == 0 || layout.width > 100000 ||
+        layout.height > 100000) {
         error = "raw layout out of range";
         return false;
     }
@@ -190,17 +201,16 @@ bool PendingOutput::Open(const std::string& target, std::string& error) {
     const std::string folder = FolderOf(final_);
     const FileKind folderKind = FileKindOf(folder);
     if (folderKind != FileKind::Directory) {
-        error = folderKind == FileKind::Missing ? "cannot be written: the folder " + folder +
-                                                      " does not exist"
-                                                : "cannot be written: " + folder +
-                                                      " is not a folder";
+        error = folderKind == FileKind::Missing
+                    ? "cannot be written: the folder " + folder + " does not exist"
+                    : "cannot be written: " + folder + " is not a folder";
         return false;
     }
     // FILE.part, or FILE.1.part and so on when a file of that name is left from an earlier run:
     // an existing name is never opened, so the temporary file cannot land anywhere else.
     for (int attempt = 0; attempt < 100; ++attempt) {
-        temporary_ = attempt == 0 ? final_ + ".part"
-                                  : final_ + "." + std::to_string(attempt) + ".part";
+        temporary_ =
+            attempt == 0 ? final_ + ".part" : final_ + "." + std::to_string(attempt) + ".part";
         veltrano::platform::NewFileError reason;
         file_ = veltrano::platform::CreateNewFile(temporary_, reason);
         if (file_ != nullptr) {
@@ -208,8 +218,8 @@ bool PendingOutput::Open(const std::string& target, std::string& error) {
         }
         if (reason != veltrano::platform::NewFileError::Exists) {
             temporary_.clear();
-            error = std::string("cannot be written: ") +
-                    veltrano::platform::NewFileErrorText(reason);
+            error =
+                std::string("cannot be written: ") + veltrano::platform::NewFileErrorText(reason);
             return false;
         }
     }

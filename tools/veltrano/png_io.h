@@ -36,7 +36,7 @@ bool ReadPng16(std::FILE* file, uint32_t& width, uint32_t& height, std::vector<u
 // caller checks the stream's close as well.
 bool WritePng16(std::FILE* file, uint32_t width, uint32_t height,
                 const std::vector<uint16_t>& pixels, std::string& error);
-bool WritePng8(std::FILE* file, uint32_t width, uint32_t height,
-               const std::vector<uint8_t>& pixels, std::string& error);
+bool WritePng8(std::FILE* file, uint32_t width, uint32_t height, const std::vector<uint8_t>& pixels,
+               std::string& error);
 
 }  // namespace vcli

@@ -28,12 +28,18 @@ void OnWarning(png_structp, png_const_charp) {}
 
 const char* ColourName(int colourType) {
     switch (colourType) {
-        case PNG_COLOR_TYPE_GRAY: return "grayscale";
-        case PNG_COLOR_TYPE_GRAY_ALPHA: return "grayscale with alpha";
-        case PNG_COLOR_TYPE_PALETTE: return "palette";
-        case PNG_COLOR_TYPE_RGB: return "RGB";
-        case PNG_COLOR_TYPE_RGB_ALPHA: return "RGBA";
-        default: return "unknown colour type";
+    case PNG_COLOR_TYPE_GRAY:
+        return "grayscale";
+    case PNG_COLOR_TYPE_GRAY_ALPHA:
+        return "grayscale with alpha";
+    case PNG_COLOR_TYPE_PALETTE:
+        return "palette";
+    case PNG_COLOR_TYPE_RGB:
+        return "RGB";
+    case PNG_COLOR_TYPE_RGB_ALPHA:
+        return "RGBA";
+    default:
+        return "unknown colour type";
     }
 }
 
@@ -72,8 +78,8 @@ int DecodeRows(png_structp png, png_infop info, ReadState& state) {
     const int depth = png_get_bit_depth(png, info);
     const int colour = png_get_color_type(png, info);
     if (colour != PNG_COLOR_TYPE_GRAY || depth != 16) {
-        *state.refusal = "is not a 16-bit grayscale PNG (it is " + std::to_string(depth) +
-                         "-bit " + ColourName(colour) + ")";
+        *state.refusal = "is not a 16-bit grayscale PNG (it is " + std::to_string(depth) + "-bit " +
+                         ColourName(colour) + ")";
         return 1;
     }
     const uint64_t count = static_cast<uint64_t>(w) * h;
@@ -138,8 +144,8 @@ std::string DamageText(const ErrorSink& sink, std::FILE* file) {
 }
 
 template <typename Sample>
-bool WriteGray(std::FILE* file, uint32_t width, uint32_t height,
-               const std::vector<Sample>& pixels, std::string& error) {
+bool WriteGray(std::FILE* file, uint32_t width, uint32_t height, const std::vector<Sample>& pixels,
+               std::string& error) {
     if (width == 0 || height == 0 || pixels.size() != static_cast<size_t>(width) * height) {
         error = "image size does not match its pixels";
         return false;
@@ -156,9 +162,10 @@ bool WriteGray(std::FILE* file, uint32_t width, uint32_t height,
         const int writeError = errno;
         png_destroy_write_struct(&png, &info);
         // libpng says "Write Error" when the stream refuses bytes, a full disk most often.
-        error = std::strcmp(sink.message, "Write Error") == 0
-                    ? std::string("could not be written completely (") + std::strerror(writeError) + ")"
-                    : std::string("could not be written: ") + sink.message;
+        error =
+            std::strcmp(sink.message, "Write Error") == 0
+                ? std::string("could not be written completely (") + std::strerror(writeError) + ")"
+                : std::string("could not be written: ") + sink.message;
         return false;
     }
     png_init_io(png, file);
@@ -246,8 +253,8 @@ bool WritePng16(std::FILE* file, uint32_t width, uint32_t height,
     return WriteGray(file, width, height, pixels, error);
 }
 
-bool WritePng8(std::FILE* file, uint32_t width, uint32_t height,
-               const std::vector<uint8_t>& pixels, std::string& error) {
+bool WritePng8(std::FILE* file, uint32_t width, uint32_t height, const std::vector<uint8_t>& pixels,
+               std::string& error) {
     return WriteGray(file, width, height, pixels, error);
 }
 

@@ -19,8 +19,7 @@ bool ReadPng16(std::FILE*, uint32_t&, uint32_t&, std::vector<uint16_t>&, std::st
     return false;
 }
 
-bool WritePng16(std::FILE*, uint32_t, uint32_t, const std::vector<uint16_t>&,
-                std::string& error) {
+bool WritePng16(std::FILE*, uint32_t, uint32_t, const std::vector<uint16_t>&, std::string& error) {
     error = kNoPngSupport;
     return false;
 }

@@ -16,8 +16,8 @@ void DrawHalf(const Image16& image, bool invert, Preview& out, uint32_t left) {
         const uint16_t* row1 = row0 + image.width;
         uint8_t* dst = out.pixels.data() + static_cast<size_t>(y) * out.width + left;
         for (uint32_t x = 0; x < w; ++x) {
-            const uint32_t sum = uint32_t{row0[2 * x]} + row0[2 * x + 1] + row1[2 * x] +
-                                 row1[2 * x + 1];
+            const uint32_t sum =
+                uint32_t{row0[2 * x]} + row0[2 * x + 1] + row1[2 * x] + row1[2 * x + 1];
             dst[x] = DisplayValue(static_cast<uint16_t>((sum + 2) / 4), window, invert);
         }
     }

@@ -91,8 +91,9 @@ int RunStudioCommand(const StudioCommandOptions& options) {
     return studio::RunStudio(studioOptions);
 #else
     (void)options;
-    return Fail("studio", "this build of the program has no studio (it needs cpp-httplib and "
-                          "nlohmann-json when it is built)");
+    return Fail("studio",
+                "this build of the program has no studio (it needs cpp-httplib and "
+                "nlohmann-json when it is built)");
 #endif
 }
 

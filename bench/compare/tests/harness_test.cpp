@@ -32,8 +32,9 @@ TEST(CompareOptions, DefaultsAndEachOption) {
     EXPECT_FALSE(o.list);
     EXPECT_FALSE(o.agreement);
 
-    ASSERT_TRUE(ParseOptions({"--filter", "^Median", "--reps", "3", "--threads", "2", "--list", "--agreement"}, o,
-                             error))
+    ASSERT_TRUE(ParseOptions(
+        {"--filter", "^Median", "--reps", "3", "--threads", "2", "--list", "--agreement"}, o,
+        error))
         << error;
     EXPECT_EQ(o.filter, "^Median");
     EXPECT_EQ(o.repetitions, 3);
@@ -124,7 +125,8 @@ TEST(CompareVerdicts, PairJudgedOnRatioAndAbsoluteLimit) {
 
 TEST(CompareProtocol, WarmUpThenInterleavedWithBeforeEachCall) {
     std::string trace;
-    Sides sides{[&] { return trace += 'V', true; }, [&] { return trace += 'P', true; }, [&] { trace += 'b'; }};
+    Sides sides{[&] { return trace += 'V', true; }, [&] { return trace += 'P', true; },
+                [&] { trace += 'b'; }};
     const Measured m = Measure(sides, 3);
     ASSERT_TRUE(m.ok) << m.error;
     // One warm-up round, then three timed rounds, each call after its own untimed preparation.
@@ -163,8 +165,8 @@ TEST(CompareProtocol, FailureOrExceptionStopsTheEntry) {
 
 TEST(CompareAgreement, OneCallOfEachSideThenTheirDifference) {
     std::string trace;
-    Sides sides{[&] { return trace += 'V', true; }, [&] { return trace += 'P', true; }, [&] { trace += 'b'; },
-                [&] { return trace += 'd', 0.5; }};
+    Sides sides{[&] { return trace += 'V', true; }, [&] { return trace += 'P', true; },
+                [&] { trace += 'b'; }, [&] { return trace += 'd', 0.5; }};
     double difference = -1.0;
     std::string error;
     ASSERT_TRUE(Agree(sides, difference, error)) << error;
@@ -179,7 +181,9 @@ TEST(CompareAgreement, OneCallOfEachSideThenTheirDifference) {
     EXPECT_FALSE(Agree(peerFails, difference, error));
     EXPECT_NE(error.find("OpenCV"), std::string::npos) << error;
 
-    Sides throwing{[]() -> bool { throw std::runtime_error("no memory"); }, [] { return true; }, {},
+    Sides throwing{[]() -> bool { throw std::runtime_error("no memory"); },
+                   [] { return true; },
+                   {},
                    [] { return 0.0; }};
     EXPECT_FALSE(Agree(throwing, difference, error));
     EXPECT_EQ(error, "no memory");
@@ -263,8 +267,10 @@ TEST(CompareCorrections, SlowestGainPlusEverySteps) {
         m.veltrano.medianMs = ms;
         return m;
     };
-    std::vector<MeasuredEntry> measured = {{&registry[0], result(1.0)}, {&registry[1], result(3.0)},
-                                           {&registry[2], result(4.0)}, {&registry[3], result(0.5)},
+    std::vector<MeasuredEntry> measured = {{&registry[0], result(1.0)},
+                                           {&registry[1], result(3.0)},
+                                           {&registry[2], result(4.0)},
+                                           {&registry[3], result(0.5)},
                                            {&registry[4], result(100.0)}};
     double sum = 0.0;
     ASSERT_TRUE(CorrectionsSum(registry, measured, sum));
