@@ -79,41 +79,41 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (r.ok) ExpectRoundTrip(r);
         return 0;
     }
-    png_maker::Spec spec;
+    png_maker::PngPlan plan;
     const Kind kind = in.PickValueInArray(kKinds);
-    spec.bitDepth = kind.bitDepth;
-    spec.colourType = kind.colourType;
-    spec.width = in.ConsumeIntegralInRange<uint32_t>(1, 40);
-    spec.height = in.ConsumeIntegralInRange<uint32_t>(1, 40);
-    spec.interlaced = in.ConsumeBool();
+    plan.bitDepth = kind.bitDepth;
+    plan.colourType = kind.colourType;
+    plan.width = in.ConsumeIntegralInRange<uint32_t>(1, 40);
+    plan.height = in.ConsumeIntegralInRange<uint32_t>(1, 40);
+    plan.interlaced = in.ConsumeBool();
     const int damage =
         in.ConsumeIntegralInRange(0, 5);  // 0: cut short, 1: a byte changed, 2: a size claimed
     const uint32_t claimedWidth = in.ConsumeIntegralInRange<uint32_t>(1, 1u << 21);
     const uint32_t claimedHeight = in.ConsumeIntegralInRange<uint32_t>(1, 1u << 21);
     const size_t where = in.ConsumeIntegral<size_t>();
     const uint8_t flip = in.ConsumeIntegralInRange<uint8_t>(1, 255);
-    spec.samples.resize(static_cast<size_t>(spec.width) * spec.height * spec.channels());
-    for (uint16_t& v : spec.samples) {
-        v = static_cast<uint16_t>(in.ConsumeIntegral<uint16_t>() & ((1u << spec.bitDepth) - 1));
+    plan.samples.resize(static_cast<size_t>(plan.width) * plan.height * plan.channels());
+    for (uint16_t& v : plan.samples) {
+        v = static_cast<uint16_t>(in.ConsumeIntegral<uint16_t>() & ((1u << plan.bitDepth) - 1));
     }
     std::string bytes =
-        damage == 2 ? png_maker::Make(spec, claimedWidth, claimedHeight) : png_maker::Make(spec);
+        damage == 2 ? png_maker::Make(plan, claimedWidth, claimedHeight) : png_maker::Make(plan);
     if (damage == 0) bytes.resize(where % bytes.size());
     if (damage == 1)
         bytes[where % bytes.size()] = static_cast<char>(bytes[where % bytes.size()] ^ flip);
 
     const Read r = ReadBytes(bytes);
-    const bool gray16 = spec.bitDepth == 16 && spec.colourType == 0;
+    const bool gray16 = plan.bitDepth == 16 && plan.colourType == 0;
     if (damage > 2) {  // an intact file
         if (gray16) {
-            FUZZ_CHECK(r.ok && r.width == spec.width && r.height == spec.height &&
-                           r.pixels == spec.samples,
-                       "a valid %ux%u %s PNG read %s: %s", spec.width, spec.height,
-                       spec.interlaced ? "interlaced" : "plain", r.ok ? "wrong pixels" : "nothing",
+            FUZZ_CHECK(r.ok && r.width == plan.width && r.height == plan.height &&
+                           r.pixels == plan.samples,
+                       "a valid %ux%u %s PNG read %s: %s", plan.width, plan.height,
+                       plan.interlaced ? "interlaced" : "plain", r.ok ? "wrong pixels" : "nothing",
                        r.error.c_str());
         } else {
             FUZZ_CHECK(!r.ok && r.error.rfind("is not a 16-bit grayscale PNG", 0) == 0,
-                       "a %d-bit PNG of colour type %d: %s", spec.bitDepth, spec.colourType,
+                       "a %d-bit PNG of colour type %d: %s", plan.bitDepth, plan.colourType,
                        r.ok ? "read" : r.error.c_str());
         }
     }

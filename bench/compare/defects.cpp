@@ -2,7 +2,7 @@
 
 #include <random>
 
-#include "specs.h"
+#include "entries.h"
 
 namespace compare {
 

@@ -1,7 +1,7 @@
 #include <vector>
 
 #include "bench_frames.h"
-#include "specs.h"
+#include "entries.h"
 
 namespace compare {
 

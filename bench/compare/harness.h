@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "specs.h"
+#include "entries.h"
 
 namespace compare {
 

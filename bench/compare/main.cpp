@@ -19,7 +19,7 @@
 #include "harness.h"
 #include "host.h"
 #include "imgproc/dispatch.h"
-#include "specs.h"
+#include "entries.h"
 
 namespace compare {
 namespace {

@@ -9,7 +9,7 @@
 #include <memory>
 #include <vector>
 
-#include "specs.h"
+#include "entries.h"
 
 namespace compare {
 

@@ -3,7 +3,7 @@
 #include <memory>
 #include <vector>
 
-#include "specs.h"
+#include "entries.h"
 #include "veltrano.h"
 
 namespace compare {

@@ -14,7 +14,7 @@
 
 #include "defects.h"
 #include "host.h"
-#include "specs.h"
+#include "entries.h"
 #include "veltrano.h"
 
 namespace compare {

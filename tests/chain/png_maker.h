@@ -9,7 +9,7 @@
 
 namespace png_maker {
 
-struct Spec {
+struct PngPlan {
     uint32_t width = 1;
     uint32_t height = 1;
     int bitDepth = 16;
@@ -77,7 +77,7 @@ inline std::string Stored(const std::string& raw) {
 }
 
 // The filtered (filter type 0) scan lines of the pixels at x0 + k * dx, y0 + k * dy.
-inline std::string ScanLines(const Spec& s, uint32_t x0, uint32_t y0, uint32_t dx, uint32_t dy) {
+inline std::string ScanLines(const PngPlan& s, uint32_t x0, uint32_t y0, uint32_t dx, uint32_t dy) {
     std::string out;
     const int c = s.channels();
     for (uint32_t y = y0; y < s.height; y += dy) {
@@ -108,8 +108,8 @@ inline std::string ScanLines(const Spec& s, uint32_t x0, uint32_t y0, uint32_t d
 }
 
 // The whole file. `declaredWidth` / `declaredHeight`, when not 0, replace the size in the header
-// only (the data still follows the spec), for files that lie about their size.
-inline std::string Make(const Spec& s, uint32_t declaredWidth = 0, uint32_t declaredHeight = 0) {
+// only (the data still follows the real size), for files that lie about their size.
+inline std::string Make(const PngPlan& s, uint32_t declaredWidth = 0, uint32_t declaredHeight = 0) {
     std::string png = "\x89PNG\r\n\x1a\n";
     std::string header;
     Put32(header, declaredWidth ? declaredWidth : s.width);

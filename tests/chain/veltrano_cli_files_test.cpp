@@ -35,13 +35,13 @@ std::vector<uint16_t> Pattern(uint32_t width, uint32_t height, int channels = 1)
     return v;
 }
 
-png_maker::Spec Gray16(uint32_t width, uint32_t height, bool interlaced) {
-    png_maker::Spec spec;
-    spec.width = width;
-    spec.height = height;
-    spec.interlaced = interlaced;
-    spec.samples = Pattern(width, height);
-    return spec;
+png_maker::PngPlan Gray16(uint32_t width, uint32_t height, bool interlaced) {
+    png_maker::PngPlan plan;
+    plan.width = width;
+    plan.height = height;
+    plan.interlaced = interlaced;
+    plan.samples = Pattern(width, height);
+    return plan;
 }
 
 std::vector<float> ReadFloats(const fs::path& path) {
@@ -80,14 +80,14 @@ TEST_F(VeltranoCli, InterlacedAndPlainPngsReadToTheSamePixels) {
     for (const auto& size : {std::pair<uint32_t, uint32_t>{1, 1}, {3, 2}, {5, 9}, {13, 11}}) {
         const std::string label = std::to_string(size.first) + "x" + std::to_string(size.second);
         for (const bool interlaced : {false, true}) {
-            const png_maker::Spec spec = Gray16(size.first, size.second, interlaced);
-            Write("in.png", png_maker::Make(spec));
+            const png_maker::PngPlan plan = Gray16(size.first, size.second, interlaced);
+            Write("in.png", png_maker::Make(plan));
             const auto run = Veltrano("process --chain keep.chain --in in.png --out out.raw");
             ASSERT_EQ(run.first, 0) << label << run.second;
             const std::vector<float> read = ReadFloats(dir_ / "out.raw");
-            ASSERT_EQ(read.size(), spec.samples.size()) << label;
+            ASSERT_EQ(read.size(), plan.samples.size()) << label;
             for (size_t i = 0; i < read.size(); ++i) {
-                ASSERT_EQ(read[i], spec.samples[i])
+                ASSERT_EQ(read[i], plan.samples[i])
                     << label << (interlaced ? " Adam7" : "") << " pixel " << i;
             }
         }
@@ -97,15 +97,15 @@ TEST_F(VeltranoCli, InterlacedAndPlainPngsReadToTheSamePixels) {
 TEST_F(VeltranoCli, PngsOfOtherKindsOrDamagedAreRefusedWithOneLine) {
     Write("keep.chain", kKeepChain);
     auto kind = [](int depth, int colour, bool interlaced = false) {
-        png_maker::Spec spec;
-        spec.width = 6;
-        spec.height = 5;
-        spec.bitDepth = depth;
-        spec.colourType = colour;
-        spec.interlaced = interlaced;
-        spec.samples = Pattern(6, 5, spec.channels());
-        for (uint16_t& v : spec.samples) v = static_cast<uint16_t>(v % (1u << depth));
-        return png_maker::Make(spec);
+        png_maker::PngPlan plan;
+        plan.width = 6;
+        plan.height = 5;
+        plan.bitDepth = depth;
+        plan.colourType = colour;
+        plan.interlaced = interlaced;
+        plan.samples = Pattern(6, 5, plan.channels());
+        for (uint16_t& v : plan.samples) v = static_cast<uint16_t>(v % (1u << depth));
+        return png_maker::Make(plan);
     };
     const std::string good = png_maker::Make(Gray16(40, 30, false));
     std::string badCrc = good;
@@ -179,8 +179,8 @@ TEST_F(VeltranoCli, InputsThatAreNotRegularFilesAreRefusedAtOnce) {
 
 TEST_F(VeltranoCli, OutputsThatAreNotRegularFilesAreLeftAlone) {
     Write("keep.chain", kKeepChain);
-    const png_maker::Spec spec = Gray16(8, 8, false);
-    Write("in.png", png_maker::Make(spec));
+    const png_maker::PngPlan plan = Gray16(8, 8, false);
+    Write("in.png", png_maker::Make(plan));
     ASSERT_EQ(::mkfifo((dir_ / "fifo.png").c_str(), 0600), 0);
     fs::create_directories(dir_ / "folder.png");
     fs::create_symlink("fifo.png", dir_ / "to_fifo.png");
@@ -225,7 +225,7 @@ TEST_F(VeltranoCli, OutputsThatAreNotRegularFilesAreLeftAlone) {
     EXPECT_EQ(ReadAll(dir_ / "target.png").substr(0, 4), "\x89PNG");
     ASSERT_EQ(Veltrano("process --chain keep.chain --in target.png --out back.raw").first, 0);
     const std::vector<float> back = ReadFloats(dir_ / "back.raw");
-    EXPECT_EQ(std::vector<float>(spec.samples.begin(), spec.samples.end()), back);
+    EXPECT_EQ(std::vector<float>(plan.samples.begin(), plan.samples.end()), back);
     EXPECT_EQ(ReadAll(dir_ / "target.png.part"), "left from a crash");
     EXPECT_FALSE(fs::exists(dir_ / "target.png.1.part"));
 }

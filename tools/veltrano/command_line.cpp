@@ -31,8 +31,8 @@ constexpr std::size_t kOptionColumn = 24;  // where option descriptions start
 constexpr std::size_t kUsageWidth = 96;    // where the usage line wraps
 
 // Help in this program's layout: the usage line made from the options (required ones bare,
-// the others in brackets), the description, the options with their value names and defaults,
-// the commands (first line of each description only) and the footer.
+// the others in brackets), the command's help text, the options with their value names and
+// defaults, the commands (first line of each help text only) and the footer.
 class HelpFormatter : public CLI::Formatter {
 public:
     HelpFormatter() {
