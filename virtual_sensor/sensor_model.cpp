@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <mutex>
+#include <tuple>
+#include <utility>
 
 #include "phantom.h"
 #include "random.h"
@@ -68,9 +71,29 @@ void Standardise(std::vector<double>& values, const std::vector<uint8_t>& use) {
     }
 }
 
-}  // namespace
+// Builds the fixed pattern of a seed and geometry.
+class PatternBuilder {
+public:
+    explicit PatternBuilder(const Settings& settings);
+    FixedPattern take();
 
-SensorModel::SensorModel(const Settings& settings)
+private:
+    void buildGainMap();
+    void buildDarkOffsets();
+    void placeDefects();
+    void markDefect(int x, int y, int value);
+    bool canHoldDefect(int x, int y) const;
+
+    const Settings& settings_;
+    int columns_;
+    int rows_;
+    std::vector<float> gain_;
+    std::vector<float> darkOffset_;
+    std::vector<uint8_t> defects_;
+    std::vector<int32_t> stuck_;
+};
+
+PatternBuilder::PatternBuilder(const Settings& settings)
     : settings_(settings), columns_(settings.columns()), rows_(settings.rows()) {
     const size_t count = static_cast<size_t>(columns_) * static_cast<size_t>(rows_);
     gain_.assign(count, 1.0f);
@@ -82,7 +105,12 @@ SensorModel::SensorModel(const Settings& settings)
     placeDefects();
 }
 
-void SensorModel::buildGainMap() {
+FixedPattern PatternBuilder::take() {
+    return FixedPattern{std::move(gain_), std::move(darkOffset_), std::move(defects_),
+                        std::move(stuck_)};
+}
+
+void PatternBuilder::buildGainMap() {
     const size_t count = gain_.size();
     std::vector<uint8_t> active(count, 0);
     for (int y = 0; y < rows_; ++y) {
@@ -127,7 +155,7 @@ void SensorModel::buildGainMap() {
     }
 }
 
-void SensorModel::buildDarkOffsets() {
+void PatternBuilder::buildDarkOffsets() {
     Random random(StreamSeed(settings_.seed, kDark));
     for (float& offset : darkOffset_) {
         offset = static_cast<float>(std::max(0.0, kDarkMean + kDarkSpread * random.gaussian()));
@@ -137,7 +165,7 @@ void SensorModel::buildDarkOffsets() {
 // The repair fills a defect from the good pixels around it, and the defect file counts the cut
 // corners as good although they read 0 (after gain correction too): a defect beside a corner
 // would be filled too dark. So no defect lies within one pixel of a cut corner.
-bool SensorModel::canHoldDefect(int x, int y) const {
+bool PatternBuilder::canHoldDefect(int x, int y) const {
     if (x < 0 || y < 0 || x >= columns_ || y >= rows_) {
         return false;
     }
@@ -151,7 +179,7 @@ bool SensorModel::canHoldDefect(int x, int y) const {
     return true;
 }
 
-void SensorModel::markDefect(int x, int y, int value) {
+void PatternBuilder::markDefect(int x, int y, int value) {
     if (!canHoldDefect(x, y)) {
         return;
     }
@@ -160,7 +188,7 @@ void SensorModel::markDefect(int x, int y, int value) {
     stuck_[i] = value;
 }
 
-void SensorModel::placeDefects() {
+void PatternBuilder::placeDefects() {
     Random random(StreamSeed(settings_.seed, kDefects));
     const int margin = 2;
     if (columns_ <= 2 * margin || rows_ <= 2 * margin) {
@@ -220,15 +248,72 @@ void SensorModel::placeDefects() {
     }
 }
 
+// Building a pattern costs a fifth of a second on a full frame, and a process makes the same one
+// again and again: the calibration files are written from it, every instance of the sensor
+// exposes with it, and test programs open many instances of one seed. So the last few patterns
+// and scenes stay in memory for the next model that asks for the same ones. They never change
+// once built, so models on several threads share them without further locking.
+template <class Key, class Value>
+class RecentlyBuilt {
+public:
+    template <class Build>
+    std::shared_ptr<const Value> get(const Key& key, Build build) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        for (auto it = entries_.begin(); it != entries_.end(); ++it) {
+            if (it->first == key) {
+                std::rotate(entries_.begin(), it, it + 1);
+                return entries_.front().second;
+            }
+        }
+        auto value = std::make_shared<const Value>(build());
+        if (entries_.size() == kKept) {
+            entries_.pop_back();
+        }
+        entries_.insert(entries_.begin(), {key, value});
+        return value;
+    }
+
+private:
+    static constexpr size_t kKept = 2;
+    std::mutex mutex_;
+    std::vector<std::pair<Key, std::shared_ptr<const Value>>> entries_;
+};
+
+// Seed, columns, rows and corner cut: all that the pattern depends on.
+using PatternKey = std::tuple<uint32_t, int, int, int>;
+// Columns, rows and seed: all that the rendered scene depends on.
+using SceneKey = std::tuple<int, int, uint32_t>;
+
+std::shared_ptr<const FixedPattern> FixedPatternFor(const Settings& settings) {
+    static RecentlyBuilt<PatternKey, FixedPattern> patterns;
+    const PatternKey key{settings.seed, settings.columns(), settings.rows(), settings.cornerCut()};
+    return patterns.get(key, [&] { return PatternBuilder(settings).take(); });
+}
+
+std::shared_ptr<const std::vector<float>> SceneFor(int columns, int rows, uint32_t seed) {
+    static RecentlyBuilt<SceneKey, std::vector<float>> scenes;
+    return scenes.get(SceneKey{columns, rows, seed},
+                      [&] { return RenderPhantom(columns, rows, seed); });
+}
+
+}  // namespace
+
+SensorModel::SensorModel(const Settings& settings)
+    : settings_(settings),
+      columns_(settings.columns()),
+      rows_(settings.rows()),
+      pattern_(FixedPatternFor(settings)) {}
+
 double SensorModel::expected(size_t index, double signal) const {
-    return gain_[index] * signal + darkOffset_[index];
+    return pattern_->gain[index] * signal + pattern_->darkOffset[index];
 }
 
 void SensorModel::expose(uint64_t frameIndex, std::vector<uint16_t>& frame, double flatDose) {
-    const size_t count = gain_.size();
+    const FixedPattern& pattern = *pattern_;
+    const size_t count = pattern.gain.size();
     const bool flat = flatDose >= 0.0 || settings_.scene == Scene::Flat;
-    if (!flat && scene_.empty()) {
-        scene_ = RenderPhantom(columns_, rows_, settings_.seed);
+    if (!flat && !scene_) {
+        scene_ = SceneFor(columns_, rows_, settings_.seed);
     }
     frame.assign(count, 0);
     Random noise(Mix64(StreamSeed(settings_.seed, kNoise) ^ Mix64(frameIndex)));
@@ -239,19 +324,19 @@ void SensorModel::expose(uint64_t frameIndex, std::vector<uint16_t>& frame, doub
             if (settings_.inCutCorner(x, y)) {
                 continue;  // no pixel there: reads 0
             }
-            if (stuck_[i] >= 0) {
-                frame[i] = static_cast<uint16_t>(stuck_[i]);
+            if (pattern.stuck[i] >= 0) {
+                frame[i] = static_cast<uint16_t>(pattern.stuck[i]);
                 continue;
             }
-            const double signal = gain_[i] * dose * (flat ? 1.0 : scene_[i]);
+            const double signal = pattern.gain[i] * dose * (flat ? 1.0 : (*scene_)[i]);
             const double sigma = std::sqrt(kNoiseGain * signal + kReadNoise * kReadNoise);
-            frame[i] = ToRaw(signal + darkOffset_[i] + sigma * noise.gaussian());
+            frame[i] = ToRaw(signal + pattern.darkOffset[i] + sigma * noise.gaussian());
         }
     }
 }
 
 std::vector<uint16_t> SensorModel::calibrationFlat(double dose) const {
-    std::vector<uint16_t> flat(gain_.size(), 0);
+    std::vector<uint16_t> flat(pattern_->gain.size(), 0);
     for (int y = 0; y < rows_; ++y) {
         for (int x = 0; x < columns_; ++x) {
             const size_t i = static_cast<size_t>(y) * columns_ + x;
@@ -268,15 +353,15 @@ std::vector<uint16_t> SensorModel::calibrationFlat(double dose) const {
 }
 
 int SensorModel::gainLevel(double dose) const {
-    std::vector<uint16_t> exposure(gain_.size(), 0);
+    std::vector<uint16_t> exposure(pattern_->gain.size(), 0);
     for (int y = 0; y < rows_; ++y) {
         for (int x = 0; x < columns_; ++x) {
             const size_t i = static_cast<size_t>(y) * columns_ + x;
             if (settings_.inCutCorner(x, y)) {
                 continue;
             }
-            exposure[i] =
-                stuck_[i] >= 0 ? static_cast<uint16_t>(stuck_[i]) : ToRaw(expected(i, dose));
+            exposure[i] = pattern_->stuck[i] >= 0 ? static_cast<uint16_t>(pattern_->stuck[i])
+                                                  : ToRaw(expected(i, dose));
         }
     }
     const double level = BrightMean(exposure);

@@ -9,15 +9,26 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "settings.h"
 
 namespace virtual_sensor {
 
+// What a sensor of a given seed and geometry is made of: per-pixel gain and dark offset, and the
+// defective pixels with the values they are stuck at (-1 for a good pixel).
+struct FixedPattern {
+    std::vector<float> gain;
+    std::vector<float> darkOffset;
+    std::vector<uint8_t> defects;
+    std::vector<int32_t> stuck;
+};
+
 class SensorModel {
 public:
-    // Builds the fixed pattern; the scene is rendered on first use.
+    // Takes the fixed pattern of the seed and geometry (built once per process, see the source);
+    // the scene is rendered on first use.
     explicit SensorModel(const Settings& settings);
 
     int columns() const { return columns_; }
@@ -38,30 +49,24 @@ public:
     int gainLevel(double dose) const;
 
     // 1 at every defective pixel, 0 elsewhere (the cut corners are not defects).
-    const std::vector<uint8_t>& defectMap() const { return defects_; }
+    const std::vector<uint8_t>& defectMap() const { return pattern_->defects; }
     // Value a defective pixel is stuck at, or -1 for a good pixel.
-    int stuckValue(int index) const { return stuck_[static_cast<size_t>(index)]; }
+    int stuckValue(int index) const { return pattern_->stuck[static_cast<size_t>(index)]; }
     // Raw signal per unit of dose, and the dark offset, of every pixel.
-    const std::vector<float>& gainMap() const { return gain_; }
-    const std::vector<float>& darkOffsets() const { return darkOffset_; }
+    const std::vector<float>& gainMap() const { return pattern_->gain; }
+    const std::vector<float>& darkOffsets() const { return pattern_->darkOffset; }
 
 private:
-    void buildGainMap();
-    void buildDarkOffsets();
-    void placeDefects();
-    void markDefect(int x, int y, int value);
-    bool canHoldDefect(int x, int y) const;
     // Noise-free raw value of a good pixel for an incident signal of dose * scene.
     double expected(size_t index, double signal) const;
 
     Settings settings_;
     int columns_;
     int rows_;
-    std::vector<float> gain_;
-    std::vector<float> darkOffset_;
-    std::vector<uint8_t> defects_;
-    std::vector<int32_t> stuck_;
-    std::vector<float> scene_;  // transmitted fraction of the dose; empty until first needed
+    // Shared by every model of the same seed and geometry in the process (see FixedPatternFor).
+    std::shared_ptr<const FixedPattern> pattern_;
+    // Transmitted fraction of the dose; null until first needed.
+    std::shared_ptr<const std::vector<float>> scene_;
 };
 
 // The bright mean of a frame as the gain correction computes it: the mean of the brightest
