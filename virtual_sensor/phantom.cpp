@@ -40,6 +40,12 @@ struct Tooth {
     double enamel;     // enamel thickness at the crown's side
     double pixel;      // one pixel of the 1200-column sensor, in this frame's columns
     int roots;         // 1 (premolar) or 2 (molar)
+    // The frame is rendered row by row, and the crown's half width and the root's taper depend
+    // on the row only: each is kept for the row it was last computed for.
+    mutable double halfWidthRow = -1.0;
+    mutable double halfWidth = 0.0;
+    mutable double taperRow = -1.0;
+    mutable double taper = 0.0;
 };
 
 // What one tooth contributes to a pixel.
@@ -51,13 +57,30 @@ struct ToothSample {
     double rootDistance = 1e9;  // distance outside the nearest root outline, pixels
 };
 
-double CrownHalfWidth(const Tooth& t, double y) {
+double CrownHalfWidthOfRow(const Tooth& t, double y) {
     const double s = (y - t.top) / (t.neck - t.top);
     if (s < 0.35) {
         const double r = (0.35 - s) / 0.35;
         return t.crownHalf * std::sqrt(1.0 - 0.5 * r * r);
     }
     return t.crownHalf - (t.crownHalf - t.neckHalf) * std::pow((s - 0.35) / 0.65, 1.5);
+}
+
+double CrownHalfWidth(const Tooth& t, double y) {
+    if (y != t.halfWidthRow) {
+        t.halfWidth = CrownHalfWidthOfRow(t, y);
+        t.halfWidthRow = y;
+    }
+    return t.halfWidth;
+}
+
+// How the root narrows towards its tip, at relative depth s of this row.
+double RootTaper(const Tooth& t, double y, double s) {
+    if (y != t.taperRow) {
+        t.taper = std::sqrt(std::max(0.0, 1.0 - std::pow(s, 6.0)));
+        t.taperRow = y;
+    }
+    return t.taper;
 }
 
 // The occlusal surface: two cusp tips with a fissure between them.
@@ -97,8 +120,7 @@ void SampleRoots(const Tooth& t, double dx, double y, ToothSample& out) {
         const double axis = side * t.neckHalf * (0.5 * spread + 0.15 * s);
         const double local = dx - axis;
         if (s <= 1.0) {
-            const double half = t.neckHalf * slim * (1.0 - 0.65 * s) *
-                                std::sqrt(std::max(0.0, 1.0 - std::pow(s, 6.0)));
+            const double half = t.neckHalf * slim * (1.0 - 0.65 * s) * RootTaper(t, y, s);
             const double depth = 0.8 * (1.0 - 0.5 * s);
             out.root = std::max(out.root, EllipsePath(local, half, depth));
             // The pulp chamber narrows down the root trunk; in a molar it ends at the floor
@@ -177,31 +199,41 @@ std::vector<float> RenderPhantom(int columns, int rows, uint32_t seed) {
     const uint64_t boneSeed = Mix64(seed ^ 0xB0E0ull);
     const double trabecula = 22.0 * pixel;  // marrow spaces of about half a millimetre
 
+    // Alveolar bone lies below the crest, which rises between the teeth; the crest depends on the
+    // column only.
+    std::vector<double> crests(static_cast<size_t>(columns));
+    ValueNoiseRow crestNoise(tissueSeed + 1, 0.5);
+    for (int column = 0; column < columns; ++column) {
+        const double x = column;
+        const double u = x / w;
+        crests[static_cast<size_t>(column)] = neckRow + 0.05 * h +
+                                              0.025 * h * std::cos(6.283185307 * (u - 0.5) / 0.34) +
+                                              0.02 * h * (crestNoise(x / (w / 10.0)) - 0.5);
+    }
+
     for (int row = 0; row < rows; ++row) {
         const double y = row;
         const double v = y / h;
+        ValueNoiseRow tissueNoise(tissueSeed, y / (h / 3.0));
+        ValueNoiseRow boneNoise1(boneSeed, y / (1.3 * trabecula));
+        ValueNoiseRow boneNoise2(boneSeed + 1, y / (0.6 * trabecula));
+        ValueNoiseRow densityNoise(boneSeed + 2, y / (h / 5.0));
         for (int column = 0; column < columns; ++column) {
             const double x = column;
             const double u = x / w;
 
             // Soft tissue: thin above the crowns, gum and cheek below, thicker on one side.
-            double attenuation =
-                0.12 + 0.33 * Smoothstep(0.05, 0.45, v) + 0.10 * (1.0 - u) +
-                0.10 * (ValueNoise(tissueSeed, x / (w / 3.0), y / (h / 3.0)) - 0.5);
+            double attenuation = 0.12 + 0.33 * Smoothstep(0.05, 0.45, v) + 0.10 * (1.0 - u) +
+                                 0.10 * (tissueNoise(x / (w / 3.0)) - 0.5);
 
-            // Alveolar bone below the crest, which rises between the teeth.
-            const double crest = neckRow + 0.05 * h +
-                                 0.025 * h * std::cos(6.283185307 * (u - 0.5) / 0.34) +
-                                 0.02 * h * (ValueNoise(tissueSeed + 1, x / (w / 10.0), 0.5) - 0.5);
+            const double crest = crests[static_cast<size_t>(column)];
             double bone = Smoothstep(crest, crest + 0.03 * h, y);
             if (bone > 0.0) {
-                const double n1 = ValueNoise(boneSeed, x / trabecula, y / (1.3 * trabecula));
-                const double n2 =
-                    ValueNoise(boneSeed + 1, x / (0.5 * trabecula), y / (0.6 * trabecula));
+                const double n1 = boneNoise1(x / trabecula);
+                const double n2 = boneNoise2(x / (0.5 * trabecula));
                 const double r1 = std::pow(1.0 - std::fabs(2.0 * n1 - 1.0), 4.0);
                 const double r2 = std::pow(1.0 - std::fabs(2.0 * n2 - 1.0), 4.0);
-                const double density =
-                    0.70 + 0.30 * ValueNoise(boneSeed + 2, x / (w / 5.0), y / (h / 5.0));
+                const double density = 0.70 + 0.30 * densityNoise(x / (w / 5.0));
                 bone *= density * (0.35 + 0.30 * r1 + 0.15 * r2);
             }
 

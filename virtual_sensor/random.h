@@ -71,22 +71,45 @@ private:
 };
 
 // Smooth value noise in [0, 1]: random values on the integer lattice, blended with a smoothstep.
-inline double ValueNoise(uint64_t seed, double x, double y) {
-    const double fx = std::floor(x);
-    const double fy = std::floor(y);
-    const auto ix = static_cast<int64_t>(fx);
-    const auto iy = static_cast<int64_t>(fy);
-    double tx = x - fx;
-    double ty = y - fy;
-    tx = tx * tx * (3.0 - 2.0 * tx);
-    ty = ty * ty * (3.0 - 2.0 * ty);
-    const double v00 = UnitFromBits(Hash3(seed, ix, iy));
-    const double v10 = UnitFromBits(Hash3(seed, ix + 1, iy));
-    const double v01 = UnitFromBits(Hash3(seed, ix, iy + 1));
-    const double v11 = UnitFromBits(Hash3(seed, ix + 1, iy + 1));
-    const double top = v00 + (v10 - v00) * tx;
-    const double bottom = v01 + (v11 - v01) * tx;
-    return top + (bottom - top) * ty;
-}
+// Taken along one row (fixed y): the lattice values of the cell that x is in are kept until x
+// leaves it, which saves most of the hashing on the broad cells of a frame-sized pattern and
+// gives exactly what a fresh computation would.
+class ValueNoiseRow {
+public:
+    ValueNoiseRow(uint64_t seed, double y) : seed_(seed) {
+        const double fy = std::floor(y);
+        iy_ = static_cast<int64_t>(fy);
+        ty_ = y - fy;
+        ty_ = ty_ * ty_ * (3.0 - 2.0 * ty_);
+    }
+
+    double operator()(double x) {
+        const double fx = std::floor(x);
+        const auto ix = static_cast<int64_t>(fx);
+        if (!cellKnown_ || ix != ix_) {
+            v00_ = UnitFromBits(Hash3(seed_, ix, iy_));
+            v10_ = UnitFromBits(Hash3(seed_, ix + 1, iy_));
+            v01_ = UnitFromBits(Hash3(seed_, ix, iy_ + 1));
+            v11_ = UnitFromBits(Hash3(seed_, ix + 1, iy_ + 1));
+            ix_ = ix;
+            cellKnown_ = true;
+        }
+        double tx = x - fx;
+        tx = tx * tx * (3.0 - 2.0 * tx);
+        const double top = v00_ + (v10_ - v00_) * tx;
+        const double bottom = v01_ + (v11_ - v01_) * tx;
+        return top + (bottom - top) * ty_;
+    }
+
+private:
+    uint64_t seed_;
+    int64_t iy_;
+    double ty_;
+    int64_t ix_ = 0;
+    bool cellKnown_ = false;
+    double v00_ = 0.0, v10_ = 0.0, v01_ = 0.0, v11_ = 0.0;
+};
+
+inline double ValueNoise(uint64_t seed, double x, double y) { return ValueNoiseRow(seed, y)(x); }
 
 }  // namespace virtual_sensor

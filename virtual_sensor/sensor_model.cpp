@@ -87,6 +87,7 @@ private:
     const Settings& settings_;
     int columns_;
     int rows_;
+    CutCorners cut_;
     std::vector<float> gain_;
     std::vector<float> darkOffset_;
     std::vector<uint8_t> defects_;
@@ -94,7 +95,10 @@ private:
 };
 
 PatternBuilder::PatternBuilder(const Settings& settings)
-    : settings_(settings), columns_(settings.columns()), rows_(settings.rows()) {
+    : settings_(settings),
+      columns_(settings.columns()),
+      rows_(settings.rows()),
+      cut_(settings.cutCorners()) {
     const size_t count = static_cast<size_t>(columns_) * static_cast<size_t>(rows_);
     gain_.assign(count, 1.0f);
     darkOffset_.assign(count, 0.0f);
@@ -115,7 +119,7 @@ void PatternBuilder::buildGainMap() {
     std::vector<uint8_t> active(count, 0);
     for (int y = 0; y < rows_; ++y) {
         for (int x = 0; x < columns_; ++x) {
-            active[static_cast<size_t>(y) * columns_ + x] = settings_.inCutCorner(x, y) ? 0 : 1;
+            active[static_cast<size_t>(y) * columns_ + x] = cut_.contains(x, y) ? 0 : 1;
         }
     }
 
@@ -134,10 +138,11 @@ void PatternBuilder::buildGainMap() {
     }
     Random pixelRandom(StreamSeed(settings_.seed, kGainPixels));
     for (int y = 0; y < rows_; ++y) {
+        ValueNoiseRow coarseNoise(shadingSeed, y / coarse);
+        ValueNoiseRow fineNoise(shadingSeed + 1, y / fine);
         for (int x = 0; x < columns_; ++x) {
             const size_t i = static_cast<size_t>(y) * columns_ + x;
-            shading[i] = ValueNoise(shadingSeed, x / coarse, y / coarse) +
-                         0.5 * ValueNoise(shadingSeed + 1, x / fine, y / fine);
+            shading[i] = coarseNoise(x / coarse) + 0.5 * fineNoise(x / fine);
             columnPart[i] = columnGain[static_cast<size_t>(x)];
             pixelPart[i] = pixelRandom.gaussian();
         }
@@ -171,7 +176,7 @@ bool PatternBuilder::canHoldDefect(int x, int y) const {
     }
     for (int dy = -1; dy <= 1; ++dy) {
         for (int dx = -1; dx <= 1; ++dx) {
-            if (settings_.inCutCorner(x + dx, y + dy)) {
+            if (cut_.contains(x + dx, y + dy)) {
                 return false;
             }
         }
@@ -302,6 +307,7 @@ SensorModel::SensorModel(const Settings& settings)
     : settings_(settings),
       columns_(settings.columns()),
       rows_(settings.rows()),
+      cut_(settings.cutCorners()),
       pattern_(FixedPatternFor(settings)) {}
 
 double SensorModel::expected(size_t index, double signal) const {
@@ -321,7 +327,7 @@ void SensorModel::expose(uint64_t frameIndex, std::vector<uint16_t>& frame, doub
     for (int y = 0; y < rows_; ++y) {
         for (int x = 0; x < columns_; ++x) {
             const size_t i = static_cast<size_t>(y) * columns_ + x;
-            if (settings_.inCutCorner(x, y)) {
+            if (cut_.contains(x, y)) {
                 continue;  // no pixel there: reads 0
             }
             if (pattern.stuck[i] >= 0) {
@@ -340,7 +346,7 @@ std::vector<uint16_t> SensorModel::calibrationFlat(double dose) const {
     for (int y = 0; y < rows_; ++y) {
         for (int x = 0; x < columns_; ++x) {
             const size_t i = static_cast<size_t>(y) * columns_ + x;
-            if (!settings_.inCutCorner(x, y)) {
+            if (!cut_.contains(x, y)) {
                 flat[i] = ToRaw(expected(i, dose));
             }
         }
@@ -357,7 +363,7 @@ int SensorModel::gainLevel(double dose) const {
     for (int y = 0; y < rows_; ++y) {
         for (int x = 0; x < columns_; ++x) {
             const size_t i = static_cast<size_t>(y) * columns_ + x;
-            if (settings_.inCutCorner(x, y)) {
+            if (cut_.contains(x, y)) {
                 continue;
             }
             exposure[i] = pattern_->stuck[i] >= 0 ? static_cast<uint16_t>(pattern_->stuck[i])

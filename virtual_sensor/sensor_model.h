@@ -63,6 +63,7 @@ private:
     Settings settings_;
     int columns_;
     int rows_;
+    CutCorners cut_;
     // Shared by every model of the same seed and geometry in the process (see FixedPatternFor).
     std::shared_ptr<const FixedPattern> pattern_;
     // Transmitted fraction of the dose; null until first needed.

@@ -234,11 +234,6 @@ int Settings::cornerCut() const {
     return std::min(cut, columns() / 4);
 }
 
-bool Settings::inCutCorner(int column, int row) const {
-    const int k = cornerCut();
-    return row + column <= k || column - row >= columns() - k;
-}
-
 bool Settings::failCommand(int command, int& code) const {
     return FindFault(failCommands, command, code);
 }

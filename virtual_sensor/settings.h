@@ -11,6 +11,16 @@
 
 namespace virtual_sensor {
 
+// The two dark triangles cut from the upper corners of a frame: a pixel is dark by geometry
+// when r + c <= cut or c - r >= columns - cut. Loops over a frame take it once.
+struct CutCorners {
+    int cut;
+    int columns;
+    bool contains(int column, int row) const {
+        return row + column <= cut || column - row >= columns - cut;
+    }
+};
+
 enum class Scene { Phantom, Flat };
 
 // One configured fault: a command or attribute ID and the code it yields.
@@ -40,8 +50,8 @@ struct Settings {
     int rows() const;
     // Size of the two dark triangles cut from the upper corners of every frame.
     int cornerCut() const;
-    // The corner cut: a pixel is dark by geometry when r + c <= k or c - r >= columns - k.
-    bool inCutCorner(int column, int row) const;
+    CutCorners cutCorners() const { return CutCorners{cornerCut(), columns()}; }
+    bool inCutCorner(int column, int row) const { return cutCorners().contains(column, row); }
 
     // Fault lookups; each returns false when the ID has no such fault.
     bool failCommand(int command, int& code) const;
