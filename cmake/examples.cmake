@@ -26,5 +26,6 @@ if(VELTRANO_TESTS)
            COMMAND veltrano_c_host c_host_work ${_chain} c_host_work/processed.raw
            WORKING_DIRECTORY ${PROJECT_BINARY_DIR}/bin)
   set_tests_properties(c_host_example PROPERTIES TIMEOUT 120
+    ENVIRONMENT VELTRANO_TIME_DIVISOR=${VELTRANO_TEST_TIME_DIVISOR}
     PASS_REGULAR_EXPRESSION "image acquired and processed, mean [0-9]")
 endif()

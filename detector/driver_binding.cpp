@@ -11,7 +11,7 @@ namespace {
 constexpr char kLibraryName[] = "FpdSys";
 
 std::atomic<uint32_t> g_timeoutCapMs{0};
-std::atomic<uint32_t> g_timeDivisor{1};
+std::atomic<uint32_t> g_timeDivisor{fpdsys::TimeDivisorFromEnvironment()};
 
 template <typename Fn>
 bool Resolve(const platform::DynamicLibrary& library, const char* name, Fn& out) {

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "driver_interface/fpdsys_api.h"
+#include "driver_interface/test_timing.h"
 #include "platform/dynamic_library.h"
 #include "platform/event.h"
 #include "veltrano/export.h"
@@ -30,6 +31,8 @@ VELTRANO_API void SetCommandTimeoutCapForTesting(uint32_t ms);
 // an acquisition's progress steps by divisor for the whole process, so that a test can watch a
 // command time out, or take many exposures, without sitting out the real durations. The order
 // of events and every result stay the same. 1 (or 0) restores the described durations.
+// A test that runs the library in another process (the program, a C or Python host) sets
+// VELTRANO_TIME_DIVISOR instead (driver_interface/test_timing.h).
 VELTRANO_API void SetTimeDivisorForTesting(uint32_t divisor);
 // A duration in milliseconds as the divisor above leaves it (at least 1 ms when ms was not 0).
 uint32_t ScaledForTesting(uint32_t ms);

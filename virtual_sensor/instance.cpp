@@ -6,6 +6,7 @@
 #include <new>
 #include <string>
 
+#include "driver_interface/test_timing.h"
 #include "error_codes.h"
 #include "xray_source.h"
 
@@ -15,6 +16,12 @@ namespace {
 // How long after Invoke a command's completion arrives: short, but late enough that the caller
 // is already waiting, as with a sensor on a USB link.
 constexpr std::chrono::milliseconds kCompletionDelay(10);
+
+// The exposure window, shortened for test runs that drive the sensor from another process.
+std::chrono::milliseconds ExposureWindow(int exposureMs) {
+    static const uint32_t divisor = fpdsys::TimeDivisorFromEnvironment();
+    return std::chrono::milliseconds(exposureMs / static_cast<int>(divisor));
+}
 
 bool IsKnownCommand(int command) {
     switch (command) {
@@ -197,8 +204,7 @@ int Instance::invoke(int command, const fpdsys::Param* params, int paramCount) {
         return kPending;  // accepted, and nothing ever follows
     }
     const Clock::time_point due =
-        Clock::now() +
-        (exposure ? std::chrono::milliseconds(settings_.exposureMs) : kCompletionDelay);
+        Clock::now() + (exposure ? ExposureWindow(settings_.exposureMs) : kCompletionDelay);
     if (settings_.failCommand(command, code)) {
         schedule({due, JobKind::Fail, command, code, arming});
     } else {

@@ -1,7 +1,12 @@
 // The driver binding as a host meets it: loading the driver, creating its instance, blocking
 // commands with their time-outs, and the callback's dispatch.
 
+#include <cstdlib>
+#include <string>
+#include <utility>
+
 #include "driver_interface/fpdsys_api.h"
+#include "driver_interface/test_timing.h"
 #include "detector_support.h"
 
 using namespace detector_test;
@@ -122,3 +127,22 @@ TEST(DriverBinding, CallbackReachesOnlyTheRegisteredLiveObject) {
     EXPECT_EQ(CVeltrano::JudgePtrByID(id), nullptr);
     CVeltrano::SDKCallbackHandler(id, fpdsys::kEvtCommandDone, 0, nullptr, 2, 0, 0, nullptr);
 }
+
+#if !defined(_WIN32)
+// Test runs shorten a child process's waits through the environment; a value that cannot be
+// meant as a divisor leaves the described durations alone.
+TEST(TestTiming, TheEnvironmentGivesAWholeDivisorOrNone) {
+    const char* previous = std::getenv("VELTRANO_TIME_DIVISOR");
+    const std::string saved = previous != nullptr ? previous : "";
+    const std::pair<const char*, uint32_t> cases[] = {
+        {"20", 20}, {"2", 2}, {"1000", 1000}, {"1", 1}, {"0", 1}, {"1001", 1},
+        {"-5", 1},  {"", 1},  {"20ms", 1},    {"x", 1}, {" 7", 7}};
+    for (const auto& [text, divisor] : cases) {
+        ::setenv("VELTRANO_TIME_DIVISOR", text, 1);
+        EXPECT_EQ(fpdsys::TimeDivisorFromEnvironment(), divisor) << '"' << text << '"';
+    }
+    ::unsetenv("VELTRANO_TIME_DIVISOR");
+    EXPECT_EQ(fpdsys::TimeDivisorFromEnvironment(), 1u);
+    if (previous != nullptr) ::setenv("VELTRANO_TIME_DIVISOR", saved.c_str(), 1);
+}
+#endif
