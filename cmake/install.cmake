@@ -1,6 +1,7 @@
 # Installation and packaging: `cmake --install` puts the library, its headers, a CMake package
 # (find_package(Veltrano) gives Veltrano::veltrano) and a pkg-config file into the prefix, with
-# the command-line program, the chain files and the virtual sensor as components of their own.
+# the command-line program, the chain files, the virtual sensor and the DICOM library (where DCMTK
+# is found) as components of their own.
 # CPack turns the same into Debian packages on Linux and a zip on Windows.
 include(CMakePackageConfigHelpers)
 
@@ -56,6 +57,23 @@ if(TARGET FpdSys)
     COMPONENT virtual_sensor)
 endif()
 
+if(TARGET veltrano_dicom AND VELTRANO_DICOM_FOUND)
+  # The DICOM writer and reader, only where it is built on DCMTK (never on Windows here): the
+  # library, its headers and its imported target Veltrano::dicom together, so that a host either
+  # has all of it or none. DCMTK is linked privately; a host needs DCMTK's run-time libraries only.
+  install(TARGETS veltrano_dicom EXPORT VeltranoDicomTargets
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT dicom
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dicom
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT dicom)
+  install(FILES dicom/dicom.h dicom/dicom_identity.h dicom/dicom_export.h
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/veltrano COMPONENT dicom)
+  install(EXPORT VeltranoDicomTargets NAMESPACE Veltrano:: DESTINATION ${VELTRANO_CMAKE_DIR}
+    COMPONENT dicom)
+  set(VELTRANO_PACKAGE_DICOM ON)
+else()
+  set(VELTRANO_PACKAGE_DICOM OFF)
+endif()
+
 # Packages: one Debian package per component on Linux, one zip with everything on Windows.
 set(CPACK_PACKAGE_NAME veltrano)
 set(CPACK_PACKAGE_VENDOR "Veltrano developers")
@@ -64,6 +82,9 @@ set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
 set(CPACK_COMPONENTS_ALL runtime development program virtual_sensor)
+if(VELTRANO_PACKAGE_DICOM)
+  list(APPEND CPACK_COMPONENTS_ALL dicom)
+endif()
 if(WIN32)
   set(CPACK_GENERATOR ZIP)
   set(CPACK_ARCHIVE_COMPONENT_INSTALL OFF)
@@ -86,5 +107,12 @@ else()
     "libveltrano${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR} (= ${PROJECT_VERSION})")
   set(CPACK_DEBIAN_VIRTUAL_SENSOR_PACKAGE_DEPENDS
     "libveltrano${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR} (= ${PROJECT_VERSION})")
+  if(VELTRANO_PACKAGE_DICOM)
+    # DCMTK's run-time libraries come through the shared-library dependencies; the program needs
+    # this package's library as well.
+    set(CPACK_DEBIAN_DICOM_PACKAGE_NAME libveltrano-dicom)
+    set(CPACK_DEBIAN_PROGRAM_PACKAGE_DEPENDS
+      "${CPACK_DEBIAN_PROGRAM_PACKAGE_DEPENDS}, libveltrano-dicom (= ${PROJECT_VERSION})")
+  endif()
 endif()
 include(CPack)

@@ -7,7 +7,7 @@
 #include <filesystem>
 #include <mutex>
 
-#include "dicom_file.h"
+#include "dicom.h"
 
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcdeftag.h>

@@ -4,7 +4,7 @@
 #include <cctype>
 #include <filesystem>
 
-#include "dicom_file.h"
+#include "dicom.h"
 
 namespace vdicom {
 

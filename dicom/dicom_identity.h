@@ -5,6 +5,8 @@
 
 #include <string>
 
+#include "dicom_export.h"
+
 namespace vdicom {
 
 // The patient's name written when none is given: the file stays valid and a viewer shows
@@ -40,21 +42,21 @@ struct DicomIdentity {
 // ASCII makes the file declare the UTF-8 character set. On a bad value returns false with one
 // line that names the field and says what is wrong, for instance
 // "--tooth: 19 is not a tooth in FDI numbering (11-18, 21-28, 31-38, 41-48 or 51-55, ..., 81-85)".
-bool ValidateIdentity(DicomIdentity& identity, std::string& error);
+VELTRANO_DICOM_API bool ValidateIdentity(DicomIdentity& identity, std::string& error);
 
 // True when any text of the identity needs more than ASCII.
-bool NeedsUtf8(const DicomIdentity& identity);
+VELTRANO_DICOM_API bool NeedsUtf8(const DicomIdentity& identity);
 
 // Where a tooth lies, from its FDI quadrant: 'R' for the patient's right (quadrants 1, 4, 5, 8),
 // 'L' for the left, 0 for an empty or invalid number.
-char ToothSide(const std::string& fdiTooth);
+VELTRANO_DICOM_API char ToothSide(const std::string& fdiTooth);
 // True for the upper jaw (quadrants 1, 2, 5, 6), false otherwise.
-bool ToothInUpperJaw(const std::string& fdiTooth);
+VELTRANO_DICOM_API bool ToothInUpperJaw(const std::string& fdiTooth);
 
 // A new unique identifier in the form that needs no registered root: "2.25." followed by the
 // decimal value of a random (version 4) UUID.
-std::string NewUid();
+VELTRANO_DICOM_API std::string NewUid();
 // The decimal digits of a 128-bit number given as two 64-bit halves (used by NewUid).
-std::string Decimal128(unsigned long long high, unsigned long long low);
+VELTRANO_DICOM_API std::string Decimal128(unsigned long long high, unsigned long long low);
 
 }  // namespace vdicom

@@ -1,9 +1,13 @@
 // A host program in a few lines: opens the virtual sensor, acquires one exposure while a second
-// thread shows the progress, runs the default chain and writes the processed image.
+// thread shows the progress, runs the default chain and writes the processed image, as a raw
+// file and, where the package has its dicom component, as a DICOM file beside it (OUTPUT.dcm).
 //
 //   veltrano_host WORKDIR [OUTPUT.raw]
 #include <veltrano.h>
 #include <veltrano/virtual_sensor.h>
+#if HOST_WITH_DICOM
+#include <veltrano/dicom.h>
+#endif
 
 #include <atomic>
 #include <chrono>
@@ -65,6 +69,33 @@ int main(int argc, char** argv) {
     std::vector<float> out(processed.begin(), processed.end());
     if (image.writeRawFile(output.c_str(), out.data(), out.size()) != 1) return 1;
     std::printf("%d x %d image written to %s\n", width, height, output.c_str());
+
+#if HOST_WITH_DICOM
+    // A processed image for presentation; no patient given, so the file says the patient is
+    // unknown. The sensor names itself; the virtual sensor's pixels are 20 micrometres apart.
+    vdicom::DicomDetector sensor;
+    sensor.serialNumber = detector.GetDectectorSerialNum();
+    sensor.sensorSize = detector.GetSensorSize();
+    sensor.pixelPitchMm = 0.02;
+    vdicom::DicomImage dicom;
+    dicom.width = static_cast<uint32_t>(width);
+    dicom.height = static_cast<uint32_t>(height);
+    dicom.pixels = processed;
+    const std::string dicomOutput =
+        std::filesystem::path(output).replace_extension(".dcm").string();
+    std::string error;
+    // MONOCHROME1: the sensor's values are high where little absorbs; a viewer then shows enamel
+    // bright, as radiographs are read.
+    if (!vdicom::WriteDicom(dicomOutput, dicom, vdicom::DicomImageKind::ForPresentation,
+                            vdicom::DicomIdentity(), sensor, error,
+                            vdicom::DicomPhotometric::Monochrome1)) {
+        std::fprintf(stderr, "%s: %s\n", dicomOutput.c_str(), error.c_str());
+        return 1;
+    }
+    std::printf("DICOM image written to %s\n", dicomOutput.c_str());
+#else
+    std::printf("DICOM: not available (Veltrano was installed without its dicom component)\n");
+#endif
     detector.Deinit();
     return 0;
 }

@@ -14,7 +14,7 @@
 #include <dcmtk/dcmjpls/djencode.h>
 #include <dcmtk/dcmjpls/djrparam.h>
 
-#include "dicom/dicom_file.h"
+#include "dicom/dicom.h"
 
 namespace {
 namespace fs = std::filesystem;

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "dicom/dicom_file.h"
+#include "dicom/dicom.h"
 #include "image_files.h"
 
 namespace vcli {

@@ -1,22 +1,24 @@
-// Digital intra-oral X-ray images as DICOM files, for the veltrano program: a writer of new
-// instances and a reader of 16-bit single-frame images. Built on DCMTK where it is found; a
-// build without it answers every call with kNoDicomSupport.
+// Digital intra-oral X-ray images as DICOM files: a writer of new instances and a reader of
+// 16-bit single-frame images, for the veltrano program and for hosts (installed as
+// <veltrano/dicom.h>, the library Veltrano::dicom). Built on DCMTK where it is found; a build
+// without it answers every call with kNoDicomSupport.
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <vector>
 
+#include "dicom_export.h"
 #include "dicom_identity.h"
 
 namespace vdicom {
 
 // False in a build without DCMTK; every function below then fails with this explanation.
-bool DicomSupported();
-extern const char kNoDicomSupport[];
+VELTRANO_DICOM_API bool DicomSupported();
+extern VELTRANO_DICOM_API const char kNoDicomSupport[];
 
 // True for a path whose extension is ".dcm" (any case).
-bool IsDicomPath(const std::string& path);
+VELTRANO_DICOM_API bool IsDicomPath(const std::string& path);
 
 // The two kinds of image a sensor gives: the corrected frame that is still to be processed,
 // and a processed one meant to be looked at.
@@ -50,9 +52,10 @@ struct DicomImage {
 // the largest value; the window spans the values between the 0.5 % and 99.5 % points of the
 // histogram. With an identity read from an input file the image joins that file's study in a series
 // of its own and refers back to the input.
-bool WriteDicom(const std::string& path, const DicomImage& image, DicomImageKind kind,
-                const DicomIdentity& identity, const DicomDetector& detector, std::string& error,
-                DicomPhotometric photometric = DicomPhotometric::Monochrome2);
+VELTRANO_DICOM_API bool WriteDicom(const std::string& path, const DicomImage& image,
+                                   DicomImageKind kind, const DicomIdentity& identity,
+                                   const DicomDetector& detector, std::string& error,
+                                   DicomPhotometric photometric = DicomPhotometric::Monochrome2);
 
 // What ReadDicom takes from a file besides its pixels.
 struct DicomSource {
@@ -66,6 +69,7 @@ struct DicomSource {
 // Reads a grey 16-bit single-frame image, uncompressed or in a compressed form DCMTK decodes
 // without loss. Colour, fewer or more than 16 bits allocated, signed values, several frames,
 // lossy compression and files that end early are refused with a one-line reason.
-bool ReadDicom(const std::string& path, DicomImage& image, DicomSource& source, std::string& error);
+VELTRANO_DICOM_API bool ReadDicom(const std::string& path, DicomImage& image, DicomSource& source,
+                                  std::string& error);
 
 }  // namespace vdicom
