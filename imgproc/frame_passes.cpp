@@ -83,6 +83,25 @@ VELTRANO_TARGET_AVX2 void MinMaxAvx2(const uint8_t* src, size_t count, uint8_t& 
     mx = b;
 }
 
+// The lanes of a vector minimum and maximum, then the elements after the last whole vector,
+// folded with the scalar comparisons (which pass over NaN as the vector min and max do).
+template <class T, size_t kLanes>
+inline void FoldMinMax(const T (&l)[kLanes], const T (&h)[kLanes], const T* rest, size_t restCount,
+                       T& mn, T& mx) {
+    T a = l[0];
+    T b = h[0];
+    for (size_t k = 1; k < kLanes; ++k) {
+        a = l[k] < a ? l[k] : a;
+        b = h[k] > b ? h[k] : b;
+    }
+    for (size_t k = 0; k < restCount; ++k) {
+        a = rest[k] < a ? rest[k] : a;
+        b = rest[k] > b ? rest[k] : b;
+    }
+    mn = a;
+    mx = b;
+}
+
 // Signed and unsigned 16-bit share one loop: unsigned values are compared with a bias that
 // maps them onto the signed order.
 template <bool kUnsigned, class T>
@@ -101,18 +120,7 @@ VELTRANO_TARGET_AVX2 void MinMax16Avx2(const T* src, size_t count, T& mn, T& mx)
     alignas(32) T h[16];
     _mm256_store_si256(reinterpret_cast<__m256i*>(l), _mm256_xor_si256(lo, bias));
     _mm256_store_si256(reinterpret_cast<__m256i*>(h), _mm256_xor_si256(hi, bias));
-    T a = l[0];
-    T b = h[0];
-    for (int k = 1; k < 16; ++k) {
-        a = l[k] < a ? l[k] : a;
-        b = h[k] > b ? h[k] : b;
-    }
-    for (; i < count; ++i) {
-        a = src[i] < a ? src[i] : a;
-        b = src[i] > b ? src[i] : b;
-    }
-    mn = a;
-    mx = b;
+    FoldMinMax(l, h, src + i, count - i, mn, mx);
 }
 
 // _mm256_min_ps(v, acc) returns acc when v is not a number, so such elements are passed over
@@ -130,18 +138,7 @@ VELTRANO_TARGET_AVX2 void MinMaxAvx2(const float* src, size_t count, float& mn, 
     alignas(32) float h[8];
     _mm256_store_ps(l, lo);
     _mm256_store_ps(h, hi);
-    float a = l[0];
-    float b = h[0];
-    for (int k = 1; k < 8; ++k) {
-        a = l[k] < a ? l[k] : a;
-        b = h[k] > b ? h[k] : b;
-    }
-    for (; i < count; ++i) {
-        a = src[i] < a ? src[i] : a;
-        b = src[i] > b ? src[i] : b;
-    }
-    mn = a;
-    mx = b;
+    FoldMinMax(l, h, src + i, count - i, mn, mx);
 }
 
 VELTRANO_TARGET_AVX2 void MinMaxAvx2(const double* src, size_t count, double& mn, double& mx) {
@@ -157,18 +154,7 @@ VELTRANO_TARGET_AVX2 void MinMaxAvx2(const double* src, size_t count, double& mn
     alignas(32) double h[4];
     _mm256_store_pd(l, lo);
     _mm256_store_pd(h, hi);
-    double a = l[0];
-    double b = h[0];
-    for (int k = 1; k < 4; ++k) {
-        a = l[k] < a ? l[k] : a;
-        b = h[k] > b ? h[k] : b;
-    }
-    for (; i < count; ++i) {
-        a = src[i] < a ? src[i] : a;
-        b = src[i] > b ? src[i] : b;
-    }
-    mn = a;
-    mx = b;
+    FoldMinMax(l, h, src + i, count - i, mn, mx);
 }
 
 void MinMaxAvx2(const uint16_t* src, size_t count, uint16_t& mn, uint16_t& mx) {
