@@ -58,4 +58,18 @@ void MapThroughTable(const uint8_t* src, uint8_t* dst, size_t count, const uint8
 void MapThroughTable(const uint16_t* src, uint16_t* dst, size_t count, const uint16_t* table);
 void MapThroughTable(const int16_t* src, int16_t* dst, size_t count, const int16_t* table);
 
+// MapThroughTable over count pixels, and at the same time FrameMinMax over the nextCount >= 1
+// pixels at next (the following part of the frame, which must not overlap dst): reading the next
+// part from memory then overlaps the lookups of this one. The results are those of the two
+// passes run one after the other.
+void MapThroughTableScanning(const uint8_t* src, uint8_t* dst, size_t count, const uint8_t* table,
+                             const uint8_t* next, size_t nextCount, uint8_t& nextMin,
+                             uint8_t& nextMax);
+void MapThroughTableScanning(const uint16_t* src, uint16_t* dst, size_t count,
+                             const uint16_t* table, const uint16_t* next, size_t nextCount,
+                             uint16_t& nextMin, uint16_t& nextMax);
+void MapThroughTableScanning(const int16_t* src, int16_t* dst, size_t count, const int16_t* table,
+                             const int16_t* next, size_t nextCount, int16_t& nextMin,
+                             int16_t& nextMax);
+
 }  // namespace veltrano

@@ -199,11 +199,12 @@ int GammaInteger(const T* src, T* dst, uint64_t count, float gamma) {
                 entries[k] = curve(static_cast<T>(first + static_cast<int>(k)));
         }
     };
+    // The extremes of each chunk after the first are found while the chunk before it is mapped.
+    T mn = src[0];
+    T mx = src[0];
+    FrameMinMax(src, std::min<size_t>(kChunk, static_cast<size_t>(count)), mn, mx);
     for (size_t start = 0; start < count; start += kChunk) {
         const size_t n = std::min<size_t>(kChunk, static_cast<size_t>(count) - start);
-        T mn = src[start];
-        T mx = src[start];
-        FrameMinMax(src + start, n, mn, mx);
         const size_t from = static_cast<size_t>(static_cast<int>(mn) - low) / kBlock * kBlock;
         const size_t to = std::min(
             values, (static_cast<size_t>(static_cast<int>(mx) - low) / kBlock + 1) * kBlock);
@@ -222,7 +223,15 @@ int GammaInteger(const T* src, T* dst, uint64_t count, float gamma) {
             filledFrom = std::min(filledFrom, from);
             filledTo = std::max(filledTo, to);
         }
-        MapThroughTable(src + start, dst + start, n, table.data());
+        const size_t nextStart = start + n;
+        if (nextStart < count) {
+            const size_t nextCount =
+                std::min<size_t>(kChunk, static_cast<size_t>(count) - nextStart);
+            MapThroughTableScanning(src + start, dst + start, n, table.data(), src + nextStart,
+                                    nextCount, mn, mx);
+        } else {
+            MapThroughTable(src + start, dst + start, n, table.data());
+        }
     }
     return 1;
 }

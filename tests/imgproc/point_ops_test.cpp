@@ -168,6 +168,45 @@ TEST(PointOps, ImgGainCorrectAndEquHistUseOneStatisticOfTheWholeImage) {
     EXPECT_EQ(ob, (std::vector<uint8_t>{3, 15, 15, 30}));
 }
 
+// The gain correction's mean at the limits of the fast whole-number sum, read from a probe pixel
+// of 1 (its gain is the mean itself): a full frame of +-2^24 (lane sums that must be widened in
+// time), and frames where a value that is no whole number of at most 2^24 must send the sum back
+// to index order, where 1e20 swallows the ones added after it.
+TEST(PointOps, GainCorrectionSumsEqualTheIndexOrderSumAtTheLimitsOfTheWholeNumberPath) {
+    const int w = 1300, h = 1800;
+    const size_t n = static_cast<size_t>(w) * h;
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    std::vector<std::vector<float>> frames;
+    for (float big : {16777216.0f, -16777216.0f}) {
+        frames.emplace_back(n, big);
+        frames.back()[n / 2] = 1.0f;
+    }
+    for (float odd : {1e20f, 2147483648.0f, 4294967296.0f, -0.5f, nan}) {
+        std::vector<float> f(n, 1.0f);
+        f[3] = odd;
+        f[n - 5] = std::isnan(odd) ? 1.0f : -odd;
+        frames.push_back(f);
+    }
+    for (const std::vector<float>& frame : frames) {
+        const auto gains = impl_levels::AtEachLevel([&] {
+            std::vector<float> out(n);
+            EXPECT_EQ(ImgGainCorrect(const_cast<float*>(frame.data()), out.data(), w, h), 1);
+            return out;
+        });
+        for (size_t level = 1; level < gains.size(); ++level)
+            EXPECT_TRUE(impl_levels::SameBits(gains[level], gains[0])) << "frame with " << frame[3];
+    }
+    // The exact means of the first frames, and the swallowed ones of the 1e20 frame.
+    const auto probe = [&](const std::vector<float>& f) {
+        std::vector<float> out(n);
+        ImgGainCorrect(const_cast<float*>(f.data()), out.data(), w, h);
+        return out[n / 2];
+    };
+    EXPECT_EQ(probe(frames[0]), static_cast<float>((16777216.0 * (n - 1) + 1) / n));
+    EXPECT_EQ(probe(frames[1]), static_cast<float>((-16777216.0 * (n - 1) + 1) / n));
+    EXPECT_EQ(probe(frames[2]), static_cast<float>(4.0 / n));
+}
+
 // Every point operation reads each source pixel once and writes the same index, so it must give
 // the same result in place as into a separate buffer.
 TEST(PointOps, InPlaceEqualsOutOfPlace) {
