@@ -175,6 +175,11 @@ bool WriteGray(std::FILE* file, uint32_t width, uint32_t height, const std::vect
     // A low level writes a sensor frame about twice as fast as the default, for a few percent
     // more bytes: noisy 16-bit data hardly compresses better at higher levels.
     png_set_compression_level(png, 2);
+    if (sizeof(Sample) == 2) {
+        // Each row of a radiograph is close to the one above it: the "up" filter alone wrote a
+        // sensor frame a quarter faster than trying every filter on every row, and smaller.
+        png_set_filter(png, PNG_FILTER_TYPE_BASE, PNG_FILTER_UP);
+    }
     png_write_info(png, info);
     if (sizeof(Sample) == 2 && IsLittleEndianHost()) {
         png_set_swap(png);
