@@ -29,6 +29,10 @@ constexpr uint64_t kMaxPixels = uint64_t(1) << 28;
 // The tooth travels in the image comments in these words, and is read back from them.
 const char kToothComment[] = "FDI tooth ";
 
+// Intra-oral sensors have pixels of some hundredths of a millimetre; a pitch not above 0 or over
+// 10 mm is no sensor's.
+bool PlausiblePitch(double mm) { return mm > 0.0 && mm <= 10.0; }
+
 // DCMTK names elements through its data dictionary, a file of its installation; without it no
 // file can be read or written correctly.
 bool DictionaryLoaded(std::string& error) {
@@ -208,7 +212,7 @@ bool WriteDicom(const std::string& path, const DicomImage& image, DicomImageKind
         error = "image size does not match its pixels or exceeds 65535 x 65535";
         return false;
     }
-    if (!(detector.pixelPitchMm > 0.0) || detector.pixelPitchMm > 10.0) {
+    if (!PlausiblePitch(detector.pixelPitchMm)) {
         error = "the sensor's pixel pitch is not known (it gives the imager pixel spacing)";
         return false;
     }
@@ -538,8 +542,11 @@ bool ReadDicom(const std::string& path, DicomImage& image, DicomSource& source,
     detector = DicomDetector{};
     detector.serialNumber = Get(dataset, DCM_DeviceSerialNumber);
     Float64 spacing = 0.0;
-    if (dataset->findAndGetFloat64(DCM_ImagerPixelSpacing, spacing).good() ||
-        dataset->findAndGetFloat64(DCM_PixelSpacing, spacing).good()) {
+    // A spacing no sensor has counts as none, so that the program asks for the pitch instead of
+    // writing it on.
+    if ((dataset->findAndGetFloat64(DCM_ImagerPixelSpacing, spacing).good() ||
+         dataset->findAndGetFloat64(DCM_PixelSpacing, spacing).good()) &&
+        PlausiblePitch(spacing)) {
         detector.pixelPitchMm = spacing;
     }
     detector.acquisitionDate = Get(dataset, DCM_AcquisitionDate);

@@ -4,7 +4,7 @@
 # or a call over 10 s.
 #
 # usage: fuzz/run_fuzzers.sh SECONDS [TARGET...]     (targets: ini records chain raw_file png
-#                                                     calibration imgproc; default all)
+#                                                     calibration imgproc dicom; default all)
 # New inputs go to build/fuzz/run/corpus/TARGET (the seeds in fuzz/corpus/TARGET stay as they
 # are), findings to build/fuzz/run/findings/TARGET, each run's output to build/fuzz/run/TARGET.log.
 # With FUZZ_LOCK=FILE each target runs under flock FILE, so that others can build in between.
@@ -14,7 +14,7 @@ cd "$(dirname "$0")/.."
 seconds=${1:-60}
 shift || true
 targets=("$@")
-[ ${#targets[@]} -eq 0 ] && targets=(ini records chain raw_file png calibration imgproc)
+[ ${#targets[@]} -eq 0 ] && targets=(ini records chain raw_file png calibration imgproc dicom)
 bin=build/fuzz/bin
 work=build/fuzz/run
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1}

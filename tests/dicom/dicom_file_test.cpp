@@ -253,6 +253,28 @@ TEST_F(DicomFiles, LosslessCompressedInputIsDecoded) {
     EXPECT_LT(fs::file_size(packed), fs::file_size(plain));  // really compressed
 }
 
+// A spacing that no sensor has is no pitch at all: the program then asks for one instead of
+// refusing to write what it read.
+TEST_F(DicomFiles, ASpacingNoSensorHasReadsAsUnknown) {
+    const fs::path path = dir_ / "spacing.dcm";
+    std::string error;
+    ASSERT_TRUE(WriteDicom(path.string(), TestFrame(8, 6, 1000), DicomImageKind::ForProcessing, {},
+                           Sensor(), error))
+        << error;
+    for (const char* spacing : {"0.035\\0.035", "25\\25", "0\\0", "-0.02\\-0.02"}) {
+        DcmFileFormat file;
+        ASSERT_TRUE(file.loadFile(path.c_str()).good());
+        ASSERT_TRUE(file.getDataset()->putAndInsertString(DCM_ImagerPixelSpacing, spacing).good());
+        ASSERT_TRUE(file.saveFile(path.c_str(), EXS_LittleEndianExplicit).good());
+        DicomImage image;
+        DicomSource source;
+        ASSERT_TRUE(ReadDicom(path.string(), image, source, error)) << error;
+        EXPECT_EQ(source.detector.pixelPitchMm,
+                  spacing[0] == '0' && spacing[1] == '.' ? 0.035 : 0.0)
+            << spacing;
+    }
+}
+
 // A file as another system might send it, with the pixel layout given.
 void WriteForeign(const fs::path& path, Uint16 samples, const char* photometric, Uint16 bits,
                   const char* frames, Uint16 representation) {
