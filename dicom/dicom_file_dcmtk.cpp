@@ -33,6 +33,16 @@ const char kToothComment[] = "FDI tooth ";
 // 10 mm is no sensor's.
 bool PlausiblePitch(double mm) { return mm > 0.0 && mm <= 10.0; }
 
+// A value of a foreign file quoted in a refusal: at most 64 characters, control characters as '?',
+// so that the message stays one line whatever the file holds.
+std::string Quoted(const std::string& value) {
+    std::string out = value.substr(0, 64);
+    for (char& c : out) {
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
+    }
+    return value.size() > 64 ? out + "..." : out;
+}
+
 // DCMTK names elements through its data dictionary, a file of its installation; without it no
 // file can be read or written correctly.
 bool DictionaryLoaded(std::string& error) {
@@ -438,7 +448,8 @@ bool ReadDicom(const std::string& path, DicomImage& image, DicomSource& source,
     dataset->findAndGetUint16(DCM_SamplesPerPixel, samples);
     if (samples != 1 || (photometric != "MONOCHROME1" && photometric != "MONOCHROME2")) {
         error = "is not a grey image (" + std::to_string(samples) + " samples per pixel, " +
-                (photometric.empty() ? std::string("no photometric interpretation") : photometric) +
+                (photometric.empty() ? std::string("no photometric interpretation")
+                                     : Quoted(photometric)) +
                 ")";
         return false;
     }
@@ -461,7 +472,7 @@ bool ReadDicom(const std::string& path, DicomImage& image, DicomSource& source,
     }
     const std::string frames = Get(dataset, DCM_NumberOfFrames);
     if (!frames.empty() && std::atol(frames.c_str()) != 1) {
-        error = "holds " + frames + " frames; only single-frame images are read";
+        error = "holds " + Quoted(frames) + " frames; only single-frame images are read";
         return false;
     }
     if (rows == 0 || columns == 0 || uint64_t(rows) * columns > kMaxPixels) {
@@ -495,7 +506,7 @@ bool ReadDicom(const std::string& path, DicomImage& image, DicomSource& source,
     if (!Get(dataset, DCM_SpecificCharacterSet).empty() &&
         Get(dataset, DCM_SpecificCharacterSet) != "ISO_IR 192" && dataset->convertToUTF8().bad()) {
         error = "has text in a character set that cannot be converted (" +
-                Get(dataset, DCM_SpecificCharacterSet) + ")";
+                Quoted(Get(dataset, DCM_SpecificCharacterSet)) + ")";
         return false;
     }
 

@@ -320,6 +320,10 @@ TEST_F(DicomFiles, ForeignAndDamagedInputsAreRefused) {
         {"eight-bit", 1, "MONOCHROME2", 8, nullptr, 0, "is not a 16-bit image (8 bits"},
         {"multi-frame", 1, "MONOCHROME2", 16, "3", 0, "holds 3 frames"},
         {"signed", 1, "MONOCHROME2", 16, nullptr, 1, "holds signed pixel values"},
+        // The file's own text is quoted on one line.
+        {"broken-text", 1, "MONO\nCHROME2", 16, "2\r\n", 0,
+         "is not a grey image (1 samples per pixel, MONO?CHROME2)"},
+        {"broken-frames", 1, "MONOCHROME2", 16, "2\n", 0, "holds 2? frames"},
     };
     for (const Case& c : cases) {
         const fs::path file = dir_ / (std::string(c.name) + ".dcm");
@@ -329,6 +333,7 @@ TEST_F(DicomFiles, ForeignAndDamagedInputsAreRefused) {
         std::string error;
         EXPECT_FALSE(ReadDicom(file.string(), image, source, error)) << c.name;
         EXPECT_NE(error.find(c.expected), std::string::npos) << c.name << ": " << error;
+        EXPECT_EQ(error.find_first_of("\r\n"), std::string::npos) << c.name << ": " << error;
     }
     // A single-frame 16-bit grey file of the same making is read: the refusals above are for
     // the layout alone.
