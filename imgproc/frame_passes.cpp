@@ -124,38 +124,53 @@ VELTRANO_TARGET_AVX2 void MinMax16Avx2(const T* src, size_t count, T& mn, T& mx)
     FoldMinMax(l, h, src + i, count - i, mn, mx);
 }
 
-// _mm256_min_ps(v, acc) returns acc when v is not a number, so such elements are passed over
-// exactly as the scalar comparisons pass over them. The first element is never NaN here.
-VELTRANO_TARGET_AVX2 void MinMaxAvx2(const float* src, size_t count, float& mn, float& mx) {
-    __m256 lo = _mm256_set1_ps(src[0]);
-    __m256 hi = lo;
+// The float and double registers, for the one loop below.
+struct FloatLanes {
+    using T = float;
+    static constexpr size_t kLanes = 8;
+    VELTRANO_TARGET_AVX2 static __m256 Set(T v) { return _mm256_set1_ps(v); }
+    VELTRANO_TARGET_AVX2 static __m256 Load(const T* p) { return _mm256_loadu_ps(p); }
+    VELTRANO_TARGET_AVX2 static __m256 Min(__m256 a, __m256 b) { return _mm256_min_ps(a, b); }
+    VELTRANO_TARGET_AVX2 static __m256 Max(__m256 a, __m256 b) { return _mm256_max_ps(a, b); }
+    VELTRANO_TARGET_AVX2 static void Store(T* p, __m256 v) { _mm256_store_ps(p, v); }
+};
+
+struct DoubleLanes {
+    using T = double;
+    static constexpr size_t kLanes = 4;
+    VELTRANO_TARGET_AVX2 static __m256d Set(T v) { return _mm256_set1_pd(v); }
+    VELTRANO_TARGET_AVX2 static __m256d Load(const T* p) { return _mm256_loadu_pd(p); }
+    VELTRANO_TARGET_AVX2 static __m256d Min(__m256d a, __m256d b) { return _mm256_min_pd(a, b); }
+    VELTRANO_TARGET_AVX2 static __m256d Max(__m256d a, __m256d b) { return _mm256_max_pd(a, b); }
+    VELTRANO_TARGET_AVX2 static void Store(T* p, __m256d v) { _mm256_store_pd(p, v); }
+};
+
+// Min(v, acc) returns acc when v is not a number, so such elements are passed over exactly as
+// the scalar comparisons pass over them. The first element is never NaN here.
+template <class L>
+VELTRANO_TARGET_AVX2 void MinMaxFloatAvx2(const typename L::T* src, size_t count, typename L::T& mn,
+                                          typename L::T& mx) {
+    auto lo = L::Set(src[0]);
+    auto hi = lo;
     size_t i = 0;
-    for (; i + 8 <= count; i += 8) {
-        const __m256 v = _mm256_loadu_ps(src + i);
-        lo = _mm256_min_ps(v, lo);
-        hi = _mm256_max_ps(v, hi);
+    for (; i + L::kLanes <= count; i += L::kLanes) {
+        const auto v = L::Load(src + i);
+        lo = L::Min(v, lo);
+        hi = L::Max(v, hi);
     }
-    alignas(32) float l[8];
-    alignas(32) float h[8];
-    _mm256_store_ps(l, lo);
-    _mm256_store_ps(h, hi);
+    alignas(32) typename L::T l[L::kLanes];
+    alignas(32) typename L::T h[L::kLanes];
+    L::Store(l, lo);
+    L::Store(h, hi);
     FoldMinMax(l, h, src + i, count - i, mn, mx);
 }
 
-VELTRANO_TARGET_AVX2 void MinMaxAvx2(const double* src, size_t count, double& mn, double& mx) {
-    __m256d lo = _mm256_set1_pd(src[0]);
-    __m256d hi = lo;
-    size_t i = 0;
-    for (; i + 4 <= count; i += 4) {
-        const __m256d v = _mm256_loadu_pd(src + i);
-        lo = _mm256_min_pd(v, lo);
-        hi = _mm256_max_pd(v, hi);
-    }
-    alignas(32) double l[4];
-    alignas(32) double h[4];
-    _mm256_store_pd(l, lo);
-    _mm256_store_pd(h, hi);
-    FoldMinMax(l, h, src + i, count - i, mn, mx);
+void MinMaxAvx2(const float* src, size_t count, float& mn, float& mx) {
+    MinMaxFloatAvx2<FloatLanes>(src, count, mn, mx);
+}
+
+void MinMaxAvx2(const double* src, size_t count, double& mn, double& mx) {
+    MinMaxFloatAvx2<DoubleLanes>(src, count, mn, mx);
 }
 
 void MinMaxAvx2(const uint16_t* src, size_t count, uint16_t& mn, uint16_t& mx) {
