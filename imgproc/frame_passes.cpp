@@ -11,6 +11,8 @@
 
 #if VELTRANO_HAS_AVX2_PATHS
 #include <immintrin.h>
+
+#include "imgproc/vector_lanes.h"
 #endif
 
 namespace veltrano {
@@ -124,27 +126,6 @@ VELTRANO_TARGET_AVX2 void MinMax16Avx2(const T* src, size_t count, T& mn, T& mx)
     FoldMinMax(l, h, src + i, count - i, mn, mx);
 }
 
-// The float and double registers, for the one loop below.
-struct FloatLanes {
-    using T = float;
-    static constexpr size_t kLanes = 8;
-    VELTRANO_TARGET_AVX2 static __m256 Set(T v) { return _mm256_set1_ps(v); }
-    VELTRANO_TARGET_AVX2 static __m256 Load(const T* p) { return _mm256_loadu_ps(p); }
-    VELTRANO_TARGET_AVX2 static __m256 Min(__m256 a, __m256 b) { return _mm256_min_ps(a, b); }
-    VELTRANO_TARGET_AVX2 static __m256 Max(__m256 a, __m256 b) { return _mm256_max_ps(a, b); }
-    VELTRANO_TARGET_AVX2 static void Store(T* p, __m256 v) { _mm256_store_ps(p, v); }
-};
-
-struct DoubleLanes {
-    using T = double;
-    static constexpr size_t kLanes = 4;
-    VELTRANO_TARGET_AVX2 static __m256d Set(T v) { return _mm256_set1_pd(v); }
-    VELTRANO_TARGET_AVX2 static __m256d Load(const T* p) { return _mm256_loadu_pd(p); }
-    VELTRANO_TARGET_AVX2 static __m256d Min(__m256d a, __m256d b) { return _mm256_min_pd(a, b); }
-    VELTRANO_TARGET_AVX2 static __m256d Max(__m256d a, __m256d b) { return _mm256_max_pd(a, b); }
-    VELTRANO_TARGET_AVX2 static void Store(T* p, __m256d v) { _mm256_store_pd(p, v); }
-};
-
 // Min(v, acc) returns acc when v is not a number, so such elements are passed over exactly as
 // the scalar comparisons pass over them. The first element is never NaN here.
 template <class L>
@@ -158,8 +139,8 @@ VELTRANO_TARGET_AVX2 void MinMaxFloatAvx2(const typename L::T* src, size_t count
         lo = L::Min(v, lo);
         hi = L::Max(v, hi);
     }
-    alignas(32) typename L::T l[L::kLanes];
-    alignas(32) typename L::T h[L::kLanes];
+    typename L::T l[L::kLanes];
+    typename L::T h[L::kLanes];
     L::Store(l, lo);
     L::Store(h, hi);
     FoldMinMax(l, h, src + i, count - i, mn, mx);

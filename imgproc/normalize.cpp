@@ -13,6 +13,8 @@
 
 #if VELTRANO_HAS_AVX2_PATHS
 #include <immintrin.h>
+
+#include "imgproc/vector_lanes.h"
 #endif
 
 namespace veltrano {
@@ -117,42 +119,20 @@ VELTRANO_TARGET_AVX2 void StretchIntegerAvx2(const T* src, T* dst, size_t count,
 
 // Floating members: comparisons and blends rather than min/max, so that a not-a-number result
 // passes the clamp unchanged as in the plain code.
-VELTRANO_TARGET_AVX2 void StretchAvx2(const float* src, float* dst, size_t count,
-                                      const Stretch<float>& s) {
-    const __m256 mn = _mm256_set1_ps(s.mn);
-    const __m256 scale = _mm256_set1_ps(s.scale);
-    const __m256 span = _mm256_set1_ps(s.span);
-    const __m256 low = _mm256_set1_ps(s.low);
-    const __m256 offset = _mm256_set1_ps(s.offset);
-    const __m256 lo = _mm256_set1_ps(static_cast<float>(s.dLow));
-    const __m256 hi = _mm256_set1_ps(static_cast<float>(s.dHigh));
+template <class T, class L = typename LanesOf<T>::type>
+VELTRANO_TARGET_AVX2 void StretchAvx2(const T* src, T* dst, size_t count, const Stretch<T>& s) {
+    const auto mn = L::Set(s.mn);
+    const auto scale = L::Set(s.scale);
+    const auto span = L::Set(s.span);
+    const auto low = L::Set(s.low);
+    const auto offset = L::Set(s.offset);
+    const auto lo = L::Set(static_cast<T>(s.dLow));
+    const auto hi = L::Set(static_cast<T>(s.dHigh));
     size_t i = 0;
-    for (; i + 8 <= count; i += 8) {
-        __m256 x = _mm256_sub_ps(_mm256_loadu_ps(src + i), mn);
-        x = _mm256_add_ps(_mm256_add_ps(_mm256_mul_ps(_mm256_mul_ps(x, scale), span), low), offset);
-        x = _mm256_blendv_ps(x, hi, _mm256_cmp_ps(x, hi, _CMP_GT_OQ));
-        x = _mm256_blendv_ps(x, lo, _mm256_cmp_ps(x, lo, _CMP_LT_OQ));
-        _mm256_storeu_ps(dst + i, x);
-    }
-    StretchPlain(src + i, dst + i, count - i, s);
-}
-
-VELTRANO_TARGET_AVX2 void StretchAvx2(const double* src, double* dst, size_t count,
-                                      const Stretch<double>& s) {
-    const __m256d mn = _mm256_set1_pd(s.mn);
-    const __m256d scale = _mm256_set1_pd(s.scale);
-    const __m256d span = _mm256_set1_pd(s.span);
-    const __m256d low = _mm256_set1_pd(s.low);
-    const __m256d offset = _mm256_set1_pd(s.offset);
-    const __m256d lo = _mm256_set1_pd(s.dLow);
-    const __m256d hi = _mm256_set1_pd(s.dHigh);
-    size_t i = 0;
-    for (; i + 4 <= count; i += 4) {
-        __m256d x = _mm256_sub_pd(_mm256_loadu_pd(src + i), mn);
-        x = _mm256_add_pd(_mm256_add_pd(_mm256_mul_pd(_mm256_mul_pd(x, scale), span), low), offset);
-        x = _mm256_blendv_pd(x, hi, _mm256_cmp_pd(x, hi, _CMP_GT_OQ));
-        x = _mm256_blendv_pd(x, lo, _mm256_cmp_pd(x, lo, _CMP_LT_OQ));
-        _mm256_storeu_pd(dst + i, x);
+    for (; i + L::kLanes <= count; i += L::kLanes) {
+        auto x = L::Sub(L::Load(src + i), mn);
+        x = L::Add(L::Add(L::Mul(L::Mul(x, scale), span), low), offset);
+        L::Store(dst + i, L::CapBelow(L::CapAbove(x, hi), lo));
     }
     StretchPlain(src + i, dst + i, count - i, s);
 }
