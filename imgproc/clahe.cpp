@@ -18,7 +18,6 @@
 #include <vector>
 
 #include "imgproc/dispatch.h"
-#include "imgproc/frame_passes.h"
 #include "imgproc/pixel_helpers.h"
 #include "imgproc/scratch_buffers.h"
 
@@ -301,6 +300,57 @@ struct VecBinner {
         return fromFloats(_mm256_set_m128(_mm256_cvtpd_ps(b), _mm256_cvtpd_ps(a)));
     }
 };
+
+// Minimum and maximum of a float or double image, eight or four lanes at a time. Each lane keeps
+// what FindMinMax keeps (a NaN is never taken, except as element 0, which then stays), and lanes
+// are merged the same way. Only equal values may come out as a different element, +0 for -0,
+// which changes no span the callers form (max - min is the same number either way, and a zero
+// span is below 1 either way).
+VELTRANO_TARGET_AVX2 void MinMaxAvx2(const float* p, size_t n, float& mn, float& mx) {
+    __m256 lo = _mm256_set1_ps(p[0]), hi = lo;
+    size_t i = 0;
+    for (; i + 8 <= n; i += 8) {
+        const __m256 v = _mm256_loadu_ps(p + i);
+        hi = _mm256_max_ps(v, hi);
+        lo = _mm256_min_ps(v, lo);
+    }
+    alignas(32) float l[8], h[8];
+    _mm256_store_ps(l, lo);
+    _mm256_store_ps(h, hi);
+    mn = l[0];
+    mx = h[0];
+    for (int k = 1; k < 8; ++k) {
+        if (h[k] > mx) mx = h[k];
+        if (l[k] < mn) mn = l[k];
+    }
+    for (; i < n; ++i) {
+        if (p[i] > mx) mx = p[i];
+        if (p[i] < mn) mn = p[i];
+    }
+}
+
+VELTRANO_TARGET_AVX2 void MinMaxAvx2(const double* p, size_t n, double& mn, double& mx) {
+    __m256d lo = _mm256_set1_pd(p[0]), hi = lo;
+    size_t i = 0;
+    for (; i + 4 <= n; i += 4) {
+        const __m256d v = _mm256_loadu_pd(p + i);
+        hi = _mm256_max_pd(v, hi);
+        lo = _mm256_min_pd(v, lo);
+    }
+    alignas(32) double l[4], h[4];
+    _mm256_store_pd(l, lo);
+    _mm256_store_pd(h, hi);
+    mn = l[0];
+    mx = h[0];
+    for (int k = 1; k < 4; ++k) {
+        if (h[k] > mx) mx = h[k];
+        if (l[k] < mn) mn = l[k];
+    }
+    for (; i < n; ++i) {
+        if (p[i] > mx) mx = p[i];
+        if (p[i] < mn) mn = p[i];
+    }
+}
 
 template <class T>
 VELTRANO_TARGET_AVX2 void RowBinsAvx2(const T* row, int n, const Tiling& t, uint32_t* bins) {
@@ -790,7 +840,15 @@ int Clahe(T* src, T* dst, int32_t width, int32_t height, claheParam* param, cons
     } else {
         T mn = src[0];
         T mx = src[0];
-        FrameMinMax(src, static_cast<size_t>(count), mn, mx);
+#if VELTRANO_HAS_AVX2_PATHS
+        if (ActiveImpl() == Impl::Avx2) {
+            MinMaxAvx2(src, static_cast<size_t>(count), mn, mx);
+        } else {
+            FindMinMax(src, static_cast<size_t>(count), mn, mx);
+        }
+#else
+        FindMinMax(src, static_cast<size_t>(count), mn, mx);
+#endif
         const T span = mx - mn;
         // A double span beyond the float range is infinite as a float (every value then falls
         // into bin 0); said explicitly, since converting it is not defined.
