@@ -19,6 +19,11 @@ double Smoothstep(double edge0, double edge1, double x) {
     return t * t * (3.0 - 2.0 * t);
 }
 
+double FourthPower(double x) {
+    const double square = x * x;
+    return square * square;
+}
+
 // Path length through an elliptical cross-section of half-width halfWidth and depth depth, at
 // horizontal offset dx from its centre.
 double EllipsePath(double dx, double halfWidth, double depth) {
@@ -90,9 +95,10 @@ double OcclusalRow(const Tooth& t, double dx) {
     return t.top + depth * c * c;
 }
 
-// Path length through the crown outline shrunk by inset (0 for the outer surface).
-double CrownPath(const Tooth& t, double dx, double y, double inset) {
-    const double top = OcclusalRow(t, dx) + inset;
+// Path length through the crown outline shrunk by inset (0 for the outer surface); occlusal is
+// OcclusalRow(t, dx), which the outer and the inner outline share.
+double CrownPath(const Tooth& t, double dx, double y, double occlusal, double inset) {
+    const double top = occlusal + inset;
     if (y < top || y > t.neck) {
         return 0.0;
     }
@@ -147,16 +153,23 @@ void SampleRoots(const Tooth& t, double dx, double y, ToothSample& out) {
 
 ToothSample SampleTooth(const Tooth& t, double x, double y) {
     ToothSample out;
+    // Above the cusps there is nothing of the tooth. Sideways, the roots reach furthest: their
+    // axes lie at most 0.65 neck widths out and they are at most a neck width wide, and the
+    // distance to them matters within 7 pixels only.
+    if (y < t.top) {
+        return out;
+    }
     const double dx = x - t.centre - t.tilt * (y - t.neck);
-    if (std::fabs(dx) > 1.6 * t.crownHalf + 40.0 * t.pixel) {
+    if (std::fabs(dx) > 1.65 * t.neckHalf + 8.0 * t.pixel) {
         return out;
     }
     if (y <= t.neck) {
         const double s = (y - t.top) / (t.neck - t.top);
         // Enamel thins out towards the neck.
         const double enamel = t.enamel * std::clamp((1.0 - s) / 0.4, 0.0, 1.0);
-        const double outer = CrownPath(t, dx, y, 0.0);
-        const double inner = enamel > 0.0 ? CrownPath(t, dx, y, enamel) : outer;
+        const double occlusal = OcclusalRow(t, dx);
+        const double outer = CrownPath(t, dx, y, occlusal, 0.0);
+        const double inner = enamel > 0.0 ? CrownPath(t, dx, y, occlusal, enamel) : outer;
         out.enamel = std::max(0.0, outer - inner);
         out.dentine = inner;
         // The pulp chamber fills the lower crown.
@@ -231,8 +244,8 @@ std::vector<float> RenderPhantom(int columns, int rows, uint32_t seed) {
             if (bone > 0.0) {
                 const double n1 = boneNoise1(x / trabecula);
                 const double n2 = boneNoise2(x / (0.5 * trabecula));
-                const double r1 = std::pow(1.0 - std::fabs(2.0 * n1 - 1.0), 4.0);
-                const double r2 = std::pow(1.0 - std::fabs(2.0 * n2 - 1.0), 4.0);
+                const double r1 = FourthPower(1.0 - std::fabs(2.0 * n1 - 1.0));
+                const double r2 = FourthPower(1.0 - std::fabs(2.0 * n2 - 1.0));
                 const double density = 0.70 + 0.30 * densityNoise(x / (w / 5.0));
                 bone *= density * (0.35 + 0.30 * r1 + 0.15 * r2);
             }

@@ -42,34 +42,35 @@ uint16_t ToRaw(double value) {
     return static_cast<uint16_t>(value + 0.5);
 }
 
-// Rescales values (over the pixels flagged in use) to zero mean and unit RMS.
-void Standardise(std::vector<double>& values, const std::vector<uint8_t>& use) {
-    double sum = 0.0;
-    double count = 0.0;
-    for (size_t i = 0; i < values.size(); ++i) {
-        if (use[i]) {
-            sum += values[i];
-            count += 1.0;
+// Mean and RMS deviation of values added one by one.
+class Spread {
+public:
+    void add(double value) {
+        sum_ += value;
+        squares_ += value * value;
+        count_ += 1.0;
+    }
+    void add(double value, double times) {
+        sum_ += value * times;
+        squares_ += value * value * times;
+        count_ += times;
+    }
+    double mean() const { return count_ > 0.0 ? sum_ / count_ : 0.0; }
+    // 1 when there is no spread, so that dividing by it leaves values as they are.
+    double rms() const {
+        if (count_ == 0.0) {
+            return 1.0;
         }
+        const double m = mean();
+        const double variance = squares_ / count_ - m * m;
+        return variance > 0.0 ? std::sqrt(variance) : 1.0;
     }
-    if (count == 0.0) {
-        return;
-    }
-    const double mean = sum / count;
-    double squares = 0.0;
-    for (size_t i = 0; i < values.size(); ++i) {
-        values[i] -= mean;
-        if (use[i]) {
-            squares += values[i] * values[i];
-        }
-    }
-    const double rms = std::sqrt(squares / count);
-    if (rms > 0.0) {
-        for (double& v : values) {
-            v /= rms;
-        }
-    }
-}
+
+private:
+    double sum_ = 0.0;
+    double squares_ = 0.0;
+    double count_ = 0.0;
+};
 
 // Builds the fixed pattern of a seed and geometry.
 class PatternBuilder {
@@ -115,27 +116,23 @@ FixedPattern PatternBuilder::take() {
 }
 
 void PatternBuilder::buildGainMap() {
-    const size_t count = gain_.size();
-    std::vector<uint8_t> active(count, 0);
-    for (int y = 0; y < rows_; ++y) {
-        for (int x = 0; x < columns_; ++x) {
-            active[static_cast<size_t>(y) * columns_ + x] = cut_.contains(x, y) ? 0 : 1;
-        }
-    }
-
     // Three parts, as seen on real sensors: a smooth shading over the area, a faint per-column
-    // pattern from the read-out, and independent pixel-to-pixel differences.
+    // pattern from the read-out, and independent pixel-to-pixel differences. Each is scaled to
+    // zero mean and unit RMS over the sensor's pixels (the cut corners have none) before they are
+    // mixed, and the mixture is scaled so again.
     const uint64_t shadingSeed = StreamSeed(settings_.seed, kGainShading);
     const double coarse = std::max(4.0, columns_ / 4.0);
     const double fine = std::max(2.0, columns_ / 14.0);
-    std::vector<double> shading(count);
-    std::vector<double> columnPart(count);
-    std::vector<double> pixelPart(count);
     Random columnRandom(StreamSeed(settings_.seed, kGainColumns));
     std::vector<double> columnGain(static_cast<size_t>(columns_));
     for (double& g : columnGain) {
         g = columnRandom.gaussian();
     }
+    std::vector<double> activeInColumn(static_cast<size_t>(columns_), 0.0);
+    std::vector<double> shading(gain_.size());
+    std::vector<float> pixelPart(gain_.size());
+    Spread shadingSpread;
+    Spread pixelSpread;
     Random pixelRandom(StreamSeed(settings_.seed, kGainPixels));
     for (int y = 0; y < rows_; ++y) {
         ValueNoiseRow coarseNoise(shadingSeed, y / coarse);
@@ -143,20 +140,43 @@ void PatternBuilder::buildGainMap() {
         for (int x = 0; x < columns_; ++x) {
             const size_t i = static_cast<size_t>(y) * columns_ + x;
             shading[i] = coarseNoise(x / coarse) + 0.5 * fineNoise(x / fine);
-            columnPart[i] = columnGain[static_cast<size_t>(x)];
-            pixelPart[i] = pixelRandom.gaussian();
+            pixelPart[i] = static_cast<float>(pixelRandom.gaussian());
+            if (!cut_.contains(x, y)) {
+                shadingSpread.add(shading[i]);
+                pixelSpread.add(pixelPart[i]);
+                activeInColumn[static_cast<size_t>(x)] += 1.0;
+            }
         }
     }
-    Standardise(shading, active);
-    Standardise(columnPart, active);
-    Standardise(pixelPart, active);
-    std::vector<double> mixed(count);
-    for (size_t i = 0; i < count; ++i) {
-        mixed[i] = 0.70 * shading[i] + 0.20 * columnPart[i] + 0.68 * pixelPart[i];
+    Spread columnSpread;
+    for (size_t x = 0; x < columnGain.size(); ++x) {
+        columnSpread.add(columnGain[x], activeInColumn[x]);
     }
-    Standardise(mixed, active);
-    for (size_t i = 0; i < count; ++i) {
-        gain_[i] = static_cast<float>(std::clamp(1.0 + kGainSpread * mixed[i], 0.6, 1.4));
+    for (double& g : columnGain) {
+        g = 0.20 * (g - columnSpread.mean()) / columnSpread.rms();
+    }
+
+    const double shadingMean = shadingSpread.mean();
+    const double shadingScale = 0.70 / shadingSpread.rms();
+    const double pixelMean = pixelSpread.mean();
+    const double pixelScale = 0.68 / pixelSpread.rms();
+    Spread mixedSpread;
+    for (int y = 0; y < rows_; ++y) {
+        for (int x = 0; x < columns_; ++x) {
+            const size_t i = static_cast<size_t>(y) * columns_ + x;
+            double& mixed = shading[i];
+            mixed = shadingScale * (mixed - shadingMean) + columnGain[static_cast<size_t>(x)] +
+                    pixelScale * (pixelPart[i] - pixelMean);
+            if (!cut_.contains(x, y)) {
+                mixedSpread.add(mixed);
+            }
+        }
+    }
+    const double mixedMean = mixedSpread.mean();
+    const double mixedScale = kGainSpread / mixedSpread.rms();
+    for (size_t i = 0; i < gain_.size(); ++i) {
+        gain_[i] =
+            static_cast<float>(std::clamp(1.0 + mixedScale * (shading[i] - mixedMean), 0.6, 1.4));
     }
 }
 

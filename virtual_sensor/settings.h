@@ -51,7 +51,6 @@ struct Settings {
     // Size of the two dark triangles cut from the upper corners of every frame.
     int cornerCut() const;
     CutCorners cutCorners() const { return CutCorners{cornerCut(), columns()}; }
-    bool inCutCorner(int column, int row) const { return cutCorners().contains(column, row); }
 
     // Fault lookups; each returns false when the ID has no such fault.
     bool failCommand(int command, int& code) const;
