@@ -55,14 +55,6 @@ double Ratio(float value, float reference) {
     return reference > 0.0f ? static_cast<double>(value) / reference : 1.0;
 }
 
-// The median of the ratios gathered for one line.
-double MedianOf(std::vector<double>& values) {
-    if (values.empty()) return 1.0;
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
-}
-
 }  // namespace
 
 struct CalibrationBuilder::State {
@@ -402,7 +394,7 @@ void CalibrationBuilder::State::markLines(const std::vector<const std::vector<fl
                     marked += marks[i] != kDefectNone;
                 }
             }
-            deviates = std::fabs(MedianOf(ratios) - 1.0) > t.lineDeviation;
+            deviates = calibration::MedianDeviatesFromOne(ratios, t.lineDeviation);
         }
         return active > 0 && (deviates || static_cast<double>(marked) > t.lineFraction * active);
     };

@@ -2,6 +2,8 @@
 // exposure, the header's byte layout and writing a file completely or not at all.
 #pragma once
 
+#include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -22,6 +24,31 @@ inline void ActiveSpan(long long row, long long width, long long cut, long long&
                        long long& end) {
     first = row > cut ? 0 : cut - row + 1;
     end = width - cut + row < width ? width - cut + row : width;
+}
+
+// The median of values: the element at index size / 2 in sorted order; 1 for no values.
+inline double MedianOf(std::vector<double> values) {
+    if (values.empty()) return 1.0;
+    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+    std::nth_element(values.begin(), middle, values.end());
+    return *middle;
+}
+
+// Whether |MedianOf(values) - 1| > deviation, found by counting instead of selecting: a line of
+// the sensor is judged this way once per level, for every row and column. Both |v - 1| > deviation
+// above 1 and below it hold for a run of the sorted values from the end, so the median is
+// beyond a side exactly when more than the values below the median's index lie there.
+inline bool MedianDeviatesFromOne(const std::vector<double>& values, double deviation) {
+    if (values.empty()) return 0.0 > deviation;  // the median of nothing is 1
+    const size_t middle = values.size() / 2;
+    size_t above = 0, below = 0;
+    for (double v : values) {
+        const double off = std::fabs(v - 1.0);
+        above += off > deviation && v > 1.0;
+        below += off > deviation && v < 1.0;
+    }
+    // Sorted, the values below 1 beyond the deviation come first and those above it last.
+    return below > middle || above >= values.size() - middle;
 }
 
 // What the checks of a calibration run look at, over the pixels outside the cut corners.

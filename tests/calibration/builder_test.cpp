@@ -7,6 +7,9 @@
 #include <map>
 #include <utility>
 
+#include <random>
+
+#include "calibration/calibration_internal.h"
 #include "synthetic_sensor.h"
 #include "veltrano/calibration_builder.h"
 
@@ -229,6 +232,39 @@ TEST(CalibrationBuilder, BrightMeanTakesWholeBinsFromTheTop) {
     pixels.assign(100, 42.9f);  // fewer than 5000 pixels: all of them
     EXPECT_DOUBLE_EQ(veltrano::BrightMean(pixels.data(), pixels.size()), 42.0);
     EXPECT_EQ(veltrano::BrightMean(nullptr, 5), 0.0);
+}
+
+// A line is judged by whether its median ratio lies beyond the deviation; the count that answers
+// this must agree with selecting the median, on lines of every parity and on the very boundary.
+TEST(CalibrationBuilder, LineMedianCountAgreesWithTheSelectedMedian) {
+    const double d = 0.05;
+    const double edges[] = {1.0 - d,
+                            1.0 + d,
+                            std::nextafter(1.0 - d, 0.0),
+                            std::nextafter(1.0 - d, 2.0),
+                            std::nextafter(1.0 + d, 0.0),
+                            std::nextafter(1.0 + d, 2.0),
+                            1.0,
+                            0.0,
+                            3.0};
+    std::mt19937 random(11);
+    int deviating = 0, cases = 0;
+    for (size_t n = 0; n <= 12; ++n) {
+        for (int round = 0; round < 400; ++round) {
+            std::vector<double> values(n);
+            for (double& v : values) {
+                v = edges[random() % std::size(edges)];
+            }
+            const bool expected = std::fabs(veltrano::calibration::MedianOf(values) - 1.0) > d;
+            ASSERT_EQ(veltrano::calibration::MedianDeviatesFromOne(values, d), expected)
+                << "n=" << n << " round " << round;
+            deviating += expected;
+            ++cases;
+        }
+    }
+    // Both answers occurred often.
+    EXPECT_GT(deviating, cases / 5);
+    EXPECT_LT(deviating, cases * 4 / 5);
 }
 
 }  // namespace

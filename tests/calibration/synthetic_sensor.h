@@ -20,6 +20,10 @@ struct SyntheticSensor {
     std::vector<float> gain, dark;
     std::vector<Reading> planted;
     std::mt19937 noise;
+    // Unit normal draws, taken in turn from a pool: a full frame needs millions of them, and
+    // drawing each afresh made the frame-sized tests slow for nothing.
+    std::vector<double> normals;
+    size_t nextNormal = 0;
 
     explicit SyntheticSensor(uint32_t seed = 1, int w = 120, int h = 90, int c = 12)
         : width(w),
@@ -28,14 +32,27 @@ struct SyntheticSensor {
           gain(size_t(w) * h),
           dark(gain.size()),
           planted(gain.size()),
-          noise(seed) {
+          noise(seed),
+          normals(size_t(1) << 16) {
         std::normal_distribution<double> unit(0.0, 1.0);
+        for (double& n : normals) {
+            n = unit(noise);
+        }
         for (size_t i = 0; i < gain.size(); ++i) {
             const double x = double(i % size_t(w)), y = double(i / size_t(w));
             gain[i] = float((1.0 + 0.08 * std::sin(x / 23.0) * std::cos(y / 31.0)) *
-                            (1.0 + 0.03 * unit(noise)));
-            dark[i] = float(50.0 + 5.0 * unit(noise));
+                            (1.0 + 0.03 * unitNormal()));
+            dark[i] = float(50.0 + 5.0 * unitNormal());
         }
+    }
+
+    // The pool is walked with an odd stride that changes on every pass, so that consecutive
+    // frames do not repeat each other's noise.
+    double unitNormal() {
+        const size_t mask = normals.size() - 1;
+        const double n = normals[nextNormal & mask];
+        nextNormal += 2 * (nextNormal >> 16) + 1;
+        return n;
     }
 
     size_t index(int x, int y) const { return size_t(y) * width + x; }
@@ -49,13 +66,12 @@ struct SyntheticSensor {
 
     std::vector<float> expose(double dose) {
         std::vector<float> frame(gain.size(), 0.0f);
-        std::normal_distribution<double> unit(0.0, 1.0);
         for (int y = 0; y < height; ++y) {
             for (int x = 0; x < width; ++x) {
                 if (isCut(x, y)) continue;  // no pixel there
                 const size_t i = index(x, y);
                 const double v =
-                    (planted[i] ? planted[i] : Good)(gain[i], dose, dark[i], unit(noise));
+                    (planted[i] ? planted[i] : Good)(gain[i], dose, dark[i], unitNormal());
                 frame[i] = float(std::round(std::clamp(v, 0.0, 65535.0)));
             }
         }
