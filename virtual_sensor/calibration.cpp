@@ -111,9 +111,12 @@ int WriteCalibration(const char* workDir, int frames) {
     for (uint32_t dose : doses) {
         const std::vector<uint16_t> flat = model.calibrationFlat(dose);
         levels.push_back(flat.empty() ? 0u : flat[0]);
+        // Little-endian samples, whatever the host's order.
+        size_t at = gainBody.size();
+        gainBody.resize(at + 2 * flat.size());
         for (uint16_t v : flat) {
-            gainBody.push_back(static_cast<uint8_t>(v & 0xFF));
-            gainBody.push_back(static_cast<uint8_t>(v >> 8));
+            gainBody[at++] = static_cast<uint8_t>(v & 0xFF);
+            gainBody[at++] = static_cast<uint8_t>(v >> 8);
         }
     }
     const auto frameCount = static_cast<uint32_t>(frames);

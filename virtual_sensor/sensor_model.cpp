@@ -363,34 +363,35 @@ void SensorModel::expose(uint64_t frameIndex, std::vector<uint16_t>& frame, doub
 
 std::vector<uint16_t> SensorModel::calibrationFlat(double dose) const {
     std::vector<uint16_t> flat(pattern_->gain.size(), 0);
-    for (int y = 0; y < rows_; ++y) {
-        for (int x = 0; x < columns_; ++x) {
-            const size_t i = static_cast<size_t>(y) * columns_ + x;
-            if (!cut_.contains(x, y)) {
-                flat[i] = ToRaw(expected(i, dose));
-            }
-        }
-    }
+    const int level = flatLevel(dose, &flat);
     // The first pixel lies in a cut corner and would read 0; it carries the frame's level.
     if (!flat.empty()) {
-        flat[0] = static_cast<uint16_t>(std::clamp(gainLevel(dose), 0, 65535));
+        flat[0] = static_cast<uint16_t>(std::clamp(level, 0, 65535));
     }
     return flat;
 }
 
-int SensorModel::gainLevel(double dose) const {
-    std::vector<uint16_t> exposure(pattern_->gain.size(), 0);
+int SensorModel::gainLevel(double dose) const { return flatLevel(dose, nullptr); }
+
+// The bright mean of a noise-free flat exposure, taken from its histogram; on the way, the
+// good pixels' values go to flat when it is given.
+int SensorModel::flatLevel(double dose, std::vector<uint16_t>* flat) const {
+    std::vector<uint64_t> histogram(65536, 0);
     for (int y = 0; y < rows_; ++y) {
         for (int x = 0; x < columns_; ++x) {
             const size_t i = static_cast<size_t>(y) * columns_ + x;
             if (cut_.contains(x, y)) {
+                ++histogram[0];  // no pixel there: reads 0
                 continue;
             }
-            exposure[i] = pattern_->stuck[i] >= 0 ? static_cast<uint16_t>(pattern_->stuck[i])
-                                                  : ToRaw(expected(i, dose));
+            const uint16_t good = ToRaw(expected(i, dose));
+            if (flat != nullptr) {
+                (*flat)[i] = good;
+            }
+            ++histogram[pattern_->stuck[i] >= 0 ? static_cast<size_t>(pattern_->stuck[i]) : good];
         }
     }
-    const double level = BrightMean(exposure);
+    const double level = BrightMeanOf(histogram);
     return level > 0.0 ? static_cast<int>(level + 0.5) : static_cast<int>(dose + 0.5);
 }
 
@@ -399,6 +400,10 @@ double BrightMean(const std::vector<uint16_t>& frame) {
     for (uint16_t v : frame) {
         ++histogram[v];
     }
+    return BrightMeanOf(histogram);
+}
+
+double BrightMeanOf(const std::vector<uint64_t>& histogram) {
     double sum = 0.0;
     uint64_t counted = 0;
     for (int bin = 65535; bin >= 0 && counted < kBrightCount; --bin) {

@@ -59,6 +59,7 @@ public:
 private:
     // Noise-free raw value of a good pixel for an incident signal of dose * scene.
     double expected(size_t index, double signal) const;
+    int flatLevel(double dose, std::vector<uint16_t>* flat) const;
 
     Settings settings_;
     int columns_;
@@ -73,5 +74,7 @@ private:
 // The bright mean of a frame as the gain correction computes it: the mean of the brightest
 // pixels, taken by whole histogram bins from the top until at least 5000 pixels are counted.
 double BrightMean(const std::vector<uint16_t>& frame);
+// The same from a histogram of 65536 bins.
+double BrightMeanOf(const std::vector<uint64_t>& histogram);
 
 }  // namespace virtual_sensor
