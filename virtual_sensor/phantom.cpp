@@ -224,6 +224,10 @@ std::vector<float> RenderPhantom(int columns, int rows, uint32_t seed) {
                                               0.02 * h * (crestNoise(x / (w / 10.0)) - 0.5);
     }
 
+    const LatticeColumns tissueColumns(columns, w / 3.0);
+    const LatticeColumns boneColumns1(columns, trabecula);
+    const LatticeColumns boneColumns2(columns, 0.5 * trabecula);
+    const LatticeColumns densityColumns(columns, w / 5.0);
     for (int row = 0; row < rows; ++row) {
         const double y = row;
         const double v = y / h;
@@ -237,16 +241,16 @@ std::vector<float> RenderPhantom(int columns, int rows, uint32_t seed) {
 
             // Soft tissue: thin above the crowns, gum and cheek below, thicker on one side.
             double attenuation = 0.12 + 0.33 * Smoothstep(0.05, 0.45, v) + 0.10 * (1.0 - u) +
-                                 0.10 * (tissueNoise(x / (w / 3.0)) - 0.5);
+                                 0.10 * (tissueNoise(tissueColumns[column]) - 0.5);
 
             const double crest = crests[static_cast<size_t>(column)];
             double bone = Smoothstep(crest, crest + 0.03 * h, y);
             if (bone > 0.0) {
-                const double n1 = boneNoise1(x / trabecula);
-                const double n2 = boneNoise2(x / (0.5 * trabecula));
+                const double n1 = boneNoise1(boneColumns1[column]);
+                const double n2 = boneNoise2(boneColumns2[column]);
                 const double r1 = FourthPower(1.0 - std::fabs(2.0 * n1 - 1.0));
                 const double r2 = FourthPower(1.0 - std::fabs(2.0 * n2 - 1.0));
-                const double density = 0.70 + 0.30 * densityNoise(x / (w / 5.0));
+                const double density = 0.70 + 0.30 * densityNoise(densityColumns[column]);
                 bone *= density * (0.35 + 0.30 * r1 + 0.15 * r2);
             }
 

@@ -7,6 +7,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <vector>
 
 namespace virtual_sensor {
 
@@ -72,46 +73,66 @@ private:
     int bitsLeft_ = 0;
 };
 
+// Where a coordinate falls on the noise lattice: its cell and its smoothed position in the cell.
+struct LatticePoint {
+    int64_t cell;
+    double weight;
+
+    explicit LatticePoint(double x) {
+        const double fx = std::floor(x);
+        cell = static_cast<int64_t>(fx);
+        const double t = x - fx;
+        weight = t * t * (3.0 - 2.0 * t);
+    }
+};
+
+// The lattice points of columns 0, 1, ... of a frame at one scale (column / scale): the same for
+// every row, so a frame-sized pattern works them out once instead of once per pixel.
+class LatticeColumns {
+public:
+    LatticeColumns(int columns, double scale) {
+        points_.reserve(static_cast<size_t>(columns > 0 ? columns : 0));
+        for (int x = 0; x < columns; ++x) {
+            points_.emplace_back(x / scale);
+        }
+    }
+    const LatticePoint& operator[](int x) const { return points_[static_cast<size_t>(x)]; }
+
+private:
+    std::vector<LatticePoint> points_;
+};
+
 // Smooth value noise in [0, 1]: random values on the integer lattice, blended with a smoothstep.
 // Taken along one row (fixed y): the lattice values of the cell that x is in are kept until x
 // leaves it, which saves most of the hashing on the broad cells of a frame-sized pattern and
 // gives exactly what a fresh computation would.
 class ValueNoiseRow {
 public:
-    ValueNoiseRow(uint64_t seed, double y) : seed_(seed) {
-        const double fy = std::floor(y);
-        iy_ = static_cast<int64_t>(fy);
-        ty_ = y - fy;
-        ty_ = ty_ * ty_ * (3.0 - 2.0 * ty_);
-    }
+    ValueNoiseRow(uint64_t seed, double y) : seed_(seed), row_(y) {}
 
-    double operator()(double x) {
-        const double fx = std::floor(x);
-        const auto ix = static_cast<int64_t>(fx);
-        if (!cellKnown_ || ix != ix_) {
-            v00_ = UnitFromBits(Hash3(seed_, ix, iy_));
-            v10_ = UnitFromBits(Hash3(seed_, ix + 1, iy_));
-            v01_ = UnitFromBits(Hash3(seed_, ix, iy_ + 1));
-            v11_ = UnitFromBits(Hash3(seed_, ix + 1, iy_ + 1));
-            ix_ = ix;
+    double operator()(double x) { return (*this)(LatticePoint(x)); }
+
+    double operator()(const LatticePoint& x) {
+        if (!cellKnown_ || x.cell != ix_) {
+            const int64_t iy = row_.cell;
+            v00_ = UnitFromBits(Hash3(seed_, x.cell, iy));
+            v10_ = UnitFromBits(Hash3(seed_, x.cell + 1, iy));
+            v01_ = UnitFromBits(Hash3(seed_, x.cell, iy + 1));
+            v11_ = UnitFromBits(Hash3(seed_, x.cell + 1, iy + 1));
+            ix_ = x.cell;
             cellKnown_ = true;
         }
-        double tx = x - fx;
-        tx = tx * tx * (3.0 - 2.0 * tx);
-        const double top = v00_ + (v10_ - v00_) * tx;
-        const double bottom = v01_ + (v11_ - v01_) * tx;
-        return top + (bottom - top) * ty_;
+        const double top = v00_ + (v10_ - v00_) * x.weight;
+        const double bottom = v01_ + (v11_ - v01_) * x.weight;
+        return top + (bottom - top) * row_.weight;
     }
 
 private:
     uint64_t seed_;
-    int64_t iy_;
-    double ty_;
+    LatticePoint row_;
     int64_t ix_ = 0;
     bool cellKnown_ = false;
     double v00_ = 0.0, v10_ = 0.0, v01_ = 0.0, v11_ = 0.0;
 };
-
-inline double ValueNoise(uint64_t seed, double x, double y) { return ValueNoiseRow(seed, y)(x); }
 
 }  // namespace virtual_sensor

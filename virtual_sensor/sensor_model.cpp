@@ -134,12 +134,14 @@ void PatternBuilder::buildGainMap() {
     Spread shadingSpread;
     Spread pixelSpread;
     Random pixelRandom(StreamSeed(settings_.seed, kGainPixels));
+    const LatticeColumns coarseColumns(columns_, coarse);
+    const LatticeColumns fineColumns(columns_, fine);
     for (int y = 0; y < rows_; ++y) {
         ValueNoiseRow coarseNoise(shadingSeed, y / coarse);
         ValueNoiseRow fineNoise(shadingSeed + 1, y / fine);
         for (int x = 0; x < columns_; ++x) {
             const size_t i = static_cast<size_t>(y) * columns_ + x;
-            shading[i] = coarseNoise(x / coarse) + 0.5 * fineNoise(x / fine);
+            shading[i] = coarseNoise(coarseColumns[x]) + 0.5 * fineNoise(fineColumns[x]);
             pixelPart[i] = static_cast<float>(pixelRandom.gaussian());
             if (!cut_.contains(x, y)) {
                 shadingSpread.add(shading[i]);
