@@ -6,6 +6,7 @@
 #include "png_io.h"
 
 #include <png.h>
+#include <zlib.h>
 
 #include <cerrno>
 #include <cstring>
@@ -179,6 +180,10 @@ bool WriteGray(std::FILE* file, uint32_t width, uint32_t height, const std::vect
         // Each row of a radiograph is close to the one above it: the "up" filter alone wrote a
         // sensor frame a quarter faster than trying every filter on every row, and smaller.
         png_set_filter(png, PNG_FILTER_TYPE_BASE, PNG_FILTER_UP);
+        // After that filter, runs of equal bytes are what is left to find: looking for runs only
+        // wrote a full frame in 100 ms instead of 160, 3 % smaller for a corrected frame and 11 %
+        // larger for a processed one.
+        png_set_compression_strategy(png, Z_RLE);
     }
     png_write_info(png, info);
     if (sizeof(Sample) == 2 && IsLittleEndianHost()) {
