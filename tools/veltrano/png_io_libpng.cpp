@@ -144,29 +144,13 @@ std::string DamageText(const ErrorSink& sink, std::FILE* file) {
     return sink.message[0] ? std::string("is damaged: ") + sink.message : "is damaged";
 }
 
+// Runs the encoder under setjmp, owning nothing (see RunDecode). Returns false when libpng
+// reported an error, with errno as it was then in writeError.
 template <typename Sample>
-bool WriteGray(std::FILE* file, uint32_t width, uint32_t height, const std::vector<Sample>& pixels,
-               std::string& error) {
-    if (width == 0 || height == 0 || pixels.size() != static_cast<size_t>(width) * height) {
-        error = "image size does not match its pixels";
-        return false;
-    }
-    ErrorSink sink;
-    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, &sink, OnError, OnWarning);
-    png_infop info = png ? png_create_info_struct(png) : nullptr;
-    if (png == nullptr || info == nullptr) {
-        png_destroy_write_struct(&png, &info);
-        error = "out of memory";
-        return false;
-    }
+bool RunEncode(png_structp png, png_infop info, std::FILE* file, uint32_t width, uint32_t height,
+               const Sample* pixels, int* writeError) {
     if (setjmp(png_jmpbuf(png))) {
-        const int writeError = errno;
-        png_destroy_write_struct(&png, &info);
-        // libpng says "Write Error" when the stream refuses bytes, a full disk most often.
-        error =
-            std::strcmp(sink.message, "Write Error") == 0
-                ? std::string("could not be written completely (") + std::strerror(writeError) + ")"
-                : std::string("could not be written: ") + sink.message;
+        *writeError = errno;
         return false;
     }
     png_init_io(png, file);
@@ -190,12 +174,39 @@ bool WriteGray(std::FILE* file, uint32_t width, uint32_t height, const std::vect
         png_set_swap(png);
     }
     for (uint32_t y = 0; y < height; ++y) {
-        const Sample* row = pixels.data() + static_cast<size_t>(y) * width;
-        png_write_row(png, reinterpret_cast<png_const_bytep>(row));
+        png_write_row(png,
+                      reinterpret_cast<png_const_bytep>(pixels + static_cast<size_t>(y) * width));
     }
     png_write_end(png, nullptr);
-    png_destroy_write_struct(&png, &info);
     return true;
+}
+
+template <typename Sample>
+bool WriteGray(std::FILE* file, uint32_t width, uint32_t height, const std::vector<Sample>& pixels,
+               std::string& error) {
+    if (width == 0 || height == 0 || pixels.size() != static_cast<size_t>(width) * height) {
+        error = "image size does not match its pixels";
+        return false;
+    }
+    ErrorSink sink;
+    png_structp png = png_create_write_struct(PNG_LIBPNG_VER_STRING, &sink, OnError, OnWarning);
+    png_infop info = png ? png_create_info_struct(png) : nullptr;
+    if (png == nullptr || info == nullptr) {
+        png_destroy_write_struct(&png, &info);
+        error = "out of memory";
+        return false;
+    }
+    int writeError = 0;
+    const bool written = RunEncode(png, info, file, width, height, pixels.data(), &writeError);
+    png_destroy_write_struct(&png, &info);
+    if (!written) {
+        // libpng says "Write Error" when the stream refuses bytes, a full disk most often.
+        error =
+            std::strcmp(sink.message, "Write Error") == 0
+                ? std::string("could not be written completely (") + std::strerror(writeError) + ")"
+                : std::string("could not be written: ") + sink.message;
+    }
+    return written;
 }
 
 }  // namespace
