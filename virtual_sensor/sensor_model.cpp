@@ -365,7 +365,7 @@ void SensorModel::expose(uint64_t frameIndex, std::vector<uint16_t>& frame, doub
 
 std::vector<uint16_t> SensorModel::calibrationFlat(double dose) const {
     std::vector<uint16_t> flat(pattern_->gain.size(), 0);
-    const int level = flatLevel(dose, &flat);
+    const int level = flatLevel(dose, flat);
     // The first pixel lies in a cut corner and would read 0; it carries the frame's level.
     if (!flat.empty()) {
         flat[0] = static_cast<uint16_t>(std::clamp(level, 0, 65535));
@@ -373,11 +373,10 @@ std::vector<uint16_t> SensorModel::calibrationFlat(double dose) const {
     return flat;
 }
 
-int SensorModel::gainLevel(double dose) const { return flatLevel(dose, nullptr); }
-
-// The bright mean of a noise-free flat exposure, taken from its histogram; on the way, the
-// good pixels' values go to flat when it is given.
-int SensorModel::flatLevel(double dose, std::vector<uint16_t>* flat) const {
+// The level that the system compares with an image's bright mean when it picks one of several
+// gain frames: the bright mean of a noise-free flat exposure of this dose, from its histogram.
+// On the way, the good pixels' values go to flat.
+int SensorModel::flatLevel(double dose, std::vector<uint16_t>& flat) const {
     std::vector<uint64_t> histogram(65536, 0);
     for (int y = 0; y < rows_; ++y) {
         for (int x = 0; x < columns_; ++x) {
@@ -387,22 +386,12 @@ int SensorModel::flatLevel(double dose, std::vector<uint16_t>* flat) const {
                 continue;
             }
             const uint16_t good = ToRaw(expected(i, dose));
-            if (flat != nullptr) {
-                (*flat)[i] = good;
-            }
+            flat[i] = good;
             ++histogram[pattern_->stuck[i] >= 0 ? static_cast<size_t>(pattern_->stuck[i]) : good];
         }
     }
     const double level = BrightMeanOf(histogram);
     return level > 0.0 ? static_cast<int>(level + 0.5) : static_cast<int>(dose + 0.5);
-}
-
-double BrightMean(const std::vector<uint16_t>& frame) {
-    std::vector<uint64_t> histogram(65536, 0);
-    for (uint16_t v : frame) {
-        ++histogram[v];
-    }
-    return BrightMeanOf(histogram);
 }
 
 double BrightMeanOf(const std::vector<uint64_t>& histogram) {

@@ -41,12 +41,10 @@ public:
 
     // A calibration flat of the given dose: the noise-free mean of many flat exposures, with the
     // defective pixels holding what a good pixel there would read (the defect file flags them)
-    // and the first pixel holding the frame's gain level (see gainLevel).
+    // and the first pixel holding the frame's gain level: the level that the system compares
+    // with an image's bright mean when it picks one of several gain frames, the bright mean of
+    // this flat with its defective pixels reading what they are stuck at.
     std::vector<uint16_t> calibrationFlat(double dose) const;
-
-    // The level that the system compares with an image's bright mean when it picks one of
-    // several gain frames: the bright mean of a noise-free flat exposure of this dose.
-    int gainLevel(double dose) const;
 
     // 1 at every defective pixel, 0 elsewhere (the cut corners are not defects).
     const std::vector<uint8_t>& defectMap() const { return pattern_->defects; }
@@ -59,7 +57,7 @@ public:
 private:
     // Noise-free raw value of a good pixel for an incident signal of dose * scene.
     double expected(size_t index, double signal) const;
-    int flatLevel(double dose, std::vector<uint16_t>* flat) const;
+    int flatLevel(double dose, std::vector<uint16_t>& flat) const;
 
     Settings settings_;
     int columns_;
@@ -71,10 +69,9 @@ private:
     std::shared_ptr<const std::vector<float>> scene_;
 };
 
-// The bright mean of a frame as the gain correction computes it: the mean of the brightest
-// pixels, taken by whole histogram bins from the top until at least 5000 pixels are counted.
-double BrightMean(const std::vector<uint16_t>& frame);
-// The same from a histogram of 65536 bins.
+// The bright mean of a frame, from its histogram of 65536 bins, as the gain correction computes
+// it: the mean of the brightest pixels, taken by whole bins from the top until at least 5000
+// pixels are counted.
 double BrightMeanOf(const std::vector<uint64_t>& histogram);
 
 }  // namespace virtual_sensor
