@@ -34,21 +34,33 @@ inline double MedianOf(std::vector<double> values) {
     return *middle;
 }
 
-// Whether |MedianOf(values) - 1| > deviation, found by counting instead of selecting: a line of
-// the sensor is judged this way once per level, for every row and column. Both |v - 1| > deviation
-// above 1 and below it hold for a run of the sorted values from the end, so the median is
-// beyond a side exactly when more than the values below the median's index lie there.
+// Whether the median of count values lies beyond a deviation from 1, given how many of them lie
+// beyond it above 1 and how many below: sorted, the values below 1 beyond the deviation come
+// first and those above it last, so the median (index count / 2) is beyond a side exactly when
+// more than the values before the median's index lie there. A line of the sensor is judged this
+// way once per level, for every row and column, with no sorting.
+inline bool MedianBeyond(size_t count, size_t above, size_t below) {
+    const size_t middle = count / 2;
+    return count > 0 && (below > middle || above >= count - middle);
+}
+
+// Whether value lies beyond deviation from 1, above it (first) or below it (second).
+inline bool BeyondAbove(double value, double deviation) {
+    return std::fabs(value - 1.0) > deviation && value > 1.0;
+}
+inline bool BeyondBelow(double value, double deviation) {
+    return std::fabs(value - 1.0) > deviation && value < 1.0;
+}
+
+// Whether |MedianOf(values) - 1| > deviation, found by counting instead of selecting.
 inline bool MedianDeviatesFromOne(const std::vector<double>& values, double deviation) {
     if (values.empty()) return 0.0 > deviation;  // the median of nothing is 1
-    const size_t middle = values.size() / 2;
     size_t above = 0, below = 0;
     for (double v : values) {
-        const double off = std::fabs(v - 1.0);
-        above += off > deviation && v > 1.0;
-        below += off > deviation && v < 1.0;
+        above += BeyondAbove(v, deviation);
+        below += BeyondBelow(v, deviation);
     }
-    // Sorted, the values below 1 beyond the deviation come first and those above it last.
-    return below > middle || above >= values.size() - middle;
+    return MedianBeyond(values.size(), above, below);
 }
 
 // What the checks of a calibration run look at, over the pixels outside the cut corners.
