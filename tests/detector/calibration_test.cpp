@@ -17,10 +17,14 @@ constexpr unsigned long long kPixels = kWidth * kHeight, kFrameBytes = kPixels *
 // A gain file: 1040 header bytes and each frame's 16-bit little-endian pixels.
 void WriteGainFile(const fs::path& path, const std::vector<std::vector<uint16_t>>& frames) {
     fs::create_directories(path.parent_path());
-    std::string bytes(1040, 'H');
+    size_t size = 1040;
+    for (const std::vector<uint16_t>& frame : frames) size += 2 * frame.size();
+    std::string bytes(size, 'H');
+    char* out = bytes.data() + 1040;
     for (const std::vector<uint16_t>& frame : frames) {
         for (uint16_t v : frame) {
-            bytes += {static_cast<char>(v & 0xFF), static_cast<char>(v >> 8)};
+            *out++ = static_cast<char>(v & 0xFF);
+            *out++ = static_cast<char>(v >> 8);
         }
     }
     std::ofstream(path, std::ios::binary).write(bytes.data(), static_cast<long>(bytes.size()));
