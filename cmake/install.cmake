@@ -42,6 +42,11 @@ if(TARGET veltrano_cli)
   set_target_properties(veltrano_cli PROPERTIES INSTALL_RPATH "\$ORIGIN/${_veltrano_bin_to_lib}")
   install(TARGETS veltrano_cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT program)
 endif()
+if(TARGET veltrano_studio_module)
+  # The studio module goes with the program, which looks for it in this folder (lib/veltrano).
+  install(TARGETS veltrano_studio_module LIBRARY DESTINATION ${VELTRANO_MODULE_DIR}
+    COMPONENT program)
+endif()
 
 if(TARGET FpdSys)
   # The virtual sensor goes where the library looks for the driver: beside it (bin/ on
