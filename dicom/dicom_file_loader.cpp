@@ -9,24 +9,25 @@
 namespace vdicom {
 namespace {
 
+// Never closed, and so never destroyed: unloading DCMTK at exit would only spend time tearing
+// down its globals.
+veltrano::platform::DynamicLibrary* g_library = nullptr;
 const DicomFileFunctions* g_functions = nullptr;
 std::string g_loadError;
 
 void Load() {
-    // Never closed: unloading DCMTK at exit would only spend time tearing down its globals.
-    auto* library = new veltrano::platform::DynamicLibrary;
+    g_library = new veltrano::platform::DynamicLibrary;
     const std::string fileName = VELTRANO_DICOM_LIBRARY_FILE;
-    if (!library->openFile(fileName)) {
-        g_loadError = "the DICOM library cannot be loaded (" + library->error() + ")";
-        delete library;
+    if (!g_library->openFile(fileName)) {
+        g_loadError = "the DICOM library cannot be loaded (" + g_library->error() + ")";
         return;
     }
     using Entry = decltype(&veltrano_dicom_file_functions);
-    const auto entry = reinterpret_cast<Entry>(library->symbol(kDicomEntryName));
+    const auto entry = reinterpret_cast<Entry>(g_library->symbol(kDicomEntryName));
     g_functions = entry != nullptr ? entry(DicomLayout()) : nullptr;
     if (g_functions == nullptr) {
         g_loadError = "the DICOM library " + fileName + " does not belong to this program";
-        delete library;
+        g_library->close();
     }
 }
 
