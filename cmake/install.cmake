@@ -1,7 +1,7 @@
 # Installation and packaging: `cmake --install` puts the library, its headers, a CMake package
 # (find_package(Veltrano) gives Veltrano::veltrano) and a pkg-config file into the prefix, with
-# the command-line program, the chain files, the virtual sensor and the DICOM library (where DCMTK
-# is found) as components of their own.
+# the command-line program (with the studio module it loads), the chain files, the virtual sensor
+# and the DICOM library (where DCMTK is found) as components of their own.
 # CPack turns the same into Debian packages on Linux and a zip on Windows.
 include(CMakePackageConfigHelpers)
 
@@ -41,6 +41,11 @@ if(TARGET veltrano_cli)
   file(RELATIVE_PATH _veltrano_bin_to_lib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
   set_target_properties(veltrano_cli PROPERTIES INSTALL_RPATH "\$ORIGIN/${_veltrano_bin_to_lib}")
   install(TARGETS veltrano_cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT program)
+endif()
+if(TARGET veltrano_studio_module)
+  # The studio module goes with the program, which looks for it in this folder (lib/veltrano).
+  install(TARGETS veltrano_studio_module LIBRARY DESTINATION ${VELTRANO_MODULE_DIR}
+    COMPONENT program)
 endif()
 
 if(TARGET FpdSys)
@@ -108,8 +113,9 @@ else()
   set(CPACK_DEBIAN_VIRTUAL_SENSOR_PACKAGE_DEPENDS
     "libveltrano${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR} (= ${PROJECT_VERSION})")
   if(VELTRANO_PACKAGE_DICOM)
-    # DCMTK's run-time libraries come through the shared-library dependencies; the program needs
-    # this package's library as well.
+    # DCMTK's run-time libraries come through the shared-library dependencies. The program loads
+    # this package's library when it reads or writes a DICOM file, which the shared-library
+    # dependencies cannot see: it is named here.
     set(CPACK_DEBIAN_DICOM_PACKAGE_NAME libveltrano-dicom)
     set(CPACK_DEBIAN_PROGRAM_PACKAGE_DEPENDS
       "${CPACK_DEBIAN_PROGRAM_PACKAGE_DEPENDS}, libveltrano-dicom (= ${PROJECT_VERSION})")

@@ -4,10 +4,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
-#include <filesystem>
 #include <mutex>
 
 #include "dicom.h"
+#include "dicom_entry.h"
 
 #include <dcmtk/config/osconfig.h>
 #include <dcmtk/dcmdata/dcdeftag.h>
@@ -194,21 +194,9 @@ std::string Get(DcmItem* item, const DcmTagKey& tag) {
     return "";
 }
 
-std::string Upper(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
-    return text;
-}
-
 }  // namespace
 
-const char kNoDicomSupport[] = "DICOM support is not built into this program (DCMTK was not found)";
-
 bool DicomSupported() { return true; }
-
-bool IsDicomPath(const std::string& path) {
-    return Upper(std::filesystem::path(path).extension().string()) == ".DCM";
-}
 
 bool WriteDicom(const std::string& path, const DicomImage& image, DicomImageKind kind,
                 const DicomIdentity& given, const DicomDetector& detector, std::string& error,
@@ -572,3 +560,8 @@ bool ReadDicom(const std::string& path, DicomImage& image, DicomSource& source,
 }
 
 }  // namespace vdicom
+
+extern "C" const vdicom::DicomFileFunctions* veltrano_dicom_file_functions(uint64_t layout) {
+    static const vdicom::DicomFileFunctions functions = {&vdicom::WriteDicom, &vdicom::ReadDicom};
+    return layout == vdicom::DicomLayout() ? &functions : nullptr;
+}

@@ -1,10 +1,15 @@
 #include "dicom_identity.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
+#include <filesystem>
 #include <mutex>
 #include <random>
+
+#include "dicom.h"
 
 namespace vdicom {
 namespace {
@@ -299,6 +304,16 @@ std::string NewUid() {
     high = (high & ~0xF000ULL) | 0x4000ULL;
     low = (low & 0x3FFFFFFFFFFFFFFFULL) | 0x8000000000000000ULL;
     return "2.25." + Decimal128(high, low);
+}
+
+// These two need no DCMTK either: the program answers with them before it loads the library.
+const char kNoDicomSupport[] = "DICOM support is not built into this program (DCMTK was not found)";
+
+bool IsDicomPath(const std::string& path) {
+    std::string ext = std::filesystem::path(path).extension().string();
+    std::transform(ext.begin(), ext.end(), ext.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return ext == ".dcm";
 }
 
 }  // namespace vdicom

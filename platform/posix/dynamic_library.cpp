@@ -35,14 +35,16 @@ std::string DynamicLibrary::fileNameFor(const std::string& baseName) {
     return "lib" + baseName + ".so";
 }
 
-bool DynamicLibrary::open(const std::string& baseName) {
+bool DynamicLibrary::open(const std::string& baseName) { return openFile(fileNameFor(baseName)); }
+
+bool DynamicLibrary::openFile(const std::string& fileName) {
     close();
-    const std::string fileName = fileNameFor(baseName);
+    error_.clear();
     // A bare file name makes dlopen search the usual places: LD_LIBRARY_PATH, the calling
     // module's run path (our library's own folder), the system folders. RTLD_NOW so that a
     // library with unresolved references fails here instead of at its first call.
     handle_ = ::dlopen(fileName.c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (handle_ == nullptr) {
+    if (handle_ == nullptr && fileName.find('/') == std::string::npos) {
         // The run path belongs to whoever calls dlopen, and a sanitizer runtime that
         // intercepts dlopen becomes that caller. Looking beside our own module explicitly
         // keeps the search the same with or without one.
@@ -50,6 +52,12 @@ bool DynamicLibrary::open(const std::string& baseName) {
         if (!folder.empty()) {
             handle_ = ::dlopen((folder + fileName).c_str(), RTLD_NOW | RTLD_LOCAL);
         }
+    }
+    if (handle_ == nullptr) {
+        // The last attempt's reason: where the file was looked for beside our module, it names
+        // that path.
+        const char* why = ::dlerror();
+        error_ = why != nullptr ? why : "cannot be loaded";
     }
     return handle_ != nullptr;
 }

@@ -6,12 +6,16 @@ namespace veltrano::platform {
 
 namespace {
 
-// Library base names are plain ASCII ("FpdSys"), so widening byte by byte is enough.
+// Paths in this program are narrow strings in the ANSI code page, as the C runtime takes them.
 std::wstring Widen(const std::string& text) {
-    std::wstring wide;
-    wide.reserve(text.size());
-    for (unsigned char c : text) {
-        wide.push_back(static_cast<wchar_t>(c));
+    if (text.empty()) {
+        return std::wstring();
+    }
+    const int n =
+        ::MultiByteToWideChar(CP_ACP, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
+    std::wstring wide(static_cast<size_t>(n > 0 ? n : 0), L'\0');
+    if (n > 0) {
+        ::MultiByteToWideChar(CP_ACP, 0, text.data(), static_cast<int>(text.size()), &wide[0], n);
     }
     return wide;
 }
@@ -23,11 +27,20 @@ DynamicLibrary::~DynamicLibrary() { close(); }
 std::string DynamicLibrary::fileNameFor(const std::string& baseName) { return baseName + ".dll"; }
 
 bool DynamicLibrary::open(const std::string& baseName) {
-    close();
     // The base name goes to the loader as it is: without a path or an extension, LoadLibraryW
     // appends ".dll" and uses the standard search order, which starts with the folder of the
     // executable.
-    handle_ = ::LoadLibraryW(Widen(baseName).c_str());
+    return openFile(baseName);
+}
+
+bool DynamicLibrary::openFile(const std::string& fileName) {
+    close();
+    error_.clear();
+    handle_ = ::LoadLibraryW(Widen(fileName).c_str());
+    if (handle_ == nullptr) {
+        error_ = fileName + ": cannot be loaded (Windows error " +
+                 std::to_string(::GetLastError()) + ")";
+    }
     return handle_ != nullptr;
 }
 

@@ -1,5 +1,6 @@
 // The program's DICOM outputs and inputs, run as a host runs the program.
 #include "chain/cli_support.h"
+#include "chain/png_maker.h"
 
 #if !defined(_WIN32)
 #include <dcmtk/config/osconfig.h>
@@ -138,6 +139,57 @@ TEST_F(VeltranoDicom, BadValuesAndInputsAreRefusedWithoutOutput) {
     EXPECT_NE(run.second.find("patient and study of a DICOM input are kept"), std::string::npos)
         << run.second;
     EXPECT_FALSE(fs::exists(dir_ / "old.dcm.part"));
+}
+
+// The program loads the DICOM library only to read or write a DICOM file. A copy of it beside a
+// damaged library, which the loader finds first in the program's own folder, still starts,
+// checks the patient options and processes PNG images, and refuses DICOM files with one line
+// before any work, leaving no output behind.
+TEST_F(VeltranoDicom, DamagedDicomLibraryFailsOnlyWhatNeedsIt) {
+    const fs::path bin = dir_ / "bin";
+    fs::create_directories(bin);
+    fs::copy_file(program_, bin / "veltrano");
+    Write("bin/" VELTRANO_DICOM_LIBRARY_FILE, "not a shared library");
+    const std::string chain =
+        " --chain '" + (fs::absolute("chains") / "default.chain").string() + "'";
+    png_maker::PngPlan plan;
+    plan.width = 64;
+    plan.height = 48;
+    for (uint32_t i = 0; i < plan.width * plan.height; ++i) {
+        plan.samples.push_back(static_cast<uint16_t>(1000 + 7 * i));
+    }
+    Write("in.png", png_maker::Make(plan));
+    // A DICOM input made by the program in the build folder, with the library in its place.
+    ASSERT_EQ(Veltrano("process" + chain + " --in in.png --out good.dcm --pixel-pitch 0.02").first,
+              0);
+    const std::string copy = "timeout 60 bin/veltrano ";
+
+    auto run = Shell(copy + "process" + chain + " --in in.png --out out.png");
+    EXPECT_EQ(run.first, 0) << run.second;
+    EXPECT_TRUE(fs::exists(dir_ / "out.png"));
+
+    run = Shell(copy + "process" + chain + " --in in.png --out out.dcm --tooth 19");
+    EXPECT_EQ(run.first, 2);
+    EXPECT_NE(run.second.find("--tooth: '19'"), std::string::npos) << run.second;
+
+    const std::string refused[] = {
+        "process" + chain + " --in in.png --out out.dcm --pixel-pitch 0.02",
+        "process" + chain + " --in good.dcm --out fromdcm.png",
+        "demo --out demo" + chain,
+    };
+    for (const std::string& args : refused) {
+        run = Shell(copy + args);
+        EXPECT_EQ(run.first, 1) << args;
+        EXPECT_EQ(cli_test::Lines(run.second), 1u) << args << "\n" << run.second;
+        EXPECT_NE(run.second.find("the DICOM library cannot be loaded"), std::string::npos)
+            << args << "\n"
+            << run.second;
+    }
+    EXPECT_FALSE(fs::exists(dir_ / "out.dcm"));
+    EXPECT_FALSE(fs::exists(dir_ / "out.dcm.part"));
+    EXPECT_FALSE(fs::exists(dir_ / "fromdcm.png"));
+    // Refused before the exposure: nothing of the demo was written.
+    EXPECT_FALSE(fs::exists(dir_ / "demo" / "corrected.png"));
 }
 
 }  // namespace

@@ -62,6 +62,10 @@ int RunDemo(const DemoOptions& options) {
     if (!CheckChain(chain, error)) {
         return Fail(chain, error);
     }
+    const std::string dicomPath = (outDir / "processed.dcm").string();
+    if (vdicom::DicomSupported() && !CheckDicomOutput(dicomPath, sensor.pixelPitchMm, error)) {
+        return Fail(dicomPath, error);
+    }
     const fs::path workDir = outDir / "sensor";
     std::error_code ec;
     fs::create_directories(workDir, ec);
@@ -146,7 +150,6 @@ int RunDemo(const DemoOptions& options) {
     if (!WritePreview(previewPath, preview.width, preview.height, preview.pixels, error)) {
         return Fail(previewPath, error);
     }
-    const std::string dicomPath = (outDir / "processed.dcm").string();
     if (vdicom::DicomSupported()) {
         PendingOutput output;
         if (!output.Open(dicomPath, error) ||

@@ -1,5 +1,9 @@
 #include "dicom_output.h"
 
+#if defined(VELTRANO_DICOM_LOADER)
+#include "dicom/dicom_entry.h"
+#endif
+
 #include "veltrano_c.h"
 
 namespace vcli {
@@ -44,7 +48,12 @@ bool CheckDicomOutput(const std::string& target, double pitchMm, std::string& er
         error = "a DICOM image needs the sensor's pixel pitch: give --pixel-pitch MM";
         return false;
     }
+#if defined(VELTRANO_DICOM_LOADER)
+    // The library that writes it is loaded now, so that an installation without it fails here.
+    return vdicom::LoadDicomLibrary(error);
+#else
     return true;
+#endif
 }
 
 bool WriteDicomImage(PendingOutput& output, const Image16& image, vdicom::DicomImageKind kind,

@@ -35,8 +35,9 @@ bool HasDicomIdentityOptions(const DicomOptions& options);
 // sensor is known to have (0: unknown).
 double PixelPitchFromOptions(const DicomOptions& options, double sensorPitchMm = 0.0);
 
-// Refuses, before any work is spent, a .dcm output in a build without DCMTK or without a known
-// pixel pitch (pitchMm 0). Returns false with a description of the problem.
+// Refuses, before any work is spent, a .dcm output in a build without DCMTK, without a known
+// pixel pitch (pitchMm 0) or whose DICOM library cannot be loaded. Returns false with a
+// description of the problem.
 bool CheckDicomOutput(const std::string& target, double pitchMm, std::string& error);
 
 // How the program's own images are drawn. The sensor's values are high where little absorbs;

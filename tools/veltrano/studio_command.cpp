@@ -8,6 +8,8 @@
 #include "commands.h"
 #include "host_system.h"
 #if VELTRANO_STUDIO
+#include "platform/dynamic_library.h"
+#include "platform/system.h"
 #include "studio/studio.h"
 #endif
 
@@ -51,11 +53,57 @@ bool TakeStudioExposure(const std::string& workDir, studio::StudioImage& picture
     return true;
 }
 
+using StudioEntry = decltype(&veltrano_studio_run);
+
+// Loads the studio module: beside the program in a build tree, in the module folder once
+// installed. Null after the one line that says what is wrong when it is missing or broken.
+StudioEntry LoadStudioModule(veltrano::platform::DynamicLibrary& module, std::string& path) {
+    const std::string folder = veltrano::platform::ExecutableFolder();
+    const std::string fileName = VELTRANO_STUDIO_MODULE_FILE;
+    const std::string installed = folder + VELTRANO_MODULE_DIR_FROM_BIN + "/" + fileName;
+    path.clear();
+    if (!folder.empty()) {
+        for (const std::string& place : {folder + fileName, installed}) {
+            std::error_code ec;
+            if (fs::exists(place, ec)) {
+                path = place;
+                break;
+            }
+        }
+    }
+    if (path.empty()) {
+        Fail("studio", "its module " + fileName + " is missing (looked for " + folder + fileName +
+                           " and " + installed + ")");
+        return nullptr;
+    }
+    if (!module.openFile(path)) {
+        // The system's reason usually begins with the path already given.
+        std::string why = module.error();
+        if (why.compare(0, path.size() + 2, path + ": ") == 0) {
+            why.erase(0, path.size() + 2);
+        }
+        Fail(path, "cannot be loaded as the studio module: " + why);
+        return nullptr;
+    }
+    StudioEntry entry = reinterpret_cast<StudioEntry>(module.symbol(studio::kStudioEntryName));
+    if (entry == nullptr) {
+        Fail(path, std::string("is not the studio module: it has no entry point ") +
+                       studio::kStudioEntryName);
+    }
+    return entry;
+}
+
 }  // namespace
 #endif
 
 int RunStudioCommand(const StudioCommandOptions& options) {
 #if VELTRANO_STUDIO
+    veltrano::platform::DynamicLibrary module;
+    std::string modulePath;
+    const StudioEntry runStudio = LoadStudioModule(module, modulePath);
+    if (runStudio == nullptr) {
+        return kExitFailure;
+    }
     studio::StudioOptions studioOptions;
     studioOptions.port = options.port;
     studioOptions.openBrowser = !options.noBrowser;
@@ -88,7 +136,11 @@ int RunStudioCommand(const StudioCommandOptions& options) {
             return TakeStudioExposure(workDir, picture, why, progress);
         };
     }
-    return studio::RunStudio(studioOptions);
+    const int code = runStudio(&studioOptions, sizeof studioOptions);
+    if (code == studio::kStudioEntryMismatch) {
+        return Fail(modulePath, "is a studio module from another build of the program");
+    }
+    return code;
 #else
     (void)options;
     return Fail("studio",
