@@ -215,42 +215,50 @@ std::vector<float> RenderPhantom(int columns, int rows, uint32_t seed) {
     // Alveolar bone lies below the crest, which rises between the teeth; the crest depends on the
     // column only.
     std::vector<double> crests(static_cast<size_t>(columns));
-    ValueNoiseRow crestNoise(tissueSeed + 1, 0.5);
+    const LatticeColumns crestColumns(columns, w / 10.0);
+    ValueNoiseRows(tissueSeed + 1, crestColumns).row(0.5, crests.data());
     for (int column = 0; column < columns; ++column) {
         const double x = column;
         const double u = x / w;
-        crests[static_cast<size_t>(column)] = neckRow + 0.05 * h +
-                                              0.025 * h * std::cos(6.283185307 * (u - 0.5) / 0.34) +
-                                              0.02 * h * (crestNoise(x / (w / 10.0)) - 0.5);
+        double& crest = crests[static_cast<size_t>(column)];
+        crest = neckRow + 0.05 * h + 0.025 * h * std::cos(6.283185307 * (u - 0.5) / 0.34) +
+                0.02 * h * (crest - 0.5);
     }
 
     const LatticeColumns tissueColumns(columns, w / 3.0);
     const LatticeColumns boneColumns1(columns, trabecula);
     const LatticeColumns boneColumns2(columns, 0.5 * trabecula);
     const LatticeColumns densityColumns(columns, w / 5.0);
+    ValueNoiseRows tissueNoise(tissueSeed, tissueColumns);
+    ValueNoiseRows boneNoise1(boneSeed, boneColumns1);
+    ValueNoiseRows boneNoise2(boneSeed + 1, boneColumns2);
+    ValueNoiseRows densityNoise(boneSeed + 2, densityColumns);
+    std::vector<double> tissueRow(static_cast<size_t>(columns));
+    std::vector<double> boneRow1(static_cast<size_t>(columns));
+    std::vector<double> boneRow2(static_cast<size_t>(columns));
+    std::vector<double> densityRow(static_cast<size_t>(columns));
     for (int row = 0; row < rows; ++row) {
         const double y = row;
         const double v = y / h;
-        ValueNoiseRow tissueNoise(tissueSeed, y / (h / 3.0));
-        ValueNoiseRow boneNoise1(boneSeed, y / (1.3 * trabecula));
-        ValueNoiseRow boneNoise2(boneSeed + 1, y / (0.6 * trabecula));
-        ValueNoiseRow densityNoise(boneSeed + 2, y / (h / 5.0));
+        tissueNoise.row(y / (h / 3.0), tissueRow.data());
+        boneNoise1.row(y / (1.3 * trabecula), boneRow1.data());
+        boneNoise2.row(y / (0.6 * trabecula), boneRow2.data());
+        densityNoise.row(y / (h / 5.0), densityRow.data());
         for (int column = 0; column < columns; ++column) {
             const double x = column;
             const double u = x / w;
+            const auto c = static_cast<size_t>(column);
 
             // Soft tissue: thin above the crowns, gum and cheek below, thicker on one side.
-            double attenuation = 0.12 + 0.33 * Smoothstep(0.05, 0.45, v) + 0.10 * (1.0 - u) +
-                                 0.10 * (tissueNoise(tissueColumns[column]) - 0.5);
+            double attenuation =
+                0.12 + 0.33 * Smoothstep(0.05, 0.45, v) + 0.10 * (1.0 - u) + 0.10 * (tissueRow[c] - 0.5);
 
-            const double crest = crests[static_cast<size_t>(column)];
+            const double crest = crests[c];
             double bone = Smoothstep(crest, crest + 0.03 * h, y);
             if (bone > 0.0) {
-                const double n1 = boneNoise1(boneColumns1[column]);
-                const double n2 = boneNoise2(boneColumns2[column]);
-                const double r1 = FourthPower(1.0 - std::fabs(2.0 * n1 - 1.0));
-                const double r2 = FourthPower(1.0 - std::fabs(2.0 * n2 - 1.0));
-                const double density = 0.70 + 0.30 * densityNoise(densityColumns[column]);
+                const double r1 = FourthPower(1.0 - std::fabs(2.0 * boneRow1[c] - 1.0));
+                const double r2 = FourthPower(1.0 - std::fabs(2.0 * boneRow2[c] - 1.0));
+                const double density = 0.70 + 0.30 * densityRow[c];
                 bone *= density * (0.35 + 0.30 * r1 + 0.15 * r2);
             }
 
