@@ -79,8 +79,7 @@ double CrownDepth(const Tooth& t, double half, double inset) {
 // The occlusal surface: two cusp tips with a fissure between them.
 double OcclusalRow(const Tooth& t, double dx) {
     const double depth = 0.05 * (t.neck - t.top);
-    const double c = std::cos(3.14159265358979 * dx / (1.1 * t.crownHalf));
-    return t.top + depth * c * c;
+    return t.top + depth * CosSquared(3.14159265358979 * dx / (1.1 * t.crownHalf));
 }
 
 // Path length through the crown outline shrunk by inset (0 for the outer surface), at a row
@@ -92,9 +91,10 @@ double CrownPath(const Tooth& t, double dx, double y, double occlusal, double in
     if (y < top || y > t.neck) {
         return 0.0;
     }
+    // The top edge is rounded off; a quarter of the crown's height below it the outline is full.
     const double rounding = 0.25 * (t.neck - t.top);
-    const double vertical = std::sqrt(std::min(1.0, (y - top) / rounding));
-    return vertical * EllipsePath(dx, half - inset, depth);
+    const double path = EllipsePath(dx, half - inset, depth);
+    return y - top >= rounding ? path : std::sqrt(std::min(1.0, (y - top) / rounding)) * path;
 }
 
 // What of a tooth depends on the row alone, worked out once per row so that each pixel pays only

@@ -49,6 +49,31 @@ inline double ExpOfNegative(double a) {
     return p * scale;
 }
 
+// cos^2 theta for |theta| <= pi, within 1e-15 of std::cos's square: the crowns' occlusal
+// surface takes one per pixel, and the library call with its own range reduction and rounding
+// mode guard cost as much as the rest of the crown. cos^2 is symmetric about pi / 2, which brings
+// the angle within [0, pi / 2], where the Taylor series of cos up to the 20th power is exact to
+// double precision (the first term left out is below 1e-17).
+inline double CosSquared(double theta) {
+    const double kHalfPi = 1.57079632679489661923;
+    const double kPi = 3.14159265358979323846;
+    const double t = theta < 0.0 ? -theta : theta;
+    const double m = t < kHalfPi ? t : kPi - t;
+    const double u = m * m;
+    double c = 1.0 / 2432902008176640000.0;  // 1 / 20!
+    c = c * u - 1.0 / 6402373705728000.0;
+    c = c * u + 1.0 / 20922789888000.0;
+    c = c * u - 1.0 / 87178291200.0;
+    c = c * u + 1.0 / 479001600.0;
+    c = c * u - 1.0 / 3628800.0;
+    c = c * u + 1.0 / 40320.0;
+    c = c * u - 1.0 / 720.0;
+    c = c * u + 1.0 / 24.0;
+    c = c * u - 0.5;
+    c = c * u + 1.0;
+    return c * c;
+}
+
 // columns x rows transmission values in (0, 1], row-major; the layout varies a little with seed.
 std::vector<float> RenderPhantom(int columns, int rows, uint32_t seed);
 

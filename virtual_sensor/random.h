@@ -139,48 +139,60 @@ private:
 };
 
 // Smooth value noise in [0, 1] over a frame's columns: random values on the integer lattice,
-// blended with a smoothstep, produced a row at a time. The lattice values of the two lattice rows
-// around the current row are kept until a row falls into another lattice row: on the broad cells
-// of a frame-sized pattern most rows, and most columns of a row, share them. Every sample is
-// exactly what a fresh computation at that point would give.
+// blended with a smoothstep, produced a row at a time. The blend along the columns depends only
+// on the lattice row (the cells' corner values and the column weights), so it is worked out once
+// for all the frame rows that fall into one lattice row, and each row then takes one blend
+// across. On the broad cells of a frame-sized pattern that is most rows. Every sample is exactly
+// what a fresh computation at that point would give.
 class ValueNoiseRows {
 public:
     ValueNoiseRows(uint64_t seed, const LatticeColumns& columns)
-        : seed_(seed), columns_(columns), corners_(4 * columns.runs().size()) {}
+        : seed_(seed),
+          columns_(columns),
+          top_(static_cast<size_t>(columns.columns())),
+          span_(static_cast<size_t>(columns.columns())) {}
 
     // The noise at row coordinate y for every column, into out[0, columns).
     void row(double y, double* out) {
         const LatticePoint row(y);
         if (!rowKnown_ || row.cell != iy_) {
-            const auto& runs = columns_.runs();
-            for (size_t r = 0; r < runs.size(); ++r) {
-                double* c = &corners_[4 * r];
-                c[0] = UnitFromBits(Hash3(seed_, runs[r].cell, row.cell));
-                c[1] = UnitFromBits(Hash3(seed_, runs[r].cell + 1, row.cell));
-                c[2] = UnitFromBits(Hash3(seed_, runs[r].cell, row.cell + 1));
-                c[3] = UnitFromBits(Hash3(seed_, runs[r].cell + 1, row.cell + 1));
-            }
-            iy_ = row.cell;
-            rowKnown_ = true;
+            blendColumns(row.cell);
         }
-        const double* weights = columns_.weights();
         const double wy = row.weight;
-        for (size_t r = 0; r < columns_.runs().size(); ++r) {
-            const double v00 = corners_[4 * r], v10 = corners_[4 * r + 1];
-            const double v01 = corners_[4 * r + 2], v11 = corners_[4 * r + 3];
-            const int end = columns_.runEnd(r);
-            for (int x = columns_.runs()[r].first; x < end; ++x) {
-                const double top = v00 + (v10 - v00) * weights[x];
-                const double bottom = v01 + (v11 - v01) * weights[x];
-                out[x] = top + (bottom - top) * wy;
-            }
+        const double* top = top_.data();
+        const double* span = span_.data();
+        for (int x = 0; x < columns_.columns(); ++x) {
+            out[x] = top[x] + span[x] * wy;
         }
     }
 
 private:
+    // The noise along the lattice row iy and along the next one, per column; span_ holds the
+    // difference.
+    void blendColumns(int64_t iy) {
+        const auto& runs = columns_.runs();
+        const double* weights = columns_.weights();
+        for (size_t r = 0; r < runs.size(); ++r) {
+            const double v00 = UnitFromBits(Hash3(seed_, runs[r].cell, iy));
+            const double v10 = UnitFromBits(Hash3(seed_, runs[r].cell + 1, iy));
+            const double v01 = UnitFromBits(Hash3(seed_, runs[r].cell, iy + 1));
+            const double v11 = UnitFromBits(Hash3(seed_, runs[r].cell + 1, iy + 1));
+            const int end = columns_.runEnd(r);
+            for (int x = runs[r].first; x < end; ++x) {
+                const double top = v00 + (v10 - v00) * weights[x];
+                const double bottom = v01 + (v11 - v01) * weights[x];
+                top_[static_cast<size_t>(x)] = top;
+                span_[static_cast<size_t>(x)] = bottom - top;
+            }
+        }
+        iy_ = iy;
+        rowKnown_ = true;
+    }
+
     uint64_t seed_;
     const LatticeColumns& columns_;
-    std::vector<double> corners_;  // v00, v10, v01, v11 of each run's cell
+    std::vector<double> top_;
+    std::vector<double> span_;
     int64_t iy_ = 0;
     bool rowKnown_ = false;
 };

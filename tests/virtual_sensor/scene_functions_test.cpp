@@ -1,4 +1,4 @@
-// The scene's own exponential against the standard library's.
+// The scene's own exponential and cosine against the standard library's.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -38,6 +38,24 @@ TEST(ExpOfNegative, FollowsTheStandardExponentialOverItsDomain) {
         check(rest(random));
     }
     EXPECT_EQ(virtual_sensor::ExpOfNegative(0.0), 1.0);
+}
+
+// Within 1e-15 absolute over [-pi, pi], on both sides of the fold at pi / 2 and at the ends,
+// where the crown's occlusal surface has its cusp tips (1) and its fissure (0).
+TEST(CosSquared, FollowsTheStandardCosineSquaredOverItsDomain) {
+    const double pi = 3.14159265358979323846;
+    const auto check = [](double theta) {
+        const double c = std::cos(theta);
+        EXPECT_NEAR(virtual_sensor::CosSquared(theta), c * c, 1e-15) << "theta = " << theta;
+    };
+    for (int n = -100000; n <= 100000; ++n) {
+        check(pi * n / 100000.0);
+    }
+    for (double theta : {pi / 2, std::nextafter(pi / 2, 0.0), std::nextafter(pi / 2, 4.0), pi, -pi,
+                         1e-300, -1e-300}) {
+        check(theta);
+    }
+    EXPECT_EQ(virtual_sensor::CosSquared(0.0), 1.0);
 }
 
 }  // namespace
