@@ -152,17 +152,29 @@ public:
           top_(static_cast<size_t>(columns.columns())),
           span_(static_cast<size_t>(columns.columns())) {}
 
-    // The noise at row coordinate y for every column, into out[0, columns).
-    void row(double y, double* out) {
+    // The noise along one row: noise[x] for column x.
+    struct Row {
+        const double* top;
+        const double* span;
+        double weight;
+        double operator[](int x) const { return top[x] + span[x] * weight; }
+    };
+
+    // The noise at row coordinate y, valid until the next call. Loops that combine it with
+    // other per-column values read it from here in the same pass.
+    Row at(double y) {
         const LatticePoint row(y);
         if (!rowKnown_ || row.cell != iy_) {
             blendColumns(row.cell);
         }
-        const double wy = row.weight;
-        const double* top = top_.data();
-        const double* span = span_.data();
+        return Row{top_.data(), span_.data(), row.weight};
+    }
+
+    // The noise at row coordinate y for every column, into out[0, columns).
+    void row(double y, double* out) {
+        const Row noise = at(y);
         for (int x = 0; x < columns_.columns(); ++x) {
-            out[x] = top[x] + span[x] * wy;
+            out[x] = noise[x];
         }
     }
 

@@ -175,23 +175,26 @@ void PatternBuilder::buildGainMap() {
     const LatticeColumns fineColumns(columns_, fine);
     ValueNoiseRows coarseNoise(shadingSeed, coarseColumns);
     ValueNoiseRows fineNoise(shadingSeed + 1, fineColumns);
-    std::vector<double> shading(static_cast<size_t>(columns_));
-    std::vector<double> fineRow(static_cast<size_t>(columns_));
-    const auto shadingRow = [&](int y) {
-        coarseNoise.row(y / coarse, shading.data());
-        fineNoise.row(y / fine, fineRow.data());
-        for (size_t x = 0; x < shading.size(); ++x) {
-            shading[x] += 0.5 * fineRow[x];
-        }
+    // The shading of row y: shading(x) is its value in column x.
+    struct ShadingRow {
+        ValueNoiseRows::Row coarse, fine;
+        double operator()(int x) const { return coarse[x] + 0.5 * fine[x]; }
+    };
+    const auto shadingOfRow = [&](int y) {
+        return ShadingRow{coarseNoise.at(y / coarse), fineNoise.at(y / fine)};
     };
 
+    std::vector<double> shading(static_cast<size_t>(columns_));
     std::vector<double> activeInColumn(static_cast<size_t>(columns_), 0.0);
     Spread shadingSpread;
     Spread pixelSpread;
     Random pixelRandom(StreamSeed(settings_.seed, kGainPixels));
     for (int y = 0; y < rows_; ++y) {
         float* pixelPart = &gain_[static_cast<size_t>(y) * columns_];
-        shadingRow(y);
+        const ShadingRow shadingHere = shadingOfRow(y);
+        for (int x = 0; x < columns_; ++x) {
+            shading[static_cast<size_t>(x)] = shadingHere(x);
+        }
         pixelRandom.gaussians(pixelPart, static_cast<size_t>(columns_));
         int first = 0, end = 0;
         cut_.uncut(y, first, end);
@@ -214,20 +217,21 @@ void PatternBuilder::buildGainMap() {
     const double shadingScale = 0.70 / shadingSpread.rms();
     const double pixelMean = pixelSpread.mean();
     const double pixelScale = 0.68 / pixelSpread.rms();
-    std::vector<double> mixed(static_cast<size_t>(columns_));
-    const auto mixedRow = [&](int y) {
-        shadingRow(y);
-        const float* pixelPart = &gain_[static_cast<size_t>(y) * columns_];
-        for (size_t x = 0; x < mixed.size(); ++x) {
-            mixed[x] = shadingScale * (shading[x] - shadingMean) + columnGain[x] +
-                       pixelScale * (pixelPart[x] - pixelMean);
-        }
+    // The mixture at column x of a row, from the row's shading and pixel part.
+    const auto mixedAt = [&](const ShadingRow& shadingHere, const float* pixelPart, int x) {
+        return shadingScale * (shadingHere(x) - shadingMean) +
+               columnGain[static_cast<size_t>(x)] + pixelScale * (pixelPart[x] - pixelMean);
     };
+    std::vector<double> mixed(static_cast<size_t>(columns_));
     Spread mixedSpread;
     for (int y = 0; y < rows_; ++y) {
-        mixedRow(y);
         int first = 0, end = 0;
         cut_.uncut(y, first, end);
+        const ShadingRow shadingHere = shadingOfRow(y);
+        const float* pixelPart = &gain_[static_cast<size_t>(y) * columns_];
+        for (int x = first; x < end; ++x) {
+            mixed[static_cast<size_t>(x)] = mixedAt(shadingHere, pixelPart, x);
+        }
         if (first < end) {
             mixedSpread.add(&mixed[first], end - first);
         }
@@ -235,12 +239,13 @@ void PatternBuilder::buildGainMap() {
     const double mixedMean = mixedSpread.mean();
     const double mixedScale = kGainSpread / mixedSpread.rms();
     for (int y = 0; y < rows_; ++y) {
-        mixedRow(y);
+        const ShadingRow shadingHere = shadingOfRow(y);
         float* gain = &gain_[static_cast<size_t>(y) * columns_];
-        for (size_t x = 0; x < mixed.size(); ++x) {
+        for (int x = 0; x < columns_; ++x) {
             // Clamped to [0.6, 1.4] after the rounding to float, which gives the same as before
             // it (the rounding keeps the order) and, done this way, vectorises.
-            const auto g = static_cast<float>(1.0 + mixedScale * (mixed[x] - mixedMean));
+            const auto g = static_cast<float>(
+                1.0 + mixedScale * (mixedAt(shadingHere, gain, x) - mixedMean));
             const float low = g < 0.6f ? 0.6f : g;
             gain[x] = 1.4f < low ? 1.4f : low;
         }
@@ -249,12 +254,17 @@ void PatternBuilder::buildGainMap() {
 
 void PatternBuilder::buildDarkOffsets() {
     Random random(StreamSeed(settings_.seed, kDark));
-    random.gaussians(darkOffset_.data(), darkOffset_.size());
-    for (float& offset : darkOffset_) {
-        // Kept at 0 or above after the rounding to float: the same as before it, and it
-        // vectorises.
-        const auto value = static_cast<float>(kDarkMean + kDarkSpread * offset);
-        offset = 0.0f < value ? value : 0.0f;
+    // A row at a time, so that the samples are still in the cache when they are scaled.
+    for (size_t from = 0; from < darkOffset_.size(); from += static_cast<size_t>(columns_)) {
+        float* offsets = &darkOffset_[from];
+        const size_t count = std::min(darkOffset_.size() - from, static_cast<size_t>(columns_));
+        random.gaussians(offsets, count);
+        for (size_t k = 0; k < count; ++k) {
+            // Kept at 0 or above after the rounding to float: the same as before it, and it
+            // vectorises.
+            const auto value = static_cast<float>(kDarkMean + kDarkSpread * offsets[k]);
+            offsets[k] = 0.0f < value ? value : 0.0f;
+        }
     }
 }
 
