@@ -109,11 +109,11 @@ struct ToothRow {
     double enamel = 0.0;  // enamel thickness, thinning out towards the neck
     double outerDepth = 0.0;
     double innerDepth = 0.0;
-    double crownChamber = 0.0;  // half-width of the pulp chamber in the crown
-    bool roots = false;         // below the neck, and not so far below the tips that they matter
-    bool pastApex = false;      // below the tips: only the distance to them counts
-    double apexRows = 0.0;      // rows below the tips
-    double axis[2] = {0.0, 0.0};     // each root's axis, from the tooth's
+    double crownChamber = 0.0;    // half-width of the pulp chamber in the crown
+    bool roots = false;           // below the neck, and not so far below the tips that they matter
+    bool pastApex = false;        // below the tips: only the distance to them counts
+    double apexRows = 0.0;        // rows below the tips
+    double axis[2] = {0.0, 0.0};  // each root's axis, from the tooth's
     double tipAxis[2] = {0.0, 0.0};  // each root tip's column, from the tooth's axis
     double rootHalf = 0.0;
     double rootDepth = 0.0;
@@ -176,8 +176,7 @@ ToothRow RowOfTooth(const Tooth& t, double y) {
     row.rootChamber =
         0.36 * t.neckHalf *
         (t.roots == 1 ? std::max(0.0, 1.0 - s / 0.12) : 1.0 - Smoothstep(0.02, 0.2, s));
-    row.rootReach =
-        std::max(row.rootHalf, row.canalHalf) + (kRootDistanceReach + 1.0) * t.pixel;
+    row.rootReach = std::max(row.rootHalf, row.canalHalf) + (kRootDistanceReach + 1.0) * t.pixel;
     return row;
 }
 
@@ -200,7 +199,8 @@ void SampleRoots(const ToothRow& row, double dx, ToothSample& out) {
             }
             out.root = std::max(out.root, EllipsePath(local, row.rootHalf, row.rootDepth));
             out.pulp = std::max(out.pulp, EllipsePath(local, row.canalHalf, 0.45 * row.rootDepth));
-            out.rootDistance = std::min(out.rootDistance, (std::fabs(local) - row.rootHalf) / t.pixel);
+            out.rootDistance =
+                std::min(out.rootDistance, (std::fabs(local) - row.rootHalf) / t.pixel);
         }
     }
     out.dentine += out.root;
@@ -222,10 +222,9 @@ ToothSample SampleTooth(const ToothRow& row, double x) {
             const double occlusal = OcclusalRow(t, dx);
             const double outer =
                 CrownPath(t, dx, row.y, occlusal, 0.0, row.crownHalf, row.outerDepth);
-            const double inner =
-                row.enamel > 0.0
-                    ? CrownPath(t, dx, row.y, occlusal, row.enamel, row.crownHalf, row.innerDepth)
-                    : outer;
+            const double inner = row.enamel > 0.0 ? CrownPath(t, dx, row.y, occlusal, row.enamel,
+                                                              row.crownHalf, row.innerDepth)
+                                                  : outer;
             out.enamel = std::max(0.0, outer - inner);
             out.dentine = inner;
         }

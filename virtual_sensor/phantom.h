@@ -21,7 +21,7 @@ namespace virtual_sensor {
 // e^r from its Taylor series to the 13th term (the next is below 2e-16 of it), and 2^-k put
 // together in the exponent bits.
 inline double ExpOfNegative(double a) {
-    const double kShifter = 6755399441055744.0;  // 1.5 * 2^52: adding it rounds to an integer
+    const double kShifter = 6755399441055744.0;       // 1.5 * 2^52: adding it rounds to an integer
     const double kLn2High = 0.693147180369123816490;  // ln 2 in two parts, the first exact in
     const double kLn2Low = 1.90821492927058770002e-10;  // a product with any k up to 2^11
     const double shifted = -a * 1.44269504088896338700 + kShifter;

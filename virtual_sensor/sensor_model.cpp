@@ -32,9 +32,9 @@ uint64_t StreamSeed(uint32_t seed, Stream stream) {
     return Mix64((static_cast<uint64_t>(seed) << 8) ^ stream);
 }
 
-// Rounded and clipped to 16 bits, 0 for NaN. The clipping acts on the rounded value, with the
-// same results as clipping first, because the compiler then vectorises the frame loops: it does
-// not turn branches into selects when that means adding before knowing the sum is wanted.
+// Rounded and clipped to 16 bits, 0 for NaN. Clipping the rounded value gives the same as rounding
+// the clipped one; done in this order, as selects, the frame loops vectorise (the compiler will
+// not add before it knows that the sum is wanted).
 uint16_t ToRaw(double value) {
     const double rounded = value + 0.5;
     const double low = 0.5 < rounded ? rounded : 0.0;
@@ -219,8 +219,8 @@ void PatternBuilder::buildGainMap() {
     const double pixelScale = 0.68 / pixelSpread.rms();
     // The mixture at column x of a row, from the row's shading and pixel part.
     const auto mixedAt = [&](const ShadingRow& shadingHere, const float* pixelPart, int x) {
-        return shadingScale * (shadingHere(x) - shadingMean) +
-               columnGain[static_cast<size_t>(x)] + pixelScale * (pixelPart[x] - pixelMean);
+        return shadingScale * (shadingHere(x) - shadingMean) + columnGain[static_cast<size_t>(x)] +
+               pixelScale * (pixelPart[x] - pixelMean);
     };
     std::vector<double> mixed(static_cast<size_t>(columns_));
     Spread mixedSpread;
@@ -244,8 +244,8 @@ void PatternBuilder::buildGainMap() {
         for (int x = 0; x < columns_; ++x) {
             // Clamped to [0.6, 1.4] after the rounding to float, which gives the same as before
             // it (the rounding keeps the order) and, done this way, vectorises.
-            const auto g = static_cast<float>(
-                1.0 + mixedScale * (mixedAt(shadingHere, gain, x) - mixedMean));
+            const auto g =
+                static_cast<float>(1.0 + mixedScale * (mixedAt(shadingHere, gain, x) - mixedMean));
             const float low = g < 0.6f ? 0.6f : g;
             gain[x] = 1.4f < low ? 1.4f : low;
         }
@@ -354,11 +354,12 @@ void PatternBuilder::placeDefects() {
     }
 }
 
-// Building a pattern costs a fifth of a second on a full frame, and a process makes the same one
-// again and again: the calibration files are written from it, every instance of the sensor
-// exposes with it, and test programs open many instances of one seed. So the last few patterns
-// and scenes stay in memory for the next model that asks for the same ones. They never change
-// once built, so models on several threads share them without further locking.
+// On a full frame a pattern takes as long as three exposures and a scene as eight, and a process
+// makes the same ones again and again: the calibration files are written from the pattern, every
+// instance of the sensor exposes with it, and test programs open many instances of one seed. So
+// the last few patterns and scenes stay in memory for the next model that asks for the same
+// ones. They never change once built, so models on several threads share them without further
+// locking.
 template <class Key, class Value>
 class RecentlyBuilt {
 public:
