@@ -267,17 +267,26 @@ std::vector<float> RenderPhantom(int columns, int rows, uint32_t seed) {
     const uint64_t boneSeed = Mix64(seed ^ 0xB0E0ull);
     const double trabecula = 22.0 * pixel;  // marrow spaces of about half a millimetre
 
-    // Alveolar bone lies below the crest, which rises between the teeth; the crest depends on the
-    // column only.
+    // Alveolar bone lies below the crest, which rises between the teeth, and has its full density
+    // from 0.03 h below it. The crest depends on the column only, as do the soft tissue's
+    // thickening towards one side and the (squared) horizontal distance from the beam's centre.
     std::vector<double> crests(static_cast<size_t>(columns));
+    std::vector<double> boneFull(static_cast<size_t>(columns));
+    std::vector<double> tissueOfColumn(static_cast<size_t>(columns));
+    std::vector<double> columnOffCentre(static_cast<size_t>(columns));
     const LatticeColumns crestColumns(columns, w / 10.0);
     ValueNoiseRows(tissueSeed + 1, crestColumns).row(0.5, crests.data());
     for (int column = 0; column < columns; ++column) {
         const double x = column;
         const double u = x / w;
-        double& crest = crests[static_cast<size_t>(column)];
+        const auto c = static_cast<size_t>(column);
+        double& crest = crests[c];
         crest = neckRow + 0.05 * h + 0.025 * h * std::cos(6.283185307 * (u - 0.5) / 0.34) +
                 0.02 * h * (crest - 0.5);
+        boneFull[c] = crest + 0.03 * h;
+        tissueOfColumn[c] = 0.10 * (1.0 - u);
+        const double ru = u - 0.5;
+        columnOffCentre[c] = ru * ru;
     }
 
     const LatticeColumns tissueColumns(columns, w / 3.0);
@@ -309,13 +318,15 @@ std::vector<float> RenderPhantom(int columns, int rows, uint32_t seed) {
         densityNoise.row(y / (h / 5.0), densityRow.data());
         for (int column = 0; column < columns; ++column) {
             const double x = column;
-            const double u = x / w;
             const auto c = static_cast<size_t>(column);
 
-            double attenuation = tissueOfRow + 0.10 * (1.0 - u) + 0.10 * (tissueRow[c] - 0.5);
+            double attenuation = tissueOfRow + tissueOfColumn[c] + 0.10 * (tissueRow[c] - 0.5);
 
+            // The ramp from the crest down is 1 from boneFull on; the test spares the division.
             const double crest = crests[c];
-            const double boneRamp = y > crest ? Smoothstep(crest, crest + 0.03 * h, y) : 0.0;
+            const double boneRamp = y >= boneFull[c] ? 1.0
+                                    : y > crest      ? Smoothstep(crest, boneFull[c], y)
+                                                     : 0.0;
             double bone = boneRamp;
             if (bone > 0.0) {
                 const double r1 = FourthPower(1.0 - std::fabs(2.0 * boneRow1[c] - 1.0));
@@ -351,10 +362,10 @@ std::vector<float> RenderPhantom(int columns, int rows, uint32_t seed) {
         // The transmitted fraction, apart from the rest: this loop vectorises.
         float* sceneRow = &scene[static_cast<size_t>(row) * columns];
         const double* attenuationOfColumn = attenuationRow.data();
+        const double* offCentreOfColumn = columnOffCentre.data();
         for (int column = 0; column < columns; ++column) {
             // The beam falls off a little towards the edges of the field.
-            const double ru = column / w - 0.5;
-            const double beam = 1.0 - 0.12 * (ru * ru + rv * rv);
+            const double beam = 1.0 - 0.12 * (offCentreOfColumn[column] + rv * rv);
             sceneRow[column] =
                 static_cast<float>(beam * ExpOfNegative(attenuationOfColumn[column]));
         }
