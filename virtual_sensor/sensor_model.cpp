@@ -130,8 +130,10 @@ PatternBuilder::PatternBuilder(const Settings& settings)
       rows_(settings.rows()),
       cut_(settings.cutCorners()) {
     const size_t count = static_cast<size_t>(columns_) * static_cast<size_t>(rows_);
-    gain_.resize(count);
-    darkOffset_.resize(count);
+    // The gain map and the dark offsets grow a row at a time: filling them with zeros first
+    // would write them once more for nothing.
+    gain_.reserve(count);
+    darkOffset_.reserve(count);
     defects_.assign(count, 0);
     buildGainMap();
     buildDarkOffsets();
@@ -185,17 +187,19 @@ void PatternBuilder::buildGainMap() {
     };
 
     std::vector<double> shading(static_cast<size_t>(columns_));
+    std::vector<float> row(static_cast<size_t>(columns_));
     std::vector<double> activeInColumn(static_cast<size_t>(columns_), 0.0);
     Spread shadingSpread;
     Spread pixelSpread;
     Random pixelRandom(StreamSeed(settings_.seed, kGainPixels));
     for (int y = 0; y < rows_; ++y) {
-        float* pixelPart = &gain_[static_cast<size_t>(y) * columns_];
         const ShadingRow shadingHere = shadingOfRow(y);
         for (int x = 0; x < columns_; ++x) {
             shading[static_cast<size_t>(x)] = shadingHere(x);
         }
-        pixelRandom.gaussians(pixelPart, static_cast<size_t>(columns_));
+        float* pixelPart = row.data();
+        pixelRandom.gaussians(pixelPart, row.size());
+        gain_.insert(gain_.end(), row.begin(), row.end());
         int first = 0, end = 0;
         cut_.uncut(y, first, end);
         if (first < end) {
@@ -254,17 +258,17 @@ void PatternBuilder::buildGainMap() {
 
 void PatternBuilder::buildDarkOffsets() {
     Random random(StreamSeed(settings_.seed, kDark));
-    // A row at a time, so that the samples are still in the cache when they are scaled.
-    for (size_t from = 0; from < darkOffset_.size(); from += static_cast<size_t>(columns_)) {
-        float* offsets = &darkOffset_[from];
-        const size_t count = std::min(darkOffset_.size() - from, static_cast<size_t>(columns_));
-        random.gaussians(offsets, count);
-        for (size_t k = 0; k < count; ++k) {
+    // A row at a time, scaled while the samples are still in the cache.
+    std::vector<float> offsets(static_cast<size_t>(columns_));
+    for (int y = 0; y < rows_; ++y) {
+        random.gaussians(offsets.data(), offsets.size());
+        for (float& offset : offsets) {
             // Kept at 0 or above after the rounding to float: the same as before it, and it
             // vectorises.
-            const auto value = static_cast<float>(kDarkMean + kDarkSpread * offsets[k]);
-            offsets[k] = 0.0f < value ? value : 0.0f;
+            const auto value = static_cast<float>(kDarkMean + kDarkSpread * offset);
+            offset = 0.0f < value ? value : 0.0f;
         }
+        darkOffset_.insert(darkOffset_.end(), offsets.begin(), offsets.end());
     }
 }
 
