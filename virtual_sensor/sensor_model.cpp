@@ -437,10 +437,10 @@ void SensorModel::expose(uint64_t frameIndex, std::vector<uint16_t>& frame, doub
     uint16_t* out = frame.data();
     const auto exposeRun = [&](size_t from, size_t to) {
         noise.gaussians(samples.data(), to - from);
-        const float* g = samples.data() - from;
+        const float* g = samples.data();
         const auto pixel = [&](size_t i, double signal) {
             const double sigma = std::sqrt(kNoiseGain * signal + kReadNoise * kReadNoise);
-            out[i] = ToRaw(signal + dark[i] + sigma * g[i]);
+            out[i] = ToRaw(signal + dark[i] + sigma * g[i - from]);
         };
         // A flat field is a scene of 1 everywhere: multiplying by it would change nothing.
         if (flat) {
