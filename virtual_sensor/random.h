@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cmath>
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -65,6 +66,25 @@ public:
         --bitsLeft_;
         return normal_[index];
     }
+    // The next count samples of gaussian(), in the order it would give them. Frame-sized loops
+    // draw a run of pixels' samples at once and then work on the run without the drawing in the
+    // way, which lets the compiler vectorise the arithmetic.
+    void gaussians(float* out, size_t count) {
+        size_t k = 0;
+        for (; k < count && bitsLeft_ > 0; ++k) {
+            out[k] = static_cast<float>(gaussian());
+        }
+        for (; k + 4 <= count; k += 4) {
+            const uint64_t bits = next();
+            out[k] = normal_[static_cast<uint16_t>(bits)];
+            out[k + 1] = normal_[static_cast<uint16_t>(bits >> 16)];
+            out[k + 2] = normal_[static_cast<uint16_t>(bits >> 32)];
+            out[k + 3] = normal_[static_cast<uint16_t>(bits >> 48)];
+        }
+        for (; k < count; ++k) {
+            out[k] = static_cast<float>(gaussian());
+        }
+    }
 
 private:
     uint64_t state_;
@@ -87,52 +107,106 @@ struct LatticePoint {
 };
 
 // The lattice points of columns 0, 1, ... of a frame at one scale (column / scale): the same for
-// every row, so a frame-sized pattern works them out once instead of once per pixel.
+// every row, so a frame-sized pattern works them out once instead of once per pixel. Columns
+// fall into the cells in order, so they are kept as runs of columns per cell.
 class LatticeColumns {
 public:
-    LatticeColumns(int columns, double scale) {
-        points_.reserve(static_cast<size_t>(columns > 0 ? columns : 0));
-        for (int x = 0; x < columns; ++x) {
-            points_.emplace_back(x / scale);
+    struct Run {
+        int64_t cell;
+        int first;  // the first column in the cell; the run ends where the next one begins
+    };
+
+    LatticeColumns(int columns, double scale) : columns_(columns > 0 ? columns : 0) {
+        weights_.reserve(static_cast<size_t>(columns_));
+        for (int x = 0; x < columns_; ++x) {
+            const LatticePoint point(x / scale);
+            weights_.push_back(point.weight);
+            if (runs_.empty() || runs_.back().cell != point.cell) {
+                runs_.push_back({point.cell, x});
+            }
         }
     }
-    const LatticePoint& operator[](int x) const { return points_[static_cast<size_t>(x)]; }
+    int columns() const { return columns_; }
+    const std::vector<Run>& runs() const { return runs_; }
+    // End of run r: the first column of the next run, or the frame's width.
+    int runEnd(size_t r) const { return r + 1 < runs_.size() ? runs_[r + 1].first : columns_; }
+    const double* weights() const { return weights_.data(); }
 
 private:
-    std::vector<LatticePoint> points_;
+    int columns_;
+    std::vector<Run> runs_;
+    std::vector<double> weights_;
 };
 
-// Smooth value noise in [0, 1]: random values on the integer lattice, blended with a smoothstep.
-// Taken along one row (fixed y): the lattice values of the cell that x is in are kept until x
-// leaves it, which saves most of the hashing on the broad cells of a frame-sized pattern and
-// gives exactly what a fresh computation would.
-class ValueNoiseRow {
+// Smooth value noise in [0, 1] over a frame's columns: random values on the integer lattice,
+// blended with a smoothstep, produced a row at a time. The blend along the columns depends only
+// on the lattice row (the cells' corner values and the column weights), so it is worked out once
+// for all the frame rows that fall into one lattice row, and each row then takes one blend
+// across. On the broad cells of a frame-sized pattern that is most rows. Every sample is exactly
+// what a fresh computation at that point would give.
+class ValueNoiseRows {
 public:
-    ValueNoiseRow(uint64_t seed, double y) : seed_(seed), row_(y) {}
+    ValueNoiseRows(uint64_t seed, const LatticeColumns& columns)
+        : seed_(seed),
+          columns_(columns),
+          top_(static_cast<size_t>(columns.columns())),
+          span_(static_cast<size_t>(columns.columns())) {}
 
-    double operator()(double x) { return (*this)(LatticePoint(x)); }
+    // The noise along one row: noise[x] for column x.
+    struct Row {
+        const double* top;
+        const double* span;
+        double weight;
+        double operator[](int x) const { return top[x] + span[x] * weight; }
+    };
 
-    double operator()(const LatticePoint& x) {
-        if (!cellKnown_ || x.cell != ix_) {
-            const int64_t iy = row_.cell;
-            v00_ = UnitFromBits(Hash3(seed_, x.cell, iy));
-            v10_ = UnitFromBits(Hash3(seed_, x.cell + 1, iy));
-            v01_ = UnitFromBits(Hash3(seed_, x.cell, iy + 1));
-            v11_ = UnitFromBits(Hash3(seed_, x.cell + 1, iy + 1));
-            ix_ = x.cell;
-            cellKnown_ = true;
+    // The noise at row coordinate y, valid until the next call. Loops that combine it with
+    // other per-column values read it from here in the same pass.
+    Row at(double y) {
+        const LatticePoint row(y);
+        if (!rowKnown_ || row.cell != iy_) {
+            blendColumns(row.cell);
         }
-        const double top = v00_ + (v10_ - v00_) * x.weight;
-        const double bottom = v01_ + (v11_ - v01_) * x.weight;
-        return top + (bottom - top) * row_.weight;
+        return Row{top_.data(), span_.data(), row.weight};
+    }
+
+    // The noise at row coordinate y for every column, into out[0, columns).
+    void row(double y, double* out) {
+        const Row noise = at(y);
+        for (int x = 0; x < columns_.columns(); ++x) {
+            out[x] = noise[x];
+        }
     }
 
 private:
+    // The noise along the lattice row iy and along the next one, per column; span_ holds the
+    // difference.
+    void blendColumns(int64_t iy) {
+        const auto& runs = columns_.runs();
+        const double* weights = columns_.weights();
+        for (size_t r = 0; r < runs.size(); ++r) {
+            const double v00 = UnitFromBits(Hash3(seed_, runs[r].cell, iy));
+            const double v10 = UnitFromBits(Hash3(seed_, runs[r].cell + 1, iy));
+            const double v01 = UnitFromBits(Hash3(seed_, runs[r].cell, iy + 1));
+            const double v11 = UnitFromBits(Hash3(seed_, runs[r].cell + 1, iy + 1));
+            const int end = columns_.runEnd(r);
+            for (int x = runs[r].first; x < end; ++x) {
+                const double top = v00 + (v10 - v00) * weights[x];
+                const double bottom = v01 + (v11 - v01) * weights[x];
+                top_[static_cast<size_t>(x)] = top;
+                span_[static_cast<size_t>(x)] = bottom - top;
+            }
+        }
+        iy_ = iy;
+        rowKnown_ = true;
+    }
+
     uint64_t seed_;
-    LatticePoint row_;
-    int64_t ix_ = 0;
-    bool cellKnown_ = false;
-    double v00_ = 0.0, v10_ = 0.0, v01_ = 0.0, v11_ = 0.0;
+    const LatticeColumns& columns_;
+    std::vector<double> top_;
+    std::vector<double> span_;
+    int64_t iy_ = 0;
+    bool rowKnown_ = false;
 };
 
 }  // namespace virtual_sensor

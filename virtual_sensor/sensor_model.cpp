@@ -32,23 +32,51 @@ uint64_t StreamSeed(uint32_t seed, Stream stream) {
     return Mix64((static_cast<uint64_t>(seed) << 8) ^ stream);
 }
 
+// Rounded and clipped to 16 bits, 0 for NaN. Clipping the rounded value gives the same as rounding
+// the clipped one; done in this order, as selects, the frame loops vectorise (the compiler will
+// not add before it knows that the sum is wanted).
 uint16_t ToRaw(double value) {
-    if (!(value > 0.0)) {
-        return 0;
-    }
-    if (value >= 65535.0) {
-        return 65535;
-    }
-    return static_cast<uint16_t>(value + 0.5);
+    const double rounded = value + 0.5;
+    const double low = 0.5 < rounded ? rounded : 0.0;
+    const double clipped = low < 65535.5 ? low : 65535.0;
+    return static_cast<uint16_t>(static_cast<int32_t>(clipped));
 }
 
-// Mean and RMS deviation of values added one by one.
+// Mean and RMS deviation of values added one by one, in order (each sum is rounded at every
+// step, so the order is part of the result).
 class Spread {
 public:
-    void add(double value) {
-        sum_ += value;
-        squares_ += value * value;
-        count_ += 1.0;
+    // Adds values to this spread and bValues to b in one loop: each running sum waits on its own
+    // last step only, so the two advance side by side in the time of one.
+    template <class A, class B>
+    void add(const A* values, Spread& b, const B* bValues, int count) {
+        double sum = sum_, squares = squares_, bSum = b.sum_, bSquares = b.squares_;
+        for (int k = 0; k < count; ++k) {
+            const double v = values[k];
+            const double bv = bValues[k];
+            sum += v;
+            squares += v * v;
+            bSum += bv;
+            bSquares += bv * bv;
+        }
+        sum_ = sum;
+        squares_ = squares;
+        count_ += count;
+        b.sum_ = bSum;
+        b.squares_ = bSquares;
+        b.count_ += count;
+    }
+    template <class A>
+    void add(const A* values, int count) {
+        double sum = sum_, squares = squares_;
+        for (int k = 0; k < count; ++k) {
+            const double v = values[k];
+            sum += v;
+            squares += v * v;
+        }
+        sum_ = sum;
+        squares_ = squares;
+        count_ += count;
     }
     void add(double value, double times) {
         sum_ += value * times;
@@ -92,7 +120,8 @@ private:
     std::vector<float> gain_;
     std::vector<float> darkOffset_;
     std::vector<uint8_t> defects_;
-    std::vector<int32_t> stuck_;
+    // In the order marked; a pixel marked again takes the later value.
+    std::vector<StuckPixel> stuck_;
 };
 
 PatternBuilder::PatternBuilder(const Settings& settings)
@@ -101,18 +130,30 @@ PatternBuilder::PatternBuilder(const Settings& settings)
       rows_(settings.rows()),
       cut_(settings.cutCorners()) {
     const size_t count = static_cast<size_t>(columns_) * static_cast<size_t>(rows_);
-    gain_.assign(count, 1.0f);
-    darkOffset_.assign(count, 0.0f);
+    // The gain map and the dark offsets grow a row at a time: filling them with zeros first
+    // would write them once more for nothing.
+    gain_.reserve(count);
+    darkOffset_.reserve(count);
     defects_.assign(count, 0);
-    stuck_.assign(count, -1);
     buildGainMap();
     buildDarkOffsets();
     placeDefects();
 }
 
 FixedPattern PatternBuilder::take() {
+    // In index order, each pixel once with the value marked last.
+    std::stable_sort(stuck_.begin(), stuck_.end(),
+                     [](const StuckPixel& a, const StuckPixel& b) { return a.index < b.index; });
+    std::vector<StuckPixel> stuck;
+    for (const StuckPixel& pixel : stuck_) {
+        if (!stuck.empty() && stuck.back().index == pixel.index) {
+            stuck.back() = pixel;
+        } else {
+            stuck.push_back(pixel);
+        }
+    }
     return FixedPattern{std::move(gain_), std::move(darkOffset_), std::move(defects_),
-                        std::move(stuck_)};
+                        std::move(stuck)};
 }
 
 void PatternBuilder::buildGainMap() {
@@ -120,6 +161,10 @@ void PatternBuilder::buildGainMap() {
     // pattern from the read-out, and independent pixel-to-pixel differences. Each is scaled to
     // zero mean and unit RMS over the sensor's pixels (the cut corners have none) before they are
     // mixed, and the mixture is scaled so again.
+    //
+    // That takes three passes over the frame. The shading is cheap to make again row by row, so
+    // instead of a frame of it in memory each pass makes the row it needs; the pixel part waits
+    // in the gain map until the last pass replaces it with the gain.
     const uint64_t shadingSeed = StreamSeed(settings_.seed, kGainShading);
     const double coarse = std::max(4.0, columns_ / 4.0);
     const double fine = std::max(2.0, columns_ / 14.0);
@@ -128,24 +173,38 @@ void PatternBuilder::buildGainMap() {
     for (double& g : columnGain) {
         g = columnRandom.gaussian();
     }
+    const LatticeColumns coarseColumns(columns_, coarse);
+    const LatticeColumns fineColumns(columns_, fine);
+    ValueNoiseRows coarseNoise(shadingSeed, coarseColumns);
+    ValueNoiseRows fineNoise(shadingSeed + 1, fineColumns);
+    // The shading of row y: shading(x) is its value in column x.
+    struct ShadingRow {
+        ValueNoiseRows::Row coarse, fine;
+        double operator()(int x) const { return coarse[x] + 0.5 * fine[x]; }
+    };
+    const auto shadingOfRow = [&](int y) {
+        return ShadingRow{coarseNoise.at(y / coarse), fineNoise.at(y / fine)};
+    };
+
+    std::vector<double> shading(static_cast<size_t>(columns_));
+    std::vector<float> row(static_cast<size_t>(columns_));
     std::vector<double> activeInColumn(static_cast<size_t>(columns_), 0.0);
-    std::vector<double> shading(gain_.size());
-    std::vector<float> pixelPart(gain_.size());
     Spread shadingSpread;
     Spread pixelSpread;
     Random pixelRandom(StreamSeed(settings_.seed, kGainPixels));
-    const LatticeColumns coarseColumns(columns_, coarse);
-    const LatticeColumns fineColumns(columns_, fine);
     for (int y = 0; y < rows_; ++y) {
-        ValueNoiseRow coarseNoise(shadingSeed, y / coarse);
-        ValueNoiseRow fineNoise(shadingSeed + 1, y / fine);
+        const ShadingRow shadingHere = shadingOfRow(y);
         for (int x = 0; x < columns_; ++x) {
-            const size_t i = static_cast<size_t>(y) * columns_ + x;
-            shading[i] = coarseNoise(coarseColumns[x]) + 0.5 * fineNoise(fineColumns[x]);
-            pixelPart[i] = static_cast<float>(pixelRandom.gaussian());
-            if (!cut_.contains(x, y)) {
-                shadingSpread.add(shading[i]);
-                pixelSpread.add(pixelPart[i]);
+            shading[static_cast<size_t>(x)] = shadingHere(x);
+        }
+        float* pixelPart = row.data();
+        pixelRandom.gaussians(pixelPart, row.size());
+        gain_.insert(gain_.end(), row.begin(), row.end());
+        int first = 0, end = 0;
+        cut_.uncut(y, first, end);
+        if (first < end) {
+            shadingSpread.add(&shading[first], pixelSpread, pixelPart + first, end - first);
+            for (int x = first; x < end; ++x) {
                 activeInColumn[static_cast<size_t>(x)] += 1.0;
             }
         }
@@ -162,30 +221,54 @@ void PatternBuilder::buildGainMap() {
     const double shadingScale = 0.70 / shadingSpread.rms();
     const double pixelMean = pixelSpread.mean();
     const double pixelScale = 0.68 / pixelSpread.rms();
+    // The mixture at column x of a row, from the row's shading and pixel part.
+    const auto mixedAt = [&](const ShadingRow& shadingHere, const float* pixelPart, int x) {
+        return shadingScale * (shadingHere(x) - shadingMean) + columnGain[static_cast<size_t>(x)] +
+               pixelScale * (pixelPart[x] - pixelMean);
+    };
+    std::vector<double> mixed(static_cast<size_t>(columns_));
     Spread mixedSpread;
     for (int y = 0; y < rows_; ++y) {
-        for (int x = 0; x < columns_; ++x) {
-            const size_t i = static_cast<size_t>(y) * columns_ + x;
-            double& mixed = shading[i];
-            mixed = shadingScale * (mixed - shadingMean) + columnGain[static_cast<size_t>(x)] +
-                    pixelScale * (pixelPart[i] - pixelMean);
-            if (!cut_.contains(x, y)) {
-                mixedSpread.add(mixed);
-            }
+        int first = 0, end = 0;
+        cut_.uncut(y, first, end);
+        const ShadingRow shadingHere = shadingOfRow(y);
+        const float* pixelPart = &gain_[static_cast<size_t>(y) * columns_];
+        for (int x = first; x < end; ++x) {
+            mixed[static_cast<size_t>(x)] = mixedAt(shadingHere, pixelPart, x);
+        }
+        if (first < end) {
+            mixedSpread.add(&mixed[first], end - first);
         }
     }
     const double mixedMean = mixedSpread.mean();
     const double mixedScale = kGainSpread / mixedSpread.rms();
-    for (size_t i = 0; i < gain_.size(); ++i) {
-        gain_[i] =
-            static_cast<float>(std::clamp(1.0 + mixedScale * (shading[i] - mixedMean), 0.6, 1.4));
+    for (int y = 0; y < rows_; ++y) {
+        const ShadingRow shadingHere = shadingOfRow(y);
+        float* gain = &gain_[static_cast<size_t>(y) * columns_];
+        for (int x = 0; x < columns_; ++x) {
+            // Clamped to [0.6, 1.4] after the rounding to float, which gives the same as before
+            // it (the rounding keeps the order) and, done this way, vectorises.
+            const auto g =
+                static_cast<float>(1.0 + mixedScale * (mixedAt(shadingHere, gain, x) - mixedMean));
+            const float low = g < 0.6f ? 0.6f : g;
+            gain[x] = 1.4f < low ? 1.4f : low;
+        }
     }
 }
 
 void PatternBuilder::buildDarkOffsets() {
     Random random(StreamSeed(settings_.seed, kDark));
-    for (float& offset : darkOffset_) {
-        offset = static_cast<float>(std::max(0.0, kDarkMean + kDarkSpread * random.gaussian()));
+    // A row at a time, scaled while the samples are still in the cache.
+    std::vector<float> offsets(static_cast<size_t>(columns_));
+    for (int y = 0; y < rows_; ++y) {
+        random.gaussians(offsets.data(), offsets.size());
+        for (float& offset : offsets) {
+            // Kept at 0 or above after the rounding to float: the same as before it, and it
+            // vectorises.
+            const auto value = static_cast<float>(kDarkMean + kDarkSpread * offset);
+            offset = 0.0f < value ? value : 0.0f;
+        }
+        darkOffset_.insert(darkOffset_.end(), offsets.begin(), offsets.end());
     }
 }
 
@@ -212,7 +295,7 @@ void PatternBuilder::markDefect(int x, int y, int value) {
     }
     const size_t i = static_cast<size_t>(y) * columns_ + x;
     defects_[i] = 1;
-    stuck_[i] = value;
+    stuck_.push_back({i, value});
 }
 
 void PatternBuilder::placeDefects() {
@@ -275,11 +358,12 @@ void PatternBuilder::placeDefects() {
     }
 }
 
-// Building a pattern costs a fifth of a second on a full frame, and a process makes the same one
-// again and again: the calibration files are written from it, every instance of the sensor
-// exposes with it, and test programs open many instances of one seed. So the last few patterns
-// and scenes stay in memory for the next model that asks for the same ones. They never change
-// once built, so models on several threads share them without further locking.
+// On a full frame a pattern takes as long as three exposures and a scene as eight, and a process
+// makes the same ones again and again: the calibration files are written from the pattern, every
+// instance of the sensor exposes with it, and test programs open many instances of one seed. So
+// the last few patterns and scenes stay in memory for the next model that asks for the same
+// ones. They never change once built, so models on several threads share them without further
+// locking.
 template <class Key, class Value>
 class RecentlyBuilt {
 public:
@@ -332,10 +416,6 @@ SensorModel::SensorModel(const Settings& settings)
       cut_(settings.cutCorners()),
       pattern_(FixedPatternFor(settings)) {}
 
-double SensorModel::expected(size_t index, double signal) const {
-    return pattern_->gain[index] * signal + pattern_->darkOffset[index];
-}
-
 void SensorModel::expose(uint64_t frameIndex, std::vector<uint16_t>& frame, double flatDose) {
     const FixedPattern& pattern = *pattern_;
     const size_t count = pattern.gain.size();
@@ -343,22 +423,55 @@ void SensorModel::expose(uint64_t frameIndex, std::vector<uint16_t>& frame, doub
     if (!flat && !scene_) {
         scene_ = SceneFor(columns_, rows_, settings_.seed);
     }
-    frame.assign(count, 0);
+    // Every pixel is written below: no need to clear a frame that is used again.
+    frame.resize(count);
     Random noise(Mix64(StreamSeed(settings_.seed, kNoise) ^ Mix64(frameIndex)));
     const double dose = flatDose >= 0.0 ? flatDose : settings_.dose;
-    for (int y = 0; y < rows_; ++y) {
-        for (int x = 0; x < columns_; ++x) {
-            const size_t i = static_cast<size_t>(y) * columns_ + x;
-            if (cut_.contains(x, y)) {
-                continue;  // no pixel there: reads 0
-            }
-            if (pattern.stuck[i] >= 0) {
-                frame[i] = static_cast<uint16_t>(pattern.stuck[i]);
-                continue;
-            }
-            const double signal = pattern.gain[i] * dose * (flat ? 1.0 : (*scene_)[i]);
+    // A defective pixel reads its stuck value and draws no noise, so the good pixels between two
+    // defects take consecutive samples: each such run draws its samples first and then works
+    // without a branch.
+    std::vector<float> samples(static_cast<size_t>(columns_));
+    const float* gain = pattern.gain.data();
+    const float* dark = pattern.darkOffset.data();
+    const float* scene = flat ? nullptr : scene_->data();
+    uint16_t* out = frame.data();
+    const auto exposeRun = [&](size_t from, size_t to) {
+        noise.gaussians(samples.data(), to - from);
+        const float* g = samples.data();
+        const auto pixel = [&](size_t i, double signal) {
             const double sigma = std::sqrt(kNoiseGain * signal + kReadNoise * kReadNoise);
-            frame[i] = ToRaw(signal + pattern.darkOffset[i] + sigma * noise.gaussian());
+            out[i] = ToRaw(signal + dark[i] + sigma * g[i - from]);
+        };
+        // A flat field is a scene of 1 everywhere: multiplying by it would change nothing.
+        if (flat) {
+            for (size_t i = from; i < to; ++i) {
+                pixel(i, gain[i] * dose);
+            }
+        } else {
+            for (size_t i = from; i < to; ++i) {
+                pixel(i, gain[i] * dose * scene[i]);
+            }
+        }
+    };
+    auto stuck = pattern.stuck.begin();
+    for (int y = 0; y < rows_; ++y) {
+        int first = 0, end = 0;
+        cut_.uncut(y, first, end);
+        const size_t rowStart = static_cast<size_t>(y) * columns_;
+        size_t from = rowStart + first;
+        const size_t to = rowStart + end;
+        // The cut corners have no pixel: they read 0.
+        std::fill(out + rowStart, out + from, uint16_t{0});
+        std::fill(out + to, out + rowStart + columns_, uint16_t{0});
+        // Defects never lie in the cut corners, so the next one is either in this row's span or
+        // in a later row.
+        for (; stuck != pattern.stuck.end() && stuck->index < to; ++stuck) {
+            exposeRun(from, stuck->index);
+            out[stuck->index] = static_cast<uint16_t>(stuck->value);
+            from = stuck->index + 1;
+        }
+        if (from < to) {
+            exposeRun(from, to);
         }
     }
 }
@@ -377,18 +490,25 @@ std::vector<uint16_t> SensorModel::calibrationFlat(double dose) const {
 // gain frames: the bright mean of a noise-free flat exposure of this dose, from its histogram.
 // On the way, the good pixels' values go to flat.
 int SensorModel::flatLevel(double dose, std::vector<uint16_t>& flat) const {
+    const FixedPattern& pattern = *pattern_;
     std::vector<uint64_t> histogram(65536, 0);
     for (int y = 0; y < rows_; ++y) {
-        for (int x = 0; x < columns_; ++x) {
-            const size_t i = static_cast<size_t>(y) * columns_ + x;
-            if (cut_.contains(x, y)) {
-                ++histogram[0];  // no pixel there: reads 0
-                continue;
-            }
-            const uint16_t good = ToRaw(expected(i, dose));
-            flat[i] = good;
-            ++histogram[pattern_->stuck[i] >= 0 ? static_cast<size_t>(pattern_->stuck[i]) : good];
+        int first = 0, end = 0;
+        cut_.uncut(y, first, end);
+        const size_t rowStart = static_cast<size_t>(y) * columns_;
+        // The cut corners have no pixel: they read 0.
+        histogram[0] += static_cast<uint64_t>(columns_ - (end - first));
+        for (size_t i = rowStart + first; i < rowStart + end; ++i) {
+            flat[i] = ToRaw(pattern.gain[i] * dose + pattern.darkOffset[i]);
         }
+        for (size_t i = rowStart + first; i < rowStart + end; ++i) {
+            ++histogram[flat[i]];
+        }
+    }
+    // A defective pixel reads its stuck value, not the good one that the flat holds.
+    for (const StuckPixel& pixel : pattern.stuck) {
+        --histogram[flat[pixel.index]];
+        ++histogram[static_cast<size_t>(pixel.value)];
     }
     const double level = BrightMeanOf(histogram);
     return level > 0.0 ? static_cast<int>(level + 0.5) : static_cast<int>(dose + 0.5);

@@ -8,6 +8,7 @@
 // frame that a sensor with that seed delivers. The noise is drawn afresh for every frame.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -16,13 +17,20 @@
 
 namespace virtual_sensor {
 
+// A defective pixel: its index in the frame and the value it is stuck at.
+struct StuckPixel {
+    size_t index;
+    int32_t value;
+};
+
 // What a sensor of a given seed and geometry is made of: per-pixel gain and dark offset, and the
-// defective pixels with the values they are stuck at (-1 for a good pixel).
+// defective pixels, as a map and as a list in increasing index order with the values they are
+// stuck at. A frame is made row by row between the defects of the list.
 struct FixedPattern {
     std::vector<float> gain;
     std::vector<float> darkOffset;
     std::vector<uint8_t> defects;
-    std::vector<int32_t> stuck;
+    std::vector<StuckPixel> stuck;
 };
 
 class SensorModel {
@@ -48,15 +56,11 @@ public:
 
     // 1 at every defective pixel, 0 elsewhere (the cut corners are not defects).
     const std::vector<uint8_t>& defectMap() const { return pattern_->defects; }
-    // Value a defective pixel is stuck at, or -1 for a good pixel.
-    int stuckValue(int index) const { return pattern_->stuck[static_cast<size_t>(index)]; }
     // Raw signal per unit of dose, and the dark offset, of every pixel.
     const std::vector<float>& gainMap() const { return pattern_->gain; }
     const std::vector<float>& darkOffsets() const { return pattern_->darkOffset; }
 
 private:
-    // Noise-free raw value of a good pixel for an incident signal of dose * scene.
-    double expected(size_t index, double signal) const;
     int flatLevel(double dose, std::vector<uint16_t>& flat) const;
 
     Settings settings_;

@@ -5,6 +5,7 @@
 // so that a test set-up never runs with a configuration other than the one it wrote.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -18,6 +19,13 @@ struct CutCorners {
     int columns;
     bool contains(int column, int row) const {
         return row + column <= cut || column - row >= columns - cut;
+    }
+    // The columns [first, end) of a row that are not cut, 0 <= first <= end <= columns (first ==
+    // end when the whole row is). Loops over a frame walk these spans instead of asking for every
+    // pixel.
+    void uncut(int row, int& first, int& end) const {
+        first = std::min(columns, std::max(0, cut - row + 1));
+        end = std::max(first, std::min(columns, columns - cut + row));
     }
 };
 
