@@ -89,15 +89,15 @@ bool WriteReport(const std::string& path, const veltrano::CalibrationResult& res
     }
     active.width = static_cast<uint32_t>(active.pixels.size());
     active.height = 1;
-    const DisplayWindow window = FindDisplayWindow(active);
+    const std::vector<uint8_t> display = DisplayTable(FindDisplayWindow(active), false);
     const uint32_t width = 3 * w + 2 * kPanelGap;
     std::vector<uint8_t> pixels(static_cast<size_t>(width) * h, 0);
     for (uint32_t y = 0; y < h; ++y) {
         uint8_t* row = pixels.data() + static_cast<size_t>(y) * width;
         for (uint32_t x = 0; x < w; ++x) {
             const size_t i = static_cast<size_t>(y) * w + x;
-            row[x] = DisplayValue(raw.pixels[i], window, false);
-            row[w + kPanelGap + x] = DisplayValue(corrected.pixels[i], window, false);
+            row[x] = display[raw.pixels[i]];
+            row[w + kPanelGap + x] = display[corrected.pixels[i]];
             row[2 * (w + kPanelGap) + x] = isCut(x, y)                        ? 40
                                            : result.defectMap.data[i] != 0.0f ? 255
                                                                               : 0;

@@ -160,15 +160,14 @@ bool RunEncode(png_structp png, png_infop info, std::FILE* file, uint32_t width,
     // A low level writes a sensor frame about twice as fast as the default, for a few percent
     // more bytes: noisy 16-bit data hardly compresses better at higher levels.
     png_set_compression_level(png, 2);
-    if (sizeof(Sample) == 2) {
-        // Each row of a radiograph is close to the one above it: the "up" filter alone wrote a
-        // sensor frame a quarter faster than trying every filter on every row, and smaller.
-        png_set_filter(png, PNG_FILTER_TYPE_BASE, PNG_FILTER_UP);
-        // After that filter, runs of equal bytes are what is left to find: looking for runs only
-        // wrote a full frame in 100 ms instead of 160, 3 % smaller for a corrected frame and 11 %
-        // larger for a processed one.
-        png_set_compression_strategy(png, Z_RLE);
-    }
+    // Each row of a radiograph is close to the one above it: the "up" filter alone wrote a sensor
+    // frame a quarter faster than trying every filter on every row, and smaller. After that
+    // filter, runs of equal bytes are what is left to find: looking for runs only wrote a full
+    // frame in 100 ms instead of 160, 3 % smaller for a corrected frame and 11 % larger for a
+    // processed one. The 8-bit calibration report (a picture beside its text) came out 1 %
+    // smaller this way and in two thirds of the time.
+    png_set_filter(png, PNG_FILTER_TYPE_BASE, PNG_FILTER_UP);
+    png_set_compression_strategy(png, Z_RLE);
     png_write_info(png, info);
     if (sizeof(Sample) == 2 && IsLittleEndianHost()) {
         png_set_swap(png);

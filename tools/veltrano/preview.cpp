@@ -8,7 +8,7 @@ namespace {
 constexpr uint32_t kGap = 12;  // dark stripe between the two halves, in preview pixels
 
 void DrawHalf(const Image16& image, bool invert, Preview& out, uint32_t left) {
-    const DisplayWindow window = FindDisplayWindow(image);
+    const std::vector<uint8_t> display = DisplayTable(FindDisplayWindow(image), invert);
     const uint32_t w = image.width / 2;
     const uint32_t h = image.height / 2;
     for (uint32_t y = 0; y < h; ++y) {
@@ -18,7 +18,7 @@ void DrawHalf(const Image16& image, bool invert, Preview& out, uint32_t left) {
         for (uint32_t x = 0; x < w; ++x) {
             const uint32_t sum =
                 uint32_t{row0[2 * x]} + row0[2 * x + 1] + row1[2 * x] + row1[2 * x + 1];
-            dst[x] = DisplayValue(static_cast<uint16_t>((sum + 2) / 4), window, invert);
+            dst[x] = display[(sum + 2) / 4];
         }
     }
 }
@@ -63,6 +63,14 @@ uint8_t DisplayValue(uint16_t value, const DisplayWindow& window, bool invertFor
         t = 1.0 - t;
     }
     return static_cast<uint8_t>(t * 255.0 + 0.5);
+}
+
+std::vector<uint8_t> DisplayTable(const DisplayWindow& window, bool invertForDisplay) {
+    std::vector<uint8_t> table(65536);
+    for (uint32_t v = 0; v < table.size(); ++v) {
+        table[v] = DisplayValue(static_cast<uint16_t>(v), window, invertForDisplay);
+    }
+    return table;
 }
 
 Preview RenderSideBySide(const Image16& left, const Image16& right, bool invertForDisplay) {

@@ -20,6 +20,9 @@ DisplayWindow FindDisplayWindow(const Image16& image);
 // Maps the window onto 0..255. With `invertForDisplay` high values (much radiation: soft
 // tissue and air) are drawn dark and low values (enamel, fillings) bright.
 uint8_t DisplayValue(uint16_t value, const DisplayWindow& window, bool invertForDisplay);
+// DisplayValue of every 16-bit value, indexed by the value: a frame has far more pixels than
+// there are values, and the division per pixel cost more than the rest of drawing it.
+std::vector<uint8_t> DisplayTable(const DisplayWindow& window, bool invertForDisplay);
 
 struct Preview {
     uint32_t width = 0;
