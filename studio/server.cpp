@@ -609,23 +609,30 @@ int RunStudio(const StudioOptions& options) {
         std::fprintf(stderr, "veltrano studio: %s\n", error.c_str());
         return 1;
     }
-    std::printf("veltrano studio: %s  (Ctrl-C ends it)\n", server.Address().c_str());
-    std::fflush(stdout);
-    if (options.openBrowser && !veltrano::platform::OpenInBrowser(server.Address())) {
-        std::printf("open %s in a browser\n", server.Address().c_str());
-    }
-    // Ending the server rather than the process lets it remove its scratch folder.
+    // Ending the server rather than the process lets it remove its scratch folder. The handlers
+    // are in place before the address is printed: whoever reads the address may end the studio
+    // at once.
     g_stopRequested.store(false);
     const veltrano::platform::InterruptHandler previousInt =
         veltrano::platform::SetInterruptHandler(OnStopSignal);
     const veltrano::platform::InterruptHandler previousTerm =
         veltrano::platform::SetTerminationHandler(OnStopSignal);
+    std::printf("veltrano studio: %s  (Ctrl-C ends it)\n", server.Address().c_str());
+    std::fflush(stdout);
+    if (options.openBrowser && !veltrano::platform::OpenInBrowser(server.Address())) {
+        std::printf("open %s in a browser\n", server.Address().c_str());
+    }
     std::atomic<bool> served{false};
     std::thread watcher([&] {
         while (!served.load() && !g_stopRequested.load()) {
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
         }
-        server.Stop();
+        // A stop asked for before the server has started listening does nothing, and the server
+        // would then listen for ever: it is asked again until it has ended.
+        while (!served.load()) {
+            server.Stop();
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
     });
     server.Serve();
     served.store(true);
