@@ -394,8 +394,7 @@ void CalibrationBuilder::State::markLines(const std::vector<const std::vector<fl
     // counts of every row and column are gathered in one pass over the frame in memory
     // order: walking down each column instead cost a cache miss per pixel.
     const size_t W = static_cast<size_t>(width), H = static_cast<size_t>(height);
-    std::vector<uint32_t> columnActive(W, 0), columnMarked(W, 0), rowActive(H, 0),
-        rowMarked(H, 0);
+    std::vector<uint32_t> columnActive(W, 0), columnMarked(W, 0), rowActive(H, 0), rowMarked(H, 0);
     for (size_t y = 0; y < H; ++y) {
         long long first = 0, end = 0;
         calibration::ActiveSpan(static_cast<long long>(y), width, cut, first, end);
@@ -440,7 +439,8 @@ void CalibrationBuilder::State::markLines(const std::vector<const std::vector<fl
             rowBelow[y] = below;
         }
         for (size_t x = 0; x < W; ++x)
-            badColumns[x] |= calibration::MedianBeyond(columnActive[x], columnAbove[x], columnBelow[x]);
+            badColumns[x] |=
+                calibration::MedianBeyond(columnActive[x], columnAbove[x], columnBelow[x]);
         for (size_t y = 0; y < H; ++y)
             badRows[y] |= calibration::MedianBeyond(rowActive[y], rowAbove[y], rowBelow[y]);
     }
