@@ -26,14 +26,6 @@ inline void ActiveSpan(long long row, long long width, long long cut, long long&
     end = width - cut + row < width ? width - cut + row : width;
 }
 
-// The median of values: the element at index size / 2 in sorted order; 1 for no values.
-inline double MedianOf(std::vector<double> values) {
-    if (values.empty()) return 1.0;
-    const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-    std::nth_element(values.begin(), middle, values.end());
-    return *middle;
-}
-
 // Whether the median of count values lies beyond a deviation from 1, given how many of them lie
 // beyond it above 1 and how many below: sorted, the values below 1 beyond the deviation come
 // first and those above it last, so the median (index count / 2) is beyond a side exactly when
@@ -50,17 +42,6 @@ inline bool BeyondAbove(double value, double deviation) {
 }
 inline bool BeyondBelow(double value, double deviation) {
     return std::fabs(value - 1.0) > deviation && value < 1.0;
-}
-
-// Whether |MedianOf(values) - 1| > deviation, found by counting instead of selecting.
-inline bool MedianDeviatesFromOne(const std::vector<double>& values, double deviation) {
-    if (values.empty()) return 0.0 > deviation;  // the median of nothing is 1
-    size_t above = 0, below = 0;
-    for (double v : values) {
-        above += BeyondAbove(v, deviation);
-        below += BeyondBelow(v, deviation);
-    }
-    return MedianBeyond(values.size(), above, below);
 }
 
 // What the checks of a calibration run look at, over the pixels outside the cut corners.

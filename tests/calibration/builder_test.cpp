@@ -255,8 +255,17 @@ TEST(CalibrationBuilder, LineMedianCountAgreesWithTheSelectedMedian) {
             for (double& v : values) {
                 v = edges[random() % std::size(edges)];
             }
-            const bool expected = std::fabs(veltrano::calibration::MedianOf(values) - 1.0) > d;
-            ASSERT_EQ(veltrano::calibration::MedianDeviatesFromOne(values, d), expected)
+            // Selected: the element at index n / 2 in sorted order; 1 for no values.
+            std::vector<double> sorted = values;
+            const auto middle = sorted.begin() + static_cast<std::ptrdiff_t>(n / 2);
+            if (n > 0) std::nth_element(sorted.begin(), middle, sorted.end());
+            const bool expected = std::fabs((n > 0 ? *middle : 1.0) - 1.0) > d;
+            size_t above = 0, below = 0;
+            for (double v : values) {
+                above += veltrano::calibration::BeyondAbove(v, d);
+                below += veltrano::calibration::BeyondBelow(v, d);
+            }
+            ASSERT_EQ(veltrano::calibration::MedianBeyond(n, above, below), expected)
                 << "n=" << n << " round " << round;
             deviating += expected;
             ++cases;
