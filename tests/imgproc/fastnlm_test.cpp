@@ -45,9 +45,8 @@ std::vector<uint8_t> ReferenceNlm(const std::vector<uint8_t>& src, int w, int h,
     return out;
 }
 
-// Runs FastNLM out of place with the implementation level capped at `level` (0 the
-// straightforward one, 1 the fast one in plain code, 2 with vector code where the processor has
-// it).
+// Runs FastNLM out of place, the implementation level capped at `level`: 0 the straightforward
+// one, 1 the fast one in plain code, 2 with vector code where the processor has it.
 std::vector<uint8_t> Filtered(int level, const std::vector<uint8_t>& src, int w, int h,
                               float strength, int p, int s) {
     veltrano::SetImplCapForTesting(level);
