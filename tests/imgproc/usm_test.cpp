@@ -181,15 +181,6 @@ TEST(UsmGaussian, SigmaFallbacksAndBadArguments) {
 using impl_levels::AtEachLevel;
 using impl_levels::SameBits;
 
-// The shared odd sizes with a smaller largest image: these filters keep no value tables, and
-// 157 pixels leave the same kinds of remainder after the row kernels' blocks (157 = 2 * 64 + 3 * 8
-// + 5 = 4 * 32 + 3 * 8 + 5) as 301 does, at an eighth of the pixels.
-std::vector<impl_levels::Size> ConvSizes() {
-    std::vector<impl_levels::Size> sizes = impl_levels::OddSizes();
-    sizes.back() = {157, 67};
-    return sizes;
-}
-
 // Separable kernels (a Gaussian, one with a zero row above its first usable row, 1 x n and n x 1),
 // general ones with and without zero weights, even sizes, and kernels wider than the smaller
 // images; each on images of odd sizes with and without an infinity (which keeps the zero-weight
@@ -212,7 +203,7 @@ TEST(ImageConvLevels, EveryLevelGivesTheSameBits) {
             -static_cast<float>((i / 5 - 2) * (i / 5 - 2) + (i % 5 - 2) * (i % 5 - 2)) / 3.0f));
     for (size_t i = 0; i < cases[6].kernel.size(); i += 3)
         cases[6].kernel[i] = 0.0f;  // zero weights
-    for (const impl_levels::Size& size : ConvSizes()) {
+    for (const impl_levels::Size& size : impl_levels::OddSizesWithoutTables()) {
         std::vector<float> src = RandomImage<float>(size.width, size.height, -2000.0, 60000.0, 87);
         std::vector<uint8_t> mask(src.size());
         for (size_t i = 0; i < mask.size(); ++i) mask[i] = i % 3 == 0 ? 0 : 1;
@@ -245,7 +236,7 @@ TEST(ImageConvLevels, EveryLevelGivesTheSameBits) {
 
 // Radii 0 to 7 sum exactly in integers; 8 and 10 keep the float running sums.
 TEST(UsmBoxLevels, EveryLevelGivesTheSameBits) {
-    for (const impl_levels::Size& size : ConvSizes()) {
+    for (const impl_levels::Size& size : impl_levels::OddSizesWithoutTables()) {
         const std::vector<uint16_t> src =
             RandomImage<uint16_t>(size.width, size.height, 0, 65535, 91);
         for (int r : {0, 1, 2, 7, 8, 10}) {
@@ -285,7 +276,7 @@ TEST(UsmGaussianLevels, EveryLevelGivesTheSameBitsAndTheSameMask) {
         {2, 0.3f, 1.5f, 0},
         {5, 2.5f, 0.8f, 1000},
         {20, 1.0f, 0.6f, 300}};  // at sigma 1 a radius of 20 underflows: not separable
-    for (const impl_levels::Size& size : ConvSizes()) {
+    for (const impl_levels::Size& size : impl_levels::OddSizesWithoutTables()) {
         const std::vector<uint16_t> src =
             RandomImage<uint16_t>(size.width, size.height, 0, 65535, 93);
         for (const Case& c : cases) {
