@@ -451,11 +451,13 @@ std::vector<T> BoxImage(int w, int h, unsigned seed) {
 }
 
 // Radii up to and past the image and to the ends of the integer path (90 for 16-bit pixels, 1447
-// for 8-bit), flat images of the extremes, in place and out of place.
+// for 8-bit), flat images of the extremes, in place and out of place. Windows reach at most
+// three times the image's size (the mirror, then zeros); the largest image, 157 x 67, still holds
+// a whole window of radius 91, whose 16-bit sums pass 2^31.
 TEST(BoxFilterLevels, IntegerSumsGiveTheSameBitsAsTheRunningSumsOfDoubles) {
     auto check = [](auto tag, int type, std::vector<int> radii) {
         using T = decltype(tag);
-        for (const impl_levels::Size& size : impl_levels::OddSizes()) {
+        for (const impl_levels::Size& size : impl_levels::OddSizesWithoutTables()) {
             const std::vector<T> src = BoxImage<T>(size.width, size.height, 51);
             for (int r : radii) {
                 for (const std::vector<T>& img :
