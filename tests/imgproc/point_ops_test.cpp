@@ -8,6 +8,7 @@
 #include <limits>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "impl_levels.h"
@@ -169,22 +170,32 @@ TEST(PointOps, ImgGainCorrectAndEquHistUseOneStatisticOfTheWholeImage) {
 }
 
 // The gain correction's mean at the limits of the fast whole-number sum, read from a probe pixel
-// of 1 (its gain is the mean itself): a full frame of +-2^24 (lane sums that must be widened in
-// time), and frames where a value that is no whole number of at most 2^24 must send the sum back
-// to index order, where 1e20 swallows the ones added after it.
+// of 1 (its gain is the mean itself): frames of +-2^24 (lane sums that must be widened in time;
+// 6400 values make several rounds of 1024, twice as many as a lane could take unwidened) and of
+// 2^25 (past the path's range: a lane could not hold 64 of them), and frames where a value that
+// is no whole number of at most 2^24 must send the sum back to index order, where 1e20 swallows
+// the ones added after it. The odd values stand at index 3 and n - 5, in the first and the second
+// vector of a step of 16, and fractions stand alone, since truncated ones would cancel.
 TEST(PointOps, GainCorrectionSumsEqualTheIndexOrderSumAtTheLimitsOfTheWholeNumberPath) {
-    const int w = 1300, h = 1800;
+    const int w = 160, h = 40;
     const size_t n = static_cast<size_t>(w) * h;
     const float nan = std::numeric_limits<float>::quiet_NaN();
     std::vector<std::vector<float>> frames;
-    for (float big : {16777216.0f, -16777216.0f}) {
+    for (float big : {16777216.0f, -16777216.0f, 33554432.0f}) {
         frames.emplace_back(n, big);
         frames.back()[n / 2] = 1.0f;
     }
-    for (float odd : {1e20f, 2147483648.0f, 4294967296.0f, -0.5f, nan}) {
+    const size_t swallowing = frames.size();
+    const std::pair<float, float> odd[] = {{1e20f, -1e20f},
+                                           {2147483648.0f, -2147483648.0f},
+                                           {4294967296.0f, -4294967296.0f},
+                                           {-0.5f, 1.0f},
+                                           {1.0f, 0.25f},
+                                           {nan, 1.0f}};
+    for (const auto& [first, second] : odd) {
         std::vector<float> f(n, 1.0f);
-        f[3] = odd;
-        f[n - 5] = std::isnan(odd) ? 1.0f : -odd;
+        f[3] = first;
+        f[n - 5] = second;
         frames.push_back(f);
     }
     for (const std::vector<float>& frame : frames) {
@@ -194,7 +205,8 @@ TEST(PointOps, GainCorrectionSumsEqualTheIndexOrderSumAtTheLimitsOfTheWholeNumbe
             return out;
         });
         for (size_t level = 1; level < gains.size(); ++level)
-            EXPECT_TRUE(impl_levels::SameBits(gains[level], gains[0])) << "frame with " << frame[3];
+            EXPECT_TRUE(impl_levels::SameBits(gains[level], gains[0]))
+                << "frame with " << frame[3] << " and " << frame[n - 5] << ", level " << level;
     }
     // The exact means of the first frames, and the swallowed ones of the 1e20 frame.
     const auto probe = [&](const std::vector<float>& f) {
@@ -204,7 +216,7 @@ TEST(PointOps, GainCorrectionSumsEqualTheIndexOrderSumAtTheLimitsOfTheWholeNumbe
     };
     EXPECT_EQ(probe(frames[0]), static_cast<float>((16777216.0 * (n - 1) + 1) / n));
     EXPECT_EQ(probe(frames[1]), static_cast<float>((-16777216.0 * (n - 1) + 1) / n));
-    EXPECT_EQ(probe(frames[2]), static_cast<float>(4.0 / n));
+    EXPECT_EQ(probe(frames[swallowing]), static_cast<float>(4.0 / n));
 }
 
 // Every point operation reads each source pixel once and writes the same index, so it must give
