@@ -306,8 +306,12 @@ TEST(PointOps, IntegerFastPathsMatchThePlainLoopsBitForBit) {
                 },
                 "brightness " + size);
         }
+        // Thresholds compare in vector registers and keep no table: the frame larger than the
+        // tables (and 48 settings on it cost more than the rest of this case) adds nothing there.
+        const bool largerThanTables = n > 65536;
         for (double t :
              {-5.0, -0.5, 0.0, 0.5, 100.0, 254.5, 255.0, 40000.7, 65534.5, 65535.0, 1e9, dnan}) {
+            if (largerThanTables) break;
             for (uint32_t mode : {0u, 1u, 2u, 3u}) {
                 const std::string what =
                     "threshold " + std::to_string(t) + " mode " + std::to_string(mode) + " " + size;
