@@ -30,6 +30,22 @@ void Prepare(CVeltrano& detector, const WorkDir& dir, int frames = 1) {
     ASSERT_EQ(detector.Connect(), 0);
 }
 
+// Calibration files that the detector loads for a 1000 sensor, all pixels alike, for the cases
+// that end before an image is corrected: the sensor's own files would have its fixed pattern
+// built for nothing.
+void WriteLevelCalibration(const WorkDir& dir) {
+    const size_t pixels = 1000 * 1500;
+    std::string gain(1040 + 2 * pixels, '\0');
+    for (size_t i = 0; i < pixels; ++i) {
+        gain[1040 + 2 * i] = static_cast<char>(1000 & 0xFF);
+        gain[1041 + 2 * i] = static_cast<char>(1000 >> 8);
+    }
+    fs::create_directories(dir.calibrationFolder());
+    std::ofstream(dir.calibrationFolder() / "VirtualSensor.gn", std::ios::binary) << gain;
+    std::ofstream(dir.calibrationFolder() / "VirtualSensor.dft", std::ios::binary)
+        << std::string(1040 + pixels, '\0');
+}
+
 // Coefficient of variation over the rows below the cut corners.
 double Variation(const imgmat& image, unsigned long long cut) {
     const float* end = image.data + image.width * image.height;
@@ -115,9 +131,12 @@ TEST_P(AcquisitionFault, GivesItsCodeAndMessage) {
     const std::string kStart = "//////////////////start//////////////////////\n";
     ShortTimes shortTimes;
     // A refusal comes before the calibration files are looked for: those cases go without them.
+    // An image that is delivered is corrected with the sensor's own.
     WorkDir dir("SensorSize = 1000");
-    if (c.code < -2) {
+    if (c.code < -2 && c.progressAfter == 11) {
         ASSERT_EQ(WriteCalibration(dir.str(), 1), 0);
+    } else if (c.code < -2) {
+        WriteLevelCalibration(dir);
     }
     dir.configure(std::string("SensorSize = 1000\nScene = flat\n") + c.ini);
     if (*c.before != '\0' && std::string(c.before) != "Deinit") {
