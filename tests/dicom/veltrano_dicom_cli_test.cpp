@@ -134,9 +134,10 @@ TEST_F(VeltranoDicom, BadValuesAndInputsAreRefusedWithoutOutput) {
     }
     // The patient of a DICOM input cannot be changed on the way through.
     WriteRampPng("in.png");
-    ASSERT_EQ(Veltrano("process --chain '" + chain + "' --in in.png --pixel-pitch 0.02 --out in.dcm")
-                  .first,
-              0);
+    ASSERT_EQ(
+        Veltrano("process --chain '" + chain + "' --in in.png --pixel-pitch 0.02 --out in.dcm")
+            .first,
+        0);
     const auto run =
         Veltrano("process --chain '" + chain + "' --in in.dcm --patient-id 7 --out old.dcm");
     EXPECT_EQ(run.first, 2);
