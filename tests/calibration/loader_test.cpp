@@ -44,17 +44,24 @@ int ChosenFrame(CVeltrano& detector, const veltrano::CalibrationBuilder& builder
 }
 
 TEST(CalibrationFiles, OneAndFourLevelFilesRoundTripThroughTheDetectorsLoader) {
-    const double doses[2][4] = {{20000, 0, 0, 0}, {5000, 10000, 20000, 30000}};
-    for (int levels : {1, 4}) {
-        SCOPED_TRACE(levels);
-        caltest::SyntheticSensor sensor(7, 1000, 1500, 211);
-        sensor.plant(500, 700, caltest::Stuck(0));
-        veltrano::CalibrationBuilder builder(1000, 1500, 211, levels);
-        for (int l = 0; l < levels; ++l) {
-            for (int e = 0; e < 2; ++e) {
-                ASSERT_EQ(builder.AddExposure(l, sensor.expose(doses[levels == 4][l]).data()), 1);
+    // One sensor's exposures serve both: the one-level file is made of the two at 20000.
+    caltest::SyntheticSensor sensor(7, 1000, 1500, 211);
+    sensor.plant(500, 700, caltest::Stuck(0));
+    veltrano::CalibrationBuilder one(1000, 1500, 211, 1), four(1000, 1500, 211, 4);
+    const double doses[4] = {5000, 10000, 20000, 30000};
+    for (int l = 0; l < 4; ++l) {
+        for (int e = 0; e < 2; ++e) {
+            const std::vector<float> frame = sensor.expose(doses[l]);
+            ASSERT_EQ(four.AddExposure(l, frame.data()), 1);
+            if (doses[l] == 20000) {
+                ASSERT_EQ(one.AddExposure(0, frame.data()), 1);
             }
         }
+    }
+    for (veltrano::CalibrationBuilder* made : {&one, &four}) {
+        veltrano::CalibrationBuilder& builder = *made;
+        const int levels = builder.Levels();
+        SCOPED_TRACE(levels);
         ASSERT_EQ(builder.Analyse(veltrano::DefectThresholds()), 1);
         ASSERT_EQ(builder.DefectMap()[sensor.index(500, 700)], veltrano::kDefectDead);
         TempFolder work, sensorDir;

@@ -443,7 +443,7 @@ TEST(CInterface, DetectorHandleRefusesNullAndSmallBuffersAndCopiesItsTexts) {
     vt_CVeltrano_delete(nullptr);
 
     WorkDir dir("SensorSize = 1500");
-    ASSERT_EQ(WriteCalibration(dir.str(), 1), 0);
+    WriteLevelCalibration(dir, 1200, 1650);  // no image is taken
     vt_CVeltrano* detector = vt_CVeltrano_new(dir.str().c_str());
     ASSERT_NE(detector, nullptr);
     uint32_t width = 1, height = 1;
@@ -489,7 +489,7 @@ TEST(CInterface, DetectorHandleRefusesNullAndSmallBuffersAndCopiesItsTexts) {
 TEST(CInterface, StopFromAnotherThreadAndTheMessagesThatFollow) {
     // The sensor accepts the exposure but never delivers: only a stop ends the wait.
     WorkDir dir("SensorSize = 1000\nNoImage = 1");
-    ASSERT_EQ(WriteCalibration(dir.str(), 1), 0);
+    WriteLevelCalibration(dir, 1000, 1500);
     vt_CVeltrano* detector = vt_CVeltrano_new(dir.str().c_str());
     auto message = [&] {
         char text[128];

@@ -1,20 +1,30 @@
 // The command-line program run as a host runs it: as a separate process, from the build's bin
-// folder, through a POSIX shell. Each test gets a folder of its own; the tests skip themselves
-// where the program is not built.
+// folder, with its arguments written as a shell would take them. Each test gets a folder of its
+// own; the tests skip themselves where the program is not built.
 #pragma once
 
 #if !defined(_WIN32)
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <thread>
 #include <utility>
+#include <vector>
+
+extern char** environ;
 
 namespace cli_test {
 namespace fs = std::filesystem;
@@ -53,7 +63,8 @@ protected:
     // The exit code and standard error of one run in the test's folder. A run that blocks (on a
     // FIFO, say) is ended after 60 s and answers 124.
     std::pair<int, std::string> Veltrano(const std::string& args) const {
-        return Shell("timeout 60 '" + program_.string() + "' " + args);
+        const int code = Start(args, "/dev/null");
+        return {code, ReadAll(dir_ / "stderr.txt")};
     }
 
     // Any shell command in the test's folder, its standard error collected the same way.
@@ -71,11 +82,91 @@ protected:
         std::string err;
     };
     Run VeltranoOutput(const std::string& args) const {
-        const std::string line = "cd '" + dir_.string() + "' && timeout 60 '" + program_.string() +
-                                 "' " + args + " >stdout.txt 2>stderr.txt";
-        const int status = std::system(line.c_str());
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadAll(dir_ / "stdout.txt"),
-                ReadAll(dir_ / "stderr.txt")};
+        const int code = Start(args, (dir_ / "stdout.txt").string());
+        return {code, ReadAll(dir_ / "stdout.txt"), ReadAll(dir_ / "stderr.txt")};
+    }
+
+    // The words of a command line as a POSIX shell splits them: blanks separate, single quotes
+    // keep what they enclose as it is. Anything else that a shell would expand or redirect is a
+    // mistake in the test, which fails.
+    static std::vector<std::string> Words(const std::string& line) {
+        std::vector<std::string> words;
+        std::string word;
+        bool inWord = false;
+        for (size_t i = 0; i < line.size(); ++i) {
+            const char c = line[i];
+            if (c == '\'') {
+                const size_t end = line.find('\'', i + 1);
+                if (end == std::string::npos) {
+                    ADD_FAILURE() << "unbalanced quote in: " << line;
+                    break;
+                }
+                word.append(line, i + 1, end - i - 1);
+                inWord = true;
+                i = end;
+            } else if (c == ' ' || c == '\t' || c == '\n') {
+                if (inWord) words.push_back(word);
+                word.clear();
+                inWord = false;
+            } else {
+                if (std::string("\"$`\\<>|;&*?()[]{}~#").find(c) != std::string::npos) {
+                    ADD_FAILURE() << "'" << c << "' needs a shell: " << line;
+                }
+                word += c;
+                inWord = true;
+            }
+        }
+        if (inWord) words.push_back(word);
+        return words;
+    }
+
+    // Runs the program in the test's folder without a shell between: standard output to out,
+    // standard error to stderr.txt. The exit code, or 124 for a run ended after 60 s (as
+    // timeout(1) answers), or -1 for one that a signal ended.
+    int Start(const std::string& args, const std::string& out) const {
+        std::vector<std::string> words = Words(args);
+        words.insert(words.begin(), program_.string());
+        std::vector<char*> argv;
+        for (std::string& w : words) argv.push_back(w.data());
+        argv.push_back(nullptr);
+        const std::string dir = dir_.string(), err = (dir_ / "stderr.txt").string();
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addchdir_np(&actions, dir.c_str());
+        posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                         0644);
+        posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                         0644);
+        pid_t pid = 0;
+        const int failed = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+        posix_spawn_file_actions_destroy(&actions);
+        if (failed != 0) {
+            ADD_FAILURE() << "cannot start " << argv[0] << ": error " << failed;
+            return -1;
+        }
+        // Polled with a growing pause: a run takes milliseconds to a second, and a pause of at
+        // most a millisecond costs neither time nor processor.
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        auto pause = std::chrono::microseconds(50);
+        int status = 0;
+        for (;;) {
+            const pid_t done = waitpid(pid, &status, WNOHANG);
+            if (done == pid) {
+                break;
+            }
+            if (done < 0 && errno != EINTR) {
+                ADD_FAILURE() << "lost the run of " << args;
+                return -1;
+            }
+            if (std::chrono::steady_clock::now() > deadline) {
+                kill(pid, SIGKILL);
+                waitpid(pid, &status, 0);
+                return 124;
+            }
+            std::this_thread::sleep_for(pause);
+            pause = std::min(2 * pause, std::chrono::microseconds(1000));
+        }
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
 
     fs::path program_;

@@ -82,7 +82,7 @@ const Refusal kRefusals[] = {
      "veltrano acquire", "--tooth: '19' is not a tooth"},
     {"BirthDateNotADay", "demo --birth-date 1980-02-30", "veltrano demo",
      "--birth-date: '1980-02-30' is not a valid date"},
-    {"PatientNameWithControl", "demo --patient-name \"$(printf 'Doe\\tJane')\"", "veltrano demo",
+    {"PatientNameWithControl", "demo --patient-name 'Doe\tJane'", "veltrano demo",
      "--patient-name: control characters"},
     {"PixelPitchNotANumber", "process --chain c --in a.png --out b.dcm --pixel-pitch abc",
      "veltrano process", "--pixel-pitch: needs a pixel pitch in millimetres"},

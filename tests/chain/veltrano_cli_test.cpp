@@ -57,14 +57,30 @@ std::string PngHeader(const fs::path& path) {
 }
 
 TEST_F(VeltranoCli, DemoTakesAnExposureAndWritesThreeImages) {
-    const auto outcome = Veltrano("demo --out out");
-    ASSERT_EQ(outcome.first, 0) << outcome.second;
+    // With patient options, which reach the DICOM image where the build writes one.
+    const Run run = VeltranoOutput("demo --out out --patient-name 'M\xC3\xBCller^Eva' --tooth 46");
+    ASSERT_EQ(run.code, 0) << run.err;
     // Standard error is a file here, so the progress comes as plain lines, up to the hand-over.
-    EXPECT_NE(outcome.second.find("acquire: 11 handed over"), std::string::npos) << outcome.second;
+    EXPECT_NE(run.err.find("acquire: 11 handed over"), std::string::npos) << run.err;
     EXPECT_EQ(PngHeader(dir_ / "out/corrected.png"), "1300x1800 depth 16 colour 0");
     EXPECT_EQ(PngHeader(dir_ / "out/processed.png"), "1300x1800 depth 16 colour 0");
     EXPECT_EQ(PngHeader(dir_ / "out/preview.png"), "1312x900 depth 8 colour 0");
     EXPECT_NE(ReadAll(dir_ / "out/corrected.png"), ReadAll(dir_ / "out/processed.png"));
+
+    if (run.out.find("DICOM: not available") != std::string::npos) {
+        EXPECT_FALSE(fs::exists(dir_ / "out/processed.dcm"));
+        return;
+    }
+    // DICOM keeps text values as written: the name, the character set that it needs beyond
+    // ASCII, and the virtual sensor's pixel pitch as the spacing.
+    const std::string dicom = ReadAll(dir_ / "out/processed.dcm");
+    EXPECT_NE(dicom.find("M\xC3\xBCller^Eva"), std::string::npos);
+    EXPECT_NE(dicom.find("ISO_IR 192"), std::string::npos);
+    EXPECT_NE(dicom.find("0.02\\0.02"), std::string::npos);
+    if (std::system("command -v dciodvfy >/dev/null 2>&1") == 0) {
+        Shell("dciodvfy out/processed.dcm 2>&1 | grep Error > dciodvfy.txt; true");
+        EXPECT_EQ(ReadAll(dir_ / "dciodvfy.txt"), "");
+    }
 }
 
 // The virtual sensor's own calibration goes through the driver library that the program loads

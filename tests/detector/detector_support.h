@@ -75,6 +75,22 @@ inline int WriteCalibration(const std::string& workDir, int frames) {
     return write != nullptr ? write(workDir.c_str(), frames) : -1;
 }
 
+// Calibration files that the detector loads for a frame of width x height, every pixel alike,
+// for tests whose images never reach a correction: the sensor's own files would have its fixed
+// pattern built for nothing.
+inline void WriteLevelCalibration(const WorkDir& dir, size_t width, size_t height) {
+    const size_t pixels = width * height;
+    std::string gain(1040 + 2 * pixels, '\0');
+    for (size_t i = 0; i < pixels; ++i) {
+        gain[1040 + 2 * i] = static_cast<char>(1000 & 0xFF);
+        gain[1041 + 2 * i] = static_cast<char>(1000 >> 8);
+    }
+    fs::create_directories(dir.calibrationFolder());
+    std::ofstream(dir.calibrationFolder() / "VirtualSensor.gn", std::ios::binary) << gain;
+    std::ofstream(dir.calibrationFolder() / "VirtualSensor.dft", std::ios::binary)
+        << std::string(1040 + pixels, '\0');
+}
+
 // Opens the protected steps of the detector to the tests.
 class TestDetector : public CVeltrano {
 public:

@@ -3,6 +3,7 @@
 // of the test's choosing, and the system's correction of a frame with the written calibration.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cmath>
@@ -128,6 +129,24 @@ inline std::vector<Event> Events(int detector, int event = 0) {
     return mine;
 }
 
+// How many events with this ID the detector has reported, and the last of them: without a copy
+// of every frame recorded so far, which a test taking many exposures would pay for each time.
+inline size_t CountEvents(int detector, int event) {
+    std::lock_guard<std::mutex> lock(logMutex);
+    return static_cast<size_t>(std::count_if(logged.begin(), logged.end(), [&](const Event& e) {
+        return e.detector == detector && e.event == event;
+    }));
+}
+inline Event LastEvent(int detector, int event) {
+    std::lock_guard<std::mutex> lock(logMutex);
+    for (auto e = logged.rbegin(); e != logged.rend(); ++e) {
+        if (e->detector == detector && e->event == event) {
+            return *e;
+        }
+    }
+    return Event{};
+}
+
 // Waits until the detector has reported count events with this ID; false on time-out.
 inline bool WaitFor(int detector, int event, size_t count, std::chrono::milliseconds timeout = 2s) {
     std::unique_lock<std::mutex> lock(logMutex);
@@ -177,11 +196,12 @@ public:
     int invoke(int command) { return D().invoke(handle, command, nullptr, 0); }
     // Arms an exposure and returns its image event; fails the test when none comes.
     Event expose() {
-        const size_t images = Events(handle, fpdsys::kEvtImage).size();
+        const size_t images = CountEvents(handle, fpdsys::kEvtImage);
         EXPECT_EQ(invoke(fpdsys::kCmdWaitExposure), 1);
         EXPECT_TRUE(WaitFor(handle, fpdsys::kEvtImage, images + 1, 20s)) << "no image";
-        const std::vector<Event> events = Events(handle, fpdsys::kEvtImage);
-        return events.size() > images ? events.back() : Event{};
+        return CountEvents(handle, fpdsys::kEvtImage) > images
+                   ? LastEvent(handle, fpdsys::kEvtImage)
+                   : Event{};
     }
     int handle = 0;
     const int created;
