@@ -11,6 +11,7 @@
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <wordexp.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -86,37 +87,19 @@ protected:
         return {code, ReadAll(dir_ / "stdout.txt"), ReadAll(dir_ / "stderr.txt")};
     }
 
-    // The words of a command line as a POSIX shell splits them: blanks separate, single quotes
-    // keep what they enclose as it is. Anything else that a shell would expand or redirect is a
+    // The words of a command line as a POSIX shell takes them (quotes included), by the C
+    // library's own word expansion. A command substitution or an undefined variable is a
     // mistake in the test, which fails.
     static std::vector<std::string> Words(const std::string& line) {
         std::vector<std::string> words;
-        std::string word;
-        bool inWord = false;
-        for (size_t i = 0; i < line.size(); ++i) {
-            const char c = line[i];
-            if (c == '\'') {
-                const size_t end = line.find('\'', i + 1);
-                if (end == std::string::npos) {
-                    ADD_FAILURE() << "unbalanced quote in: " << line;
-                    break;
-                }
-                word.append(line, i + 1, end - i - 1);
-                inWord = true;
-                i = end;
-            } else if (c == ' ' || c == '\t' || c == '\n') {
-                if (inWord) words.push_back(word);
-                word.clear();
-                inWord = false;
-            } else {
-                if (std::string("\"$`\\<>|;&*?()[]{}~#").find(c) != std::string::npos) {
-                    ADD_FAILURE() << "'" << c << "' needs a shell: " << line;
-                }
-                word += c;
-                inWord = true;
-            }
+        wordexp_t expanded;
+        const int failed = wordexp(line.c_str(), &expanded, WRDE_NOCMD | WRDE_UNDEF);
+        if (failed != 0) {
+            ADD_FAILURE() << "cannot split (wordexp error " << failed << "): " << line;
+            return words;
         }
-        if (inWord) words.push_back(word);
+        words.assign(expanded.we_wordv, expanded.we_wordv + expanded.we_wordc);
+        wordfree(&expanded);
         return words;
     }
 
