@@ -67,6 +67,13 @@ bool DecodeHeader(const std::vector<uint8_t>& bytes, CalibrationHeader& header);
 // Writes header and body to path; on any failure removes what was written and returns false.
 bool WriteWholeFile(const std::string& path, const std::vector<uint8_t>& header,
                     const std::vector<uint8_t>& body);
+// The same with a body in pieces, written one after the other (a piece: its bytes and count).
+struct BytePiece {
+    const void* data;
+    size_t size;
+};
+bool WriteWholeFile(const std::string& path, const std::vector<uint8_t>& header,
+                    const std::vector<BytePiece>& body);
 
 // False for thresholds the defect search cannot work with (see CalibrationBuilder::Analyse).
 bool ThresholdsUsable(const DefectThresholds& thresholds);
