@@ -610,34 +610,45 @@ int CalibrationBuilder::WriteFiles(const char* gainPath, const char* defectPath,
     }
     const State& s = *state_;
     if (!s.analysed) return -2;
+    std::vector<const uint16_t*> frames;
+    for (const std::vector<uint16_t>& frame : s.frames) frames.push_back(frame.data());
+    return calibration::WriteCalibrationFiles(gainPath, defectPath, header, frames,
+                                              s.defects.data(), s.pixels);
+}
+
+namespace calibration {
+
+int WriteCalibrationFiles(const char* gainPath, const char* defectPath,
+                          const CalibrationHeader& header,
+                          const std::vector<const uint16_t*>& frames, const uint8_t* defects,
+                          size_t pixels) {
     // The file is little-endian whatever the machine. On a little-endian host the frames are
     // written as they are kept; elsewhere their bytes are swapped into a copy first.
     std::vector<uint8_t> swapped;
-    std::vector<calibration::BytePiece> body;
+    std::vector<BytePiece> body;
     const uint16_t probe = 1;
     uint8_t lowFirst = 0;
     std::memcpy(&lowFirst, &probe, 1);
     if (lowFirst == 1) {
-        for (const std::vector<uint16_t>& frame : s.frames) {
-            body.push_back({frame.data(), frame.size() * sizeof(uint16_t)});
-        }
+        for (const uint16_t* frame : frames) body.push_back({frame, pixels * sizeof(uint16_t)});
     } else {
-        swapped.resize(s.frames.size() * s.pixels * 2);
+        swapped.resize(frames.size() * pixels * 2);
         uint8_t* out = swapped.data();
-        for (const std::vector<uint16_t>& frame : s.frames) {
-            for (uint16_t v : frame) {
-                *out++ = static_cast<uint8_t>(v & 0xFF);
-                *out++ = static_cast<uint8_t>(v >> 8);
+        for (const uint16_t* frame : frames) {
+            for (size_t i = 0; i < pixels; ++i) {
+                *out++ = static_cast<uint8_t>(frame[i] & 0xFF);
+                *out++ = static_cast<uint8_t>(frame[i] >> 8);
             }
         }
         body.push_back({swapped.data(), swapped.size()});
     }
     CalibrationHeader gain = header;
     gain.kind = CalibrationHeader::kGainFile;
-    CalibrationHeader defects = header;
-    defects.kind = CalibrationHeader::kDefectFile;
-    if (!calibration::WriteWholeFile(gainPath, calibration::EncodeHeader(gain), body)) return 0;
-    if (!calibration::WriteWholeFile(defectPath, calibration::EncodeHeader(defects), s.defects)) {
+    CalibrationHeader defectHeader = header;
+    defectHeader.kind = CalibrationHeader::kDefectFile;
+    if (!WriteWholeFile(gainPath, EncodeHeader(gain), body)) return 0;
+    if (!WriteWholeFile(defectPath, EncodeHeader(defectHeader),
+                        std::vector<BytePiece>{{defects, pixels}})) {
         std::error_code ignored;
         std::filesystem::remove(gainPath, ignored);
         return 0;
@@ -645,4 +656,5 @@ int CalibrationBuilder::WriteFiles(const char* gainPath, const char* defectPath,
     return 1;
 }
 
+}  // namespace calibration
 }  // namespace veltrano
