@@ -117,14 +117,17 @@ struct CalibrationBuilder::State {
     // Mean and spread of the level being taken, from its sums.
     void currentStatistics(std::vector<float>& m, std::vector<float>& s) const {
         const double n = exposures[static_cast<size_t>(current)];
+        // Every value is written below, so neither map is cleared first.
         m.resize(pixels);
-        s.assign(pixels, 0.0f);
+        s.resize(pixels);
         for (size_t i = 0; i < pixels; ++i) {
             m[i] = static_cast<float>(first[i] + sum[i] / n);
+            float spread = 0.0f;
             if (n > 1.0) {
                 const double variance = (squares[i] - sum[i] * sum[i] / n) / (n - 1.0);
-                s[i] = static_cast<float>(std::sqrt(std::max(0.0, variance)));
+                spread = static_cast<float>(std::sqrt(std::max(0.0, variance)));
             }
+            s[i] = spread;
         }
     }
 
@@ -332,7 +335,9 @@ int CalibrationBuilder::State::analyse(const DefectThresholds& t) {
     counts.rows = lineRows;
     counts.clusters = clusterCount;
 
-    frames.assign(L, std::vector<uint16_t>(pixels, 0));
+    // Every pixel of a frame is written below.
+    frames.resize(L);
+    for (std::vector<uint16_t>& frame : frames) frame.resize(pixels);
     doses.assign(L, 0.0f);
     for (size_t l = 0; l < L; ++l) {
         std::vector<uint16_t>& frame = frames[l];
