@@ -3,6 +3,7 @@
 // and the cut corners are filled for them with its diagonal copies.
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <deque>
 #include <filesystem>
 #include <new>
@@ -87,47 +88,62 @@ struct CalibrationBuilder::State {
     uint32_t lineColumns = 0;
     uint32_t lineRows = 0;
     uint32_t clusterCount = 0;
+    // The block grid of the neighbourhood references, set by analyse: the side of a block, the
+    // blocks in a row, and the block column of each pixel column.
+    int block = 1;
+    int blockColumns = 0;
+    std::vector<uint32_t> columnBlock;
 
     bool cutAt(size_t i) const {
         return InCutCorner(static_cast<long long>(i / static_cast<size_t>(width)),
                            static_cast<long long>(i % static_cast<size_t>(width)), width, cut);
     }
 
-    // Calls f(i) for every pixel outside the cut corners, in memory order, row by row without a
-    // division per pixel.
+    // Calls f(i, b) for every pixel i outside the cut corners, in memory order, with b its block
+    // in the reference maps; row by row without a division per pixel.
     template <class F>
     void forActivePixels(F&& f) const {
         for (long long y = 0; y < height; ++y) {
             long long first = 0, end = 0;
             calibration::ActiveSpan(y, width, cut, first, end);
             const size_t row = static_cast<size_t>(y) * static_cast<size_t>(width);
-            for (long long x = first; x < end; ++x) f(row + static_cast<size_t>(x));
+            const size_t rowBlock = blockOf(0, static_cast<size_t>(y));
+            for (long long x = first; x < end; ++x) {
+                f(row + static_cast<size_t>(x), rowBlock + columnBlock[static_cast<size_t>(x)]);
+            }
         }
     }
 
     // Mean and spread of the level being taken, from its sums.
     void currentStatistics(std::vector<float>& m, std::vector<float>& s) const {
         const double n = exposures[static_cast<size_t>(current)];
+        // Every value is written below, so neither map is cleared first.
         m.resize(pixels);
-        s.assign(pixels, 0.0f);
+        s.resize(pixels);
         for (size_t i = 0; i < pixels; ++i) {
             m[i] = static_cast<float>(first[i] + sum[i] / n);
+            float spread = 0.0f;
             if (n > 1.0) {
                 const double variance = (squares[i] - sum[i] * sum[i] / n) / (n - 1.0);
-                s[i] = static_cast<float>(std::sqrt(std::max(0.0, variance)));
+                spread = static_cast<float>(std::sqrt(std::max(0.0, variance)));
             }
+            s[i] = spread;
         }
     }
 
     // The reference of each pixel's neighbourhood: the median of block means around its block.
-    bool reference(const std::vector<float>& map, int block, int radius,
+    // It is the same for every pixel of a block, so it is kept per block (out holds bw x bh
+    // values, see blockOf); a whole frame of it would cost four bytes a pixel per map.
+    bool reference(const std::vector<float>& map, int block, int radius, std::vector<float>& strip,
                    std::vector<float>& out) const {
-        std::vector<float> filled(map);
-        uint8_t* bytes = reinterpret_cast<uint8_t*>(filled.data());
         // Mirror the active pixels across the corners' edges, so that a neighbourhood reaching
-        // into a corner does not read the zeros of pixels that do not exist.
-        if (Copy_RightDown_To_LeftUp(bytes, bytes, width, height, kPix32F, 0, 0, cut + 2) != 1 ||
-            Copy_LeftDown_To_RightUp(bytes, bytes, width, height, kPix32F, width - cut - 1, 0,
+        // into a corner does not read the zeros of pixels that do not exist. The corners lie in
+        // the top cut + 2 rows, so only those are copied and filled; the rest is read in place.
+        const int stripRows = std::min(height, cut + 2);
+        strip.assign(map.begin(), map.begin() + static_cast<ptrdiff_t>(stripRows) * width);
+        uint8_t* bytes = reinterpret_cast<uint8_t*>(strip.data());
+        if (Copy_RightDown_To_LeftUp(bytes, bytes, width, stripRows, kPix32F, 0, 0, cut + 2) != 1 ||
+            Copy_LeftDown_To_RightUp(bytes, bytes, width, stripRows, kPix32F, width - cut - 1, 0,
                                      cut + 1) != 1) {
             return false;
         }
@@ -136,7 +152,8 @@ struct CalibrationBuilder::State {
         std::vector<double> blockSum(static_cast<size_t>(bw) * bh, 0.0);
         std::vector<double> blockCount(blockSum.size(), 0.0);
         for (int y = 0; y < height; ++y) {
-            const float* row = filled.data() + static_cast<size_t>(y) * width;
+            const float* row = (y < stripRows ? strip.data() : map.data()) +
+                               static_cast<size_t>(y) * width;
             double* sums = blockSum.data() + static_cast<size_t>(y / block) * bw;
             double* counts = blockCount.data() + static_cast<size_t>(y / block) * bw;
             for (int x0 = 0, b = 0; x0 < width; x0 += block, ++b) {
@@ -149,18 +166,14 @@ struct CalibrationBuilder::State {
         for (size_t b = 0; b < means.size(); ++b) {
             means[b] = static_cast<float>(blockSum[b] / blockCount[b]);
         }
-        std::vector<float> medians(means.size());
-        if (Median_Blur(means.data(), medians.data(), bw, bh, radius, kPix32F) != 1) {
-            return false;
-        }
-        out.resize(pixels);
-        for (int y = 0; y < height; ++y) {
-            float* row = out.data() + static_cast<size_t>(y) * width;
-            const float* blockRow = medians.data() + static_cast<size_t>(y / block) * bw;
-            for (int x0 = 0, b = 0; x0 < width; x0 += block, ++b)
-                std::fill(row + x0, row + std::min(width, x0 + block), blockRow[b]);
-        }
-        return true;
+        out.resize(means.size());
+        return Median_Blur(means.data(), out.data(), bw, bh, radius, kPix32F) == 1;
+    }
+
+    // The block of pixel (x, y) in the maps that reference() makes.
+    size_t blockOf(size_t x, size_t y) const {
+        return (y / static_cast<size_t>(block)) * static_cast<size_t>(blockColumns) +
+               x / static_cast<size_t>(block);
     }
 
     int analyse(const DefectThresholds& t);
@@ -285,10 +298,21 @@ int CalibrationBuilder::State::analyse(const DefectThresholds& t) {
     int degrees = 0;
     for (int n : exposures) degrees += n - 1;
     const bool spreadTests = degrees >= kMinSpreadDegrees;
+    block = t.localBlock;
+    blockColumns = (width + block - 1) / block;
+    columnBlock.resize(static_cast<size_t>(width));
+    for (size_t x = 0; x < columnBlock.size(); ++x) {
+        columnBlock[x] = static_cast<uint32_t>(x / static_cast<size_t>(block));
+    }
     std::vector<std::vector<float>> rm(L), rs(spreadTests ? L : 0);
-    for (size_t l = 0; l < L; ++l) {
-        if (!reference(*m[l], t.localBlock, t.localRadius, rm[l])) return -4;
-        if (spreadTests && !reference(*s[l], t.localBlock, t.localRadius, rs[l])) return -4;
+    {
+        std::vector<float> strip;
+        for (size_t l = 0; l < L; ++l) {
+            if (!reference(*m[l], t.localBlock, t.localRadius, strip, rm[l])) return -4;
+            if (spreadTests && !reference(*s[l], t.localBlock, t.localRadius, strip, rs[l])) {
+                return -4;
+            }
+        }
     }
 
     defects.assign(pixels, kDefectNone);
@@ -311,7 +335,9 @@ int CalibrationBuilder::State::analyse(const DefectThresholds& t) {
     counts.rows = lineRows;
     counts.clusters = clusterCount;
 
-    frames.assign(L, std::vector<uint16_t>(pixels, 0));
+    // Every pixel of a frame is written below.
+    frames.resize(L);
+    for (std::vector<uint16_t>& frame : frames) frame.resize(pixels);
     doses.assign(L, 0.0f);
     for (size_t l = 0; l < L; ++l) {
         std::vector<uint16_t>& frame = frames[l];
@@ -319,10 +345,10 @@ int CalibrationBuilder::State::analyse(const DefectThresholds& t) {
         // The cut corners keep the mean's zeros; the active pixels are then written over.
         for (size_t i = 0; i < pixels; ++i) frame[i] = ToSample(levelMean[i]);
         double sumActive = 0.0, active = 0.0;
-        forActivePixels([&](size_t i) {
+        forActivePixels([&](size_t i, size_t b) {
             // A defective pixel gets what a good one would read there: the gain it gives is
             // never used (the pixel is repaired), but it leaves the frame's mean alone.
-            if (defects[i] != kDefectNone) frame[i] = ToSample(rm[l][i]);
+            if (defects[i] != kDefectNone) frame[i] = ToSample(rm[l][b]);
             sumActive += levelMean[i];
             active += 1.0;
         });
@@ -340,10 +366,10 @@ void CalibrationBuilder::State::classifyPixels(const std::vector<const std::vect
                                                const std::vector<std::vector<float>>& rs,
                                                bool spreadTests, const DefectThresholds& t) {
     const size_t L = m.size();
-    forActivePixels([&](size_t i) {
+    forActivePixels([&](size_t i, size_t b) {
         bool dead = false, hot = false;
         for (size_t l = 0; l < L; ++l) {
-            const double ratio = Ratio((*m[l])[i], rm[l][i]);
+            const double ratio = Ratio((*m[l])[i], rm[l][b]);
             dead = dead || ratio < t.deadFraction;
             hot = hot || ratio > t.hotFraction;
         }
@@ -353,7 +379,7 @@ void CalibrationBuilder::State::classifyPixels(const std::vector<const std::vect
         }
         if (L >= 2) {
             const double rise = static_cast<double>((*m[L - 1])[i]) - (*m[0])[i];
-            const double referenceRise = static_cast<double>(rm[L - 1][i]) - rm[0][i];
+            const double referenceRise = static_cast<double>(rm[L - 1][b]) - rm[0][b];
             if (referenceRise > 0.0 &&
                 std::fabs(rise / referenceRise - 1.0) > t.responseTolerance) {
                 defects[i] = kDefectUnresponsive;
@@ -365,8 +391,8 @@ void CalibrationBuilder::State::classifyPixels(const std::vector<const std::vect
             // its own degrees of freedom.
             double squares = 0.0, n = 0.0;
             for (size_t l = 0; l < L; ++l) {
-                if (rs[l][i] > 0.0f) {
-                    const double z = (*s[l])[i] / rs[l][i];
+                if (rs[l][b] > 0.0f) {
+                    const double z = (*s[l])[i] / rs[l][b];
                     squares += z * z;
                     n += 1.0;
                 }
@@ -420,14 +446,14 @@ void CalibrationBuilder::State::markLines(const std::vector<const std::vector<fl
         std::fill(rowAbove.begin(), rowAbove.end(), 0u);
         std::fill(rowBelow.begin(), rowBelow.end(), 0u);
         const float* mean = m[l]->data();
-        const float* reference = rm[l].data();
         for (size_t y = 0; y < H; ++y) {
             long long first = 0, end = 0;
             calibration::ActiveSpan(static_cast<long long>(y), width, cut, first, end);
+            const float* reference = rm[l].data() + blockOf(0, y);
             uint32_t above = 0, below = 0;
             for (long long x = first; x < end; ++x) {
                 const size_t i = y * W + static_cast<size_t>(x);
-                const double v = Ratio(mean[i], reference[i]);
+                const double v = Ratio(mean[i], reference[columnBlock[static_cast<size_t>(x)]]);
                 const bool up = calibration::BeyondAbove(v, t.lineDeviation);
                 const bool down = calibration::BeyondBelow(v, t.lineDeviation);
                 columnAbove[static_cast<size_t>(x)] += up;
@@ -463,9 +489,11 @@ void CalibrationBuilder::State::markLines(const std::vector<const std::vector<fl
 double CalibrationBuilder::State::largestDeviation(const std::vector<const std::vector<float>*>& m,
                                                    const std::vector<std::vector<float>>& rm,
                                                    size_t i) const {
+    const size_t w = static_cast<size_t>(width);
+    const size_t b = blockOf(i % w, i / w);
     double largest = 0.0;
     for (size_t l = 0; l < m.size(); ++l) {
-        largest = std::max(largest, std::fabs(Ratio((*m[l])[i], rm[l][i]) - 1.0));
+        largest = std::max(largest, std::fabs(Ratio((*m[l])[i], rm[l][b]) - 1.0));
     }
     return largest;
 }
@@ -587,21 +615,45 @@ int CalibrationBuilder::WriteFiles(const char* gainPath, const char* defectPath,
     }
     const State& s = *state_;
     if (!s.analysed) return -2;
-    // The file is little-endian whatever the machine.
-    std::vector<uint8_t> body(s.frames.size() * s.pixels * 2);
-    uint8_t* out = body.data();
-    for (const std::vector<uint16_t>& frame : s.frames) {
-        for (uint16_t v : frame) {
-            *out++ = static_cast<uint8_t>(v & 0xFF);
-            *out++ = static_cast<uint8_t>(v >> 8);
+    std::vector<const uint16_t*> frames;
+    for (const std::vector<uint16_t>& frame : s.frames) frames.push_back(frame.data());
+    return calibration::WriteCalibrationFiles(gainPath, defectPath, header, frames,
+                                              s.defects.data(), s.pixels);
+}
+
+namespace calibration {
+
+int WriteCalibrationFiles(const char* gainPath, const char* defectPath,
+                          const CalibrationHeader& header,
+                          const std::vector<const uint16_t*>& frames, const uint8_t* defects,
+                          size_t pixels) {
+    // The file is little-endian whatever the machine. On a little-endian host the frames are
+    // written as they are kept; elsewhere their bytes are swapped into a copy first.
+    std::vector<uint8_t> swapped;
+    std::vector<BytePiece> body;
+    const uint16_t probe = 1;
+    uint8_t lowFirst = 0;
+    std::memcpy(&lowFirst, &probe, 1);
+    if (lowFirst == 1) {
+        for (const uint16_t* frame : frames) body.push_back({frame, pixels * sizeof(uint16_t)});
+    } else {
+        swapped.resize(frames.size() * pixels * 2);
+        uint8_t* out = swapped.data();
+        for (const uint16_t* frame : frames) {
+            for (size_t i = 0; i < pixels; ++i) {
+                *out++ = static_cast<uint8_t>(frame[i] & 0xFF);
+                *out++ = static_cast<uint8_t>(frame[i] >> 8);
+            }
         }
+        body.push_back({swapped.data(), swapped.size()});
     }
     CalibrationHeader gain = header;
     gain.kind = CalibrationHeader::kGainFile;
-    CalibrationHeader defects = header;
-    defects.kind = CalibrationHeader::kDefectFile;
-    if (!calibration::WriteWholeFile(gainPath, calibration::EncodeHeader(gain), body)) return 0;
-    if (!calibration::WriteWholeFile(defectPath, calibration::EncodeHeader(defects), s.defects)) {
+    CalibrationHeader defectHeader = header;
+    defectHeader.kind = CalibrationHeader::kDefectFile;
+    if (!WriteWholeFile(gainPath, EncodeHeader(gain), body)) return 0;
+    if (!WriteWholeFile(defectPath, EncodeHeader(defectHeader),
+                        std::vector<BytePiece>{{defects, pixels}})) {
         std::error_code ignored;
         std::filesystem::remove(gainPath, ignored);
         return 0;
@@ -609,4 +661,5 @@ int CalibrationBuilder::WriteFiles(const char* gainPath, const char* defectPath,
     return 1;
 }
 
+}  // namespace calibration
 }  // namespace veltrano

@@ -159,14 +159,21 @@ bool DecodeHeader(const std::vector<uint8_t>& bytes, CalibrationHeader& header) 
 
 bool WriteWholeFile(const std::string& path, const std::vector<uint8_t>& header,
                     const std::vector<uint8_t>& body) {
+    return WriteWholeFile(path, header, std::vector<BytePiece>{{body.data(), body.size()}});
+}
+
+bool WriteWholeFile(const std::string& path, const std::vector<uint8_t>& header,
+                    const std::vector<BytePiece>& body) {
     bool written = false;
     {
         std::ofstream file(path, std::ios::binary | std::ios::trunc);
         if (file) {
             file.write(reinterpret_cast<const char*>(header.data()),
                        static_cast<std::streamsize>(header.size()));
-            file.write(reinterpret_cast<const char*>(body.data()),
-                       static_cast<std::streamsize>(body.size()));
+            for (const BytePiece& piece : body) {
+                file.write(static_cast<const char*>(piece.data),
+                           static_cast<std::streamsize>(piece.size));
+            }
             file.close();
             written = static_cast<bool>(file);
         }

@@ -67,6 +67,21 @@ bool DecodeHeader(const std::vector<uint8_t>& bytes, CalibrationHeader& header);
 // Writes header and body to path; on any failure removes what was written and returns false.
 bool WriteWholeFile(const std::string& path, const std::vector<uint8_t>& header,
                     const std::vector<uint8_t>& body);
+// The same with a body in pieces, written one after the other (a piece: its bytes and count).
+struct BytePiece {
+    const void* data;
+    size_t size;
+};
+bool WriteWholeFile(const std::string& path, const std::vector<uint8_t>& header,
+                    const std::vector<BytePiece>& body);
+
+// The gain file of frames (each of pixels values, stored little-endian) and the defect file of
+// defects (pixels bytes), each with header, its kind set per file. Returns 1 done; 0 a file could
+// not be written completely (neither is left behind).
+int WriteCalibrationFiles(const char* gainPath, const char* defectPath,
+                          const CalibrationHeader& header,
+                          const std::vector<const uint16_t*>& frames, const uint8_t* defects,
+                          size_t pixels);
 
 // False for thresholds the defect search cannot work with (see CalibrationBuilder::Analyse).
 bool ThresholdsUsable(const DefectThresholds& thresholds);

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <ctime>
 #include <filesystem>
+#include <memory>
 #include <new>
 #include <thread>
 
@@ -87,6 +88,19 @@ struct ScratchFolder {
     std::string path;
 };
 
+// What a run keeps of the builder once the exposures are analysed: the files' contents.
+struct NewFiles {
+    std::vector<std::vector<uint16_t>> frames;
+    std::vector<uint8_t> defects;
+    int write(const std::string& gainPath, const std::string& defectPath,
+              const CalibrationHeader& header) const {
+        std::vector<const uint16_t*> pointers;
+        for (const std::vector<uint16_t>& frame : frames) pointers.push_back(frame.data());
+        return calibration::WriteCalibrationFiles(gainPath.c_str(), defectPath.c_str(), header,
+                                                  pointers, defects.data(), defects.size());
+    }
+};
+
 class Run {
 public:
     Run(const std::string& workDir, const CalibrationOptions& options,
@@ -107,7 +121,7 @@ private:
     // The checks of one exposure; empty when it is a usable flat.
     std::string check(const FlatStatistics& s, const FlatStatistics* previous,
                       const FlatStatistics* previousLevel, const std::string& which) const;
-    int verifyAndCommit(CVeltrano& detector, CalibrationBuilder& builder, const imgmat& check,
+    int verifyAndCommit(CVeltrano& detector, const NewFiles& files, const imgmat& check,
                         const std::string& scratchFolder);
 
     const std::string workDir_;
@@ -259,7 +273,8 @@ int Run::execute() {
                     "the scratch folder " + scratch + " cannot be written");
     }
 
-    CalibrationBuilder builder(width_, height_, cut_, options_.levels);
+    auto made = std::make_unique<CalibrationBuilder>(width_, height_, cut_, options_.levels);
+    CalibrationBuilder& builder = *made;
     FlatStatistics lastOfLevel;
     FlatStatistics levelBefore;
     imgmat frame;
@@ -317,6 +332,8 @@ int Run::execute() {
     if (!problem.empty()) return fail(kCalibrationRefused, problem + "; nothing was changed");
     ++taken_;
 
+    frame.clearData();  // the last exposure is in the sums
+
     if (cancelled()) return fail(kCalibrationCancelled, "cancelled; nothing was changed");
     report(options_.levels, 0, "finding the defective pixels", 91);
     const int analysed = builder.Analyse(options_.thresholds);
@@ -329,13 +346,25 @@ int Run::execute() {
         return fail(kCalibrationAnalysisFailed,
                     "the exposures could not be analysed (code " + std::to_string(analysed) + ")");
     }
-    return verifyAndCommit(detector, builder, checkFrame, scratchCalibration);
+    // Only the files' contents go on from here. They are copied out and the builder, whose
+    // sums and level maps are several times their size, is released before the detector loads
+    // the new files to try them.
+    builder.DescribeIn(result_.header);
+    NewFiles files;
+    const size_t pixels = static_cast<size_t>(width_) * static_cast<size_t>(height_);
+    files.frames.resize(static_cast<size_t>(options_.levels));
+    for (int l = 0; l < options_.levels; ++l) {
+        files.frames[static_cast<size_t>(l)].assign(builder.GainFrame(l),
+                                                    builder.GainFrame(l) + pixels);
+    }
+    files.defects.assign(builder.DefectMap(), builder.DefectMap() + pixels);
+    made.reset();
+    return verifyAndCommit(detector, files, checkFrame, scratchCalibration);
 }
 
-int Run::verifyAndCommit(CVeltrano& detector, CalibrationBuilder& builder, const imgmat& check,
+int Run::verifyAndCommit(CVeltrano& detector, const NewFiles& files, const imgmat& check,
                          const std::string& scratchFolder) {
     CalibrationHeader& header = result_.header;
-    builder.DescribeIn(header);
     header.sensorSize = detector.GetSensorSize();
     header.serialNumber = detector.GetDectectorSerialNum();
     header.created = static_cast<int64_t>(std::time(nullptr));
@@ -346,7 +375,7 @@ int Run::verifyAndCommit(CVeltrano& detector, CalibrationBuilder& builder, const
     const std::string gain = scratchFolder + "/neutral.gn";
     const std::string defects = scratchFolder + "/neutral.dft";
     imgmat map;
-    if (builder.WriteFiles(gain.c_str(), defects.c_str(), header) != 1 ||
+    if (files.write(gain, defects, header) != 1 ||
         detector.GetAndCaliFile_Gain() != 0 ||
         map.readRawFile(defects.c_str(), static_cast<unsigned long long>(width_),
                         static_cast<unsigned long long>(height_), CalibrationHeader::kBytes,
@@ -379,7 +408,7 @@ int Run::verifyAndCommit(CVeltrano& detector, CalibrationBuilder& builder, const
     const bool done = calibration::ReplaceCalibration(
         workDir_,
         [&](const std::string& g, const std::string& d) {
-            return builder.WriteFiles(g.c_str(), d.c_str(), header) == 1;
+            return files.write(g, d, header) == 1;
         },
         replaced, message);
     if (!done) {
