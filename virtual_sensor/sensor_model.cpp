@@ -485,13 +485,15 @@ std::vector<uint16_t> SensorModel::calibrationFlat(double dose) const {
 // On the way, the good pixels' values go to flat.
 int SensorModel::flatLevel(double dose, std::vector<uint16_t>& flat) const {
     const FixedPattern& pattern = *pattern_;
-    std::vector<uint64_t> histogram(65536, 0);
+    // 32-bit bins: a frame has at most 8192 x 8192 pixels, and the table at half the size stays
+    // in the cache beside the frame.
+    std::vector<uint32_t> histogram(65536, 0);
     for (int y = 0; y < rows_; ++y) {
         int first = 0, end = 0;
         cut_.uncut(y, first, end);
         const size_t rowStart = static_cast<size_t>(y) * columns_;
         // The cut corners have no pixel: they read 0.
-        histogram[0] += static_cast<uint64_t>(columns_ - (end - first));
+        histogram[0] += static_cast<uint32_t>(columns_ - (end - first));
         for (size_t i = rowStart + first; i < rowStart + end; ++i) {
             flat[i] = ToRaw(pattern.gain[i] * dose + pattern.darkOffset[i]);
         }
@@ -508,7 +510,7 @@ int SensorModel::flatLevel(double dose, std::vector<uint16_t>& flat) const {
     return level > 0.0 ? static_cast<int>(level + 0.5) : static_cast<int>(dose + 0.5);
 }
 
-double BrightMeanOf(const std::vector<uint64_t>& histogram) {
+double BrightMeanOf(const std::vector<uint32_t>& histogram) {
     double sum = 0.0;
     uint64_t counted = 0;
     for (int bin = 65535; bin >= 0 && counted < kBrightCount; --bin) {
