@@ -107,13 +107,15 @@ int WriteCalibration(const char* workDir, int frames) {
         }
     }
     std::vector<uint32_t> levels;
-    std::vector<uint8_t> gainBody;
+    // Sized for all the frames at once: grown a frame at a time, it would be moved twice over.
+    const size_t frameBytes =
+        2 * static_cast<size_t>(settings.columns()) * static_cast<size_t>(settings.rows());
+    std::vector<uint8_t> gainBody(doses.size() * frameBytes);
+    size_t at = 0;
     for (uint32_t dose : doses) {
         const std::vector<uint16_t> flat = model.calibrationFlat(dose);
         levels.push_back(flat.empty() ? 0u : flat[0]);
         // Little-endian samples, whatever the host's order.
-        size_t at = gainBody.size();
-        gainBody.resize(at + 2 * flat.size());
         for (uint16_t v : flat) {
             gainBody[at++] = static_cast<uint8_t>(v & 0xFF);
             gainBody[at++] = static_cast<uint8_t>(v >> 8);

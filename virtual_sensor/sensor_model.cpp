@@ -46,14 +46,15 @@ uint16_t ToRaw(double value) {
 // step, so the order is part of the result).
 class Spread {
 public:
-    // Adds values to this spread and bValues to b in one loop: each running sum waits on its own
-    // last step only, so the two advance side by side in the time of one.
-    template <class A, class B>
-    void add(const A* values, Spread& b, const B* bValues, int count) {
+    // Adds valueAt(k) for k in [first, end) to this spread and bValueAt(k) to b in one loop: each
+    // running sum waits on its own last step only, so the two advance side by side in the time
+    // of one, and making the values fills that time.
+    template <class ValueAt, class BValueAt>
+    void addMade(ValueAt valueAt, Spread& b, BValueAt bValueAt, int first, int end) {
         double sum = sum_, squares = squares_, bSum = b.sum_, bSquares = b.squares_;
-        for (int k = 0; k < count; ++k) {
-            const double v = values[k];
-            const double bv = bValues[k];
+        for (int k = first; k < end; ++k) {
+            const double v = valueAt(k);
+            const double bv = bValueAt(k);
             sum += v;
             squares += v * v;
             bSum += bv;
@@ -61,22 +62,22 @@ public:
         }
         sum_ = sum;
         squares_ = squares;
-        count_ += count;
+        count_ += end - first;
         b.sum_ = bSum;
         b.squares_ = bSquares;
-        b.count_ += count;
+        b.count_ += end - first;
     }
-    template <class A>
-    void add(const A* values, int count) {
+    template <class ValueAt>
+    void addMade(ValueAt valueAt, int first, int end) {
         double sum = sum_, squares = squares_;
-        for (int k = 0; k < count; ++k) {
-            const double v = values[k];
+        for (int k = first; k < end; ++k) {
+            const double v = valueAt(k);
             sum += v;
             squares += v * v;
         }
         sum_ = sum;
         squares_ = squares;
-        count_ += count;
+        count_ += end - first;
     }
     void add(double value, double times) {
         sum_ += value * times;
@@ -162,9 +163,10 @@ void PatternBuilder::buildGainMap() {
     // zero mean and unit RMS over the sensor's pixels (the cut corners have none) before they are
     // mixed, and the mixture is scaled so again.
     //
-    // That takes three passes over the frame. The shading is cheap to make again row by row, so
-    // instead of a frame of it in memory each pass makes the row it needs; the pixel part waits
-    // in the gain map until the last pass replaces it with the gain.
+    // That takes three passes over the frame. The shading is cheap to make again, so instead of a
+    // frame of it in memory each pass makes each value where it is used, beside the running sums
+    // (which wait on their own last step anyway); the pixel part waits in the gain map until the
+    // last pass replaces it with the gain.
     const uint64_t shadingSeed = StreamSeed(settings_.seed, kGainShading);
     const double coarse = std::max(4.0, columns_ / 4.0);
     const double fine = std::max(2.0, columns_ / 14.0);
@@ -186,7 +188,6 @@ void PatternBuilder::buildGainMap() {
         return ShadingRow{coarseNoise.at(y / coarse), fineNoise.at(y / fine)};
     };
 
-    std::vector<double> shading(static_cast<size_t>(columns_));
     std::vector<float> row(static_cast<size_t>(columns_));
     std::vector<double> activeInColumn(static_cast<size_t>(columns_), 0.0);
     Spread shadingSpread;
@@ -194,16 +195,15 @@ void PatternBuilder::buildGainMap() {
     Random pixelRandom(StreamSeed(settings_.seed, kGainPixels));
     for (int y = 0; y < rows_; ++y) {
         const ShadingRow shadingHere = shadingOfRow(y);
-        for (int x = 0; x < columns_; ++x) {
-            shading[static_cast<size_t>(x)] = shadingHere(x);
-        }
-        float* pixelPart = row.data();
-        pixelRandom.gaussians(pixelPart, row.size());
+        const float* pixelPart = row.data();
+        pixelRandom.gaussians(row.data(), row.size());
         gain_.insert(gain_.end(), row.begin(), row.end());
         int first = 0, end = 0;
         cut_.uncut(y, first, end);
         if (first < end) {
-            shadingSpread.add(&shading[first], pixelSpread, pixelPart + first, end - first);
+            // Only the sensor's pixels count; the shading of a cut corner is never needed.
+            shadingSpread.addMade(shadingHere, pixelSpread,
+                                  [pixelPart](int x) { return pixelPart[x]; }, first, end);
             for (int x = first; x < end; ++x) {
                 activeInColumn[static_cast<size_t>(x)] += 1.0;
             }
@@ -226,19 +226,13 @@ void PatternBuilder::buildGainMap() {
         return shadingScale * (shadingHere(x) - shadingMean) + columnGain[static_cast<size_t>(x)] +
                pixelScale * (pixelPart[x] - pixelMean);
     };
-    std::vector<double> mixed(static_cast<size_t>(columns_));
     Spread mixedSpread;
     for (int y = 0; y < rows_; ++y) {
         int first = 0, end = 0;
         cut_.uncut(y, first, end);
         const ShadingRow shadingHere = shadingOfRow(y);
         const float* pixelPart = &gain_[static_cast<size_t>(y) * columns_];
-        for (int x = first; x < end; ++x) {
-            mixed[static_cast<size_t>(x)] = mixedAt(shadingHere, pixelPart, x);
-        }
-        if (first < end) {
-            mixedSpread.add(&mixed[first], end - first);
-        }
+        mixedSpread.addMade([&](int x) { return mixedAt(shadingHere, pixelPart, x); }, first, end);
     }
     const double mixedMean = mixedSpread.mean();
     const double mixedScale = kGainSpread / mixedSpread.rms();
@@ -491,13 +485,15 @@ std::vector<uint16_t> SensorModel::calibrationFlat(double dose) const {
 // On the way, the good pixels' values go to flat.
 int SensorModel::flatLevel(double dose, std::vector<uint16_t>& flat) const {
     const FixedPattern& pattern = *pattern_;
-    std::vector<uint64_t> histogram(65536, 0);
+    // 32-bit bins: a frame has at most 8192 x 8192 pixels, and the table at half the size stays
+    // in the cache beside the frame.
+    std::vector<uint32_t> histogram(65536, 0);
     for (int y = 0; y < rows_; ++y) {
         int first = 0, end = 0;
         cut_.uncut(y, first, end);
         const size_t rowStart = static_cast<size_t>(y) * columns_;
         // The cut corners have no pixel: they read 0.
-        histogram[0] += static_cast<uint64_t>(columns_ - (end - first));
+        histogram[0] += static_cast<uint32_t>(columns_ - (end - first));
         for (size_t i = rowStart + first; i < rowStart + end; ++i) {
             flat[i] = ToRaw(pattern.gain[i] * dose + pattern.darkOffset[i]);
         }
@@ -514,7 +510,7 @@ int SensorModel::flatLevel(double dose, std::vector<uint16_t>& flat) const {
     return level > 0.0 ? static_cast<int>(level + 0.5) : static_cast<int>(dose + 0.5);
 }
 
-double BrightMeanOf(const std::vector<uint64_t>& histogram) {
+double BrightMeanOf(const std::vector<uint32_t>& histogram) {
     double sum = 0.0;
     uint64_t counted = 0;
     for (int bin = 65535; bin >= 0 && counted < kBrightCount; --bin) {

@@ -76,6 +76,6 @@ private:
 // The bright mean of a frame, from its histogram of 65536 bins, as the gain correction computes
 // it: the mean of the brightest pixels, taken by whole bins from the top until at least 5000
 // pixels are counted.
-double BrightMeanOf(const std::vector<uint64_t>& histogram);
+double BrightMeanOf(const std::vector<uint32_t>& histogram);
 
 }  // namespace virtual_sensor
