@@ -152,8 +152,8 @@ struct CalibrationBuilder::State {
         std::vector<double> blockSum(static_cast<size_t>(bw) * bh, 0.0);
         std::vector<double> blockCount(blockSum.size(), 0.0);
         for (int y = 0; y < height; ++y) {
-            const float* row = (y < stripRows ? strip.data() : map.data()) +
-                               static_cast<size_t>(y) * width;
+            const float* row =
+                (y < stripRows ? strip.data() : map.data()) + static_cast<size_t>(y) * width;
             double* sums = blockSum.data() + static_cast<size_t>(y / block) * bw;
             double* counts = blockCount.data() + static_cast<size_t>(y / block) * bw;
             for (int x0 = 0, b = 0; x0 < width; x0 += block, ++b) {

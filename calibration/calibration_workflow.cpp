@@ -375,8 +375,7 @@ int Run::verifyAndCommit(CVeltrano& detector, const NewFiles& files, const imgma
     const std::string gain = scratchFolder + "/neutral.gn";
     const std::string defects = scratchFolder + "/neutral.dft";
     imgmat map;
-    if (files.write(gain, defects, header) != 1 ||
-        detector.GetAndCaliFile_Gain() != 0 ||
+    if (files.write(gain, defects, header) != 1 || detector.GetAndCaliFile_Gain() != 0 ||
         map.readRawFile(defects.c_str(), static_cast<unsigned long long>(width_),
                         static_cast<unsigned long long>(height_), CalibrationHeader::kBytes,
                         1) != 1) {
@@ -407,9 +406,7 @@ int Run::verifyAndCommit(CVeltrano& detector, const NewFiles& files, const imgma
     std::string message;
     const bool done = calibration::ReplaceCalibration(
         workDir_,
-        [&](const std::string& g, const std::string& d) {
-            return files.write(g, d, header) == 1;
-        },
+        [&](const std::string& g, const std::string& d) { return files.write(g, d, header) == 1; },
         replaced, message);
     if (!done) {
         return fail(kCalibrationWriteFailed, message);

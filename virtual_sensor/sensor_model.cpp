@@ -202,8 +202,8 @@ void PatternBuilder::buildGainMap() {
         cut_.uncut(y, first, end);
         if (first < end) {
             // Only the sensor's pixels count; the shading of a cut corner is never needed.
-            shadingSpread.addMade(shadingHere, pixelSpread,
-                                  [pixelPart](int x) { return pixelPart[x]; }, first, end);
+            shadingSpread.addMade(
+                shadingHere, pixelSpread, [pixelPart](int x) { return pixelPart[x]; }, first, end);
             for (int x = first; x < end; ++x) {
                 activeInColumn[static_cast<size_t>(x)] += 1.0;
             }
